@@ -1,0 +1,38 @@
+/* Database records and keys of the daemon's stored configuration. In memory
+ * the numeric fields are in host order; stored, usFamily, uiBndNum,
+ * usVrfIndex (bundle) and uiTnlNum, usWeight, usVrfIndex (member) are
+ * big-endian. */
+#ifndef TBDL_DBM_REC_H
+#define TBDL_DBM_REC_H
+
+#include <stddef.h>
+
+#include "tbdl_bnd_rec.h"
+
+typedef struct tagTBDL_DBM_BND {
+    TBDL_ADDR_S stAddr;
+    u32 uiBndNum;
+    u8 ucMode;
+    u8 ucTnlMode;
+    u16 usResv1;
+    u16 usVrfIndex;
+    u16 usResv2;
+} TBDL_DBM_BND_S;
+static_assert(sizeof(TBDL_DBM_BND_S) == 32, "stored bundle record is 32 bytes");
+static_assert(offsetof(TBDL_DBM_BND_S, uiBndNum) == 20, "bundle number at 20");
+static_assert(offsetof(TBDL_DBM_BND_S, ucMode) == 24, "mode at 24");
+static_assert(offsetof(TBDL_DBM_BND_S, ucTnlMode) == 25, "tunnel mode at 25");
+static_assert(offsetof(TBDL_DBM_BND_S, usVrfIndex) == 28, "VRF at 28");
+
+/* Stored member record: same layout as TBDL_MEMB_CFG_S. */
+#define TBDL_DBM_MEMB_LEN 12u
+#define TBDL_DBM_BND_LEN 32u
+
+#define TBDL_DBM_KEY_BND 0x01u
+#define TBDL_DBM_KEY_MEMB 0x02u
+#define TBDL_DBM_KEY_BND_LEN 1u
+#define TBDL_DBM_KEY_MEMB_LEN 5u
+#define TBDL_DBM_BND_SORT_OFFSET 20u
+#define TBDL_DBM_MEMB_SORT_OFFSET 0u
+
+#endif

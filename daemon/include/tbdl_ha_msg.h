@@ -1,0 +1,22 @@
+/* HA backup messages: STLV TLVs whose type is the message type and whose
+ * value is the kernel payload with its numeric fields in network order. */
+#ifndef TBDL_HA_MSG_H
+#define TBDL_HA_MSG_H
+
+#include "tbdl_ktbdl.h"
+
+#define TBDL_HA_MSG_BND_UPDATE 1u
+#define TBDL_HA_MSG_MEMB_ADD 2u
+#define TBDL_HA_MSG_MEMB_DEL 3u
+#define TBDL_HA_MSG_BND_UPDATE_LEN 36u
+#define TBDL_HA_MSG_MEMB_LEN 8u
+
+#define TBDL_HA_EV_DEACTIVATE 0u
+#define TBDL_HA_EV_BATCH_BACKUP 1u
+#define TBDL_HA_EV_UPGRADE 2u
+#define TBDL_HA_EV_ACK_ONLY 3u
+
+#define TBDL_HA_SEND_BATCH 0u
+#define TBDL_HA_SEND_REALTIME 1u
+
+#endif

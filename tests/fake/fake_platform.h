@@ -1,0 +1,143 @@
+/* Recording fake of the platform API for unit tests.
+ *
+ * Every platform call the daemon makes is recorded in order with its
+ * arguments and payload bytes. Results can be scripted per call name (fail
+ * once, fail the Nth call, fail always) and hooks can run inside a call, on
+ * the daemon's own thread. Behind the calls stands a small in-memory
+ * platform: interfaces, VRF bindings, a private-data store, a database of
+ * sorted lists, a kernel bundle table, an HA channel and a log, enough for
+ * the daemon's modules and its event loop to run for real in a test.
+ *
+ * Event sources are real descriptors (pipes/eventfds), so the daemon's
+ * epoll loop can wait on them. */
+#ifndef FAKE_PLATFORM_H
+#define FAKE_PLATFORM_H
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace fake {
+
+/* One recorded call.
+ * - args: the integer arguments in order (pointers are not recorded as
+ *   numbers; strings go to text, buffers to data).
+ * - data: payload bytes the call received (CIOCTL payload, DBM key followed by
+ *   record, HA message, private data pointer not included, ...). Where a
+ *   call takes a key and a record, data holds the key bytes and rec the
+ *   record bytes.
+ * - text: string arguments joined by '|' (interface names, DBM names, log
+ *   identity|type|formatted text, option names).
+ * - result: what the call returned to the daemon. */
+struct Call {
+    std::string name;
+    std::vector<uint64_t> args;
+    std::vector<uint8_t> data;
+    std::vector<uint8_t> rec;
+    std::string text;
+    uint64_t result = 0;
+};
+
+/* Clears the journal, every script and hook, and the emulated state, and
+ * restores the default settings below. Call at the start of every test. */
+void Reset();
+
+/* The journal. */
+const std::vector<Call> &Calls();
+std::vector<Call> CallsOf(const std::string &name);
+size_t CountOf(const std::string &name);
+/* Names of the recorded calls in order, optionally only those in `only`. */
+std::vector<std::string> Names(const std::vector<std::string> &only = {});
+void ClearJournal();
+
+/* Scripted results, per call name (e.g. "CIOCTL", "DBM_InsertSortList",
+ * "HA_Init"). A scripted call does not run its emulated behaviour; it only
+ * records and returns `result` (out-parameters untouched). */
+void FailOnce(const std::string &name, uint64_t result);
+void FailNth(const std::string &name, unsigned n /* 1 = next call */, uint64_t result);
+void FailAlways(const std::string &name, uint64_t result);
+void ClearFailures();
+
+/* A hook runs after the call is recorded and before it returns, on the
+ * caller's thread (e.g. raise the stop signal from SERVICE_SetStatus). */
+void OnCall(const std::string &name, std::function<void(const Call &)> hook);
+
+/* Platform settings, read by the calls at the moment they are made. */
+struct Settings {
+    uint32_t maxBnd = 1024;       /* IF_GetDataByIfType(96, 13) */
+    bool maxBndAnswers = true;    /* false: the call fails and writes nothing */
+    bool lfibOk = true;           /* LFIB_GetInfo result 0 */
+    uint8_t lfibMaxMemb = 8;      /* byte 11 of the LFIB record */
+    uint16_t modes[3] = {1, 1, 1}; /* LoadBalancing, ProtectionOnetoone, ProtectionOneplusone */
+    uint32_t startCause = 1;      /* SERVICE_GetStartCause: 0 = system boot */
+    bool master = true;           /* HA_IsMaster */
+    bool slavePresent = false;    /* HA_IsExistSlaveService */
+    uint32_t haMtu = 1400;        /* HA_GetMTU */
+};
+Settings &Config();
+
+/* Interfaces known to the interface manager. "Tunnel-Bundle%d" names get an
+ * index on demand from IF_GetIfIndexByFullName (from 0x1000 upward); other
+ * names must be added. */
+struct Interface {
+    std::string name;
+    uint32_t ifIndex = 0;
+    uint32_t type = 39;     /* data item 18 */
+    uint32_t number = 0;    /* data item 0 */
+    uint32_t tnlMode = 0;   /* TUNNEL_GetMode */
+    uint32_t state = 1;     /* data item 31 */
+    uint16_t vrf = 0;       /* L3VPN_GetVrfIndexByIfIndex */
+};
+/* Adds "Tunnel<number>" of type 39 with the next free index (from 0x100
+ * upward) and returns its index. */
+uint32_t AddTunnel(uint32_t number, uint32_t tnlMode = 0, uint32_t state = 1, uint16_t vrf = 0);
+void AddInterface(const Interface &intf);
+Interface *FindInterface(uint32_t ifIndex);
+Interface *FindInterface(const std::string &name);
+void RemoveInterface(uint32_t ifIndex);
+void SetVrf(uint32_t ifIndex, uint16_t vrf);
+
+/* Private-data store: ifindex -> pointer, for the one instance. */
+std::map<uint32_t, void *> &PrivateData();
+
+/* Database: sorted lists keyed by the key bytes; records in stored
+ * (big-endian) form, kept in sort-word order. */
+using Bytes = std::vector<uint8_t>;
+std::map<Bytes, std::vector<Bytes>> &Db();
+bool DbOpen();               /* a DBM_Open succeeded and no DBM_Close since */
+void DbPut(const Bytes &key, uint32_t sortOffset, const Bytes &rec); /* seed stored records */
+
+/* Kernel bundle table of this board, as the KTBDL commands left it. */
+struct KBundle {
+    Bytes payload;                  /* last bundle update (36 bytes) */
+    std::vector<uint32_t> members;  /* member ifindexes in order added */
+};
+std::map<uint32_t, KBundle> &Ktbdl(); /* keyed by bundle ifindex */
+
+/* HA channel. HA_Init returns a real descriptor; these push input onto it,
+ * which HA_Dispatch then delivers to the daemon's callbacks. */
+void HaPushEvent(uint32_t event);
+void HaPushMessage(const Bytes &msg, uint32_t type);
+/* Messages the daemon sent with HA_SendMsgSync: bytes and flag. */
+struct HaSent {
+    Bytes msg;
+    uint32_t flag;
+};
+const std::vector<HaSent> &HaSentMessages();
+/* Responses the daemon gave with HA_Response: event and the u32 its data
+ * pointed to (0xFFFFFFFF when the data pointer was NULL). */
+const std::vector<std::pair<uint32_t, uint32_t>> &HaResponses();
+
+/* Log lines written with vsyslog2: "TYPE text" with the text formatted, e.g.
+ * "ERROR Failed to save member (7) to DBM.\r\n". */
+std::vector<std::string> LogLines();
+bool LogOpen(); /* openlog called and closelog2 not yet */
+
+/* Service manager: the statuses reported with SERVICE_SetStatus. */
+const std::vector<uint32_t> &ServiceStatuses();
+
+} // namespace fake
+
+#endif

@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# Installs what is needed, builds and runs every test:
+#   1. a build with line coverage: unit, platform and system tests, then the
+#      line coverage of the daemon's code;
+#   2. a build with AddressSanitizer and UndefinedBehaviorSanitizer: the same
+#      tests again;
+#   3. a bounded fuzzing run of the configuration request path, plus every
+#      input that ever crashed it.
+# Ends with one line "N passed, M failed" over all of them.
+set -uo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+
+scripts/install-deps.sh || { echo "dependency installation failed"; exit 1; }
+
+passed=0
+failed=0
+status=0
+
+run_ctest() { # name build-dir
+  local name="$1" dir="$2" log
+  log="$dir/ctest.log"
+  echo "== $name: tests"
+  (cd "$dir" && ctest --output-on-failure -j2 --timeout 300) 2>&1 | tee "$log" | \
+    grep -E '^(Test project|.*tests passed|The following tests FAILED|[[:space:]]+[0-9]+ - )' || true
+  local line p f
+  line=$(grep -E '[0-9]+% tests passed, [0-9]+ tests failed out of [0-9]+' "$log" | tail -1)
+  if [ -z "$line" ]; then
+    echo "$name: ctest did not run"; status=1; return
+  fi
+  f=$(sed -E 's/.*passed, ([0-9]+) tests failed out of ([0-9]+).*/\1/' <<<"$line")
+  p=$(sed -E 's/.*passed, ([0-9]+) tests failed out of ([0-9]+).*/\2/' <<<"$line")
+  p=$((p - f))
+  passed=$((passed + p)); failed=$((failed + f))
+  [ "$f" -eq 0 ] || status=1
+}
+
+echo "== Build with coverage"
+if scripts/build.sh build-cov -DCMAKE_BUILD_TYPE=Debug -DTBDL_COVERAGE=ON -DTBDL_BUILD_BENCH=OFF; then
+  find build-cov -name '*.gcda' -delete
+  run_ctest coverage build-cov
+  echo "== Line coverage of daemon/"
+  gcovr -r "$root" --filter "$root/daemon/" --object-directory build-cov build-cov 2>/dev/null | \
+    grep -E '^(TOTAL|daemon/|---|File)' || echo "coverage report unavailable"
+else
+  echo "coverage build failed"; status=1; failed=$((failed + 1))
+fi
+
+echo "== Build with AddressSanitizer and UndefinedBehaviorSanitizer"
+if scripts/build.sh build-asan -DCMAKE_BUILD_TYPE=Debug -DTBDL_SANITIZE=ON -DTBDL_BUILD_BENCH=OFF; then
+  export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
+  export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+  run_ctest sanitizers build-asan
+else
+  echo "sanitizer build failed"; status=1; failed=$((failed + 1))
+fi
+
+if [ -x fuzz/run.sh ]; then
+  echo "== Fuzzing the configuration request path"
+  if fuzz/run.sh; then
+    passed=$((passed + 1))
+  else
+    echo "fuzzing found a failure"; failed=$((failed + 1)); status=1
+  fi
+fi
+
+echo "tests: $passed passed, $failed failed"
+exit $status

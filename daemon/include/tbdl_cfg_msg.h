@@ -79,4 +79,49 @@ typedef u32 (*TBDL_DISP_HANDLER_PF)(u16 usOper, const TBDL_CFG_KEY_S *pstKey, u1
 #define TBDL_DISP_DEBUG_LEN 4u
 #define TBDL_DISP_SPEC_LEN 16u
 
+/* Value of TLV 402: the fixed part, then one member entry per member. */
+typedef struct tagTBDL_DISP_BND_VAL {
+    u16 usFamily;         /* address family, big-endian */
+    u8 aucAddrRest[18];   /* carried bytes and address bytes, as stored */
+    u32 uiBndNum;
+    u32 uiMembNum;        /* member entries that follow */
+    u16 usTnlMode;
+    u8 ucState;           /* 1 = up */
+    u8 ucMode;
+} TBDL_DISP_BND_VAL_S;
+static_assert(sizeof(TBDL_DISP_BND_VAL_S) == TBDL_DISP_BND_FIXED_LEN, "bundle details are 32 bytes");
+static_assert(offsetof(TBDL_DISP_BND_VAL_S, uiBndNum) == 20, "bundle number at 20");
+static_assert(offsetof(TBDL_DISP_BND_VAL_S, uiMembNum) == 24, "member count at 24");
+static_assert(offsetof(TBDL_DISP_BND_VAL_S, usTnlMode) == 28, "tunnel mode at 28");
+static_assert(offsetof(TBDL_DISP_BND_VAL_S, ucState) == 30, "state at 30");
+static_assert(offsetof(TBDL_DISP_BND_VAL_S, ucMode) == 31, "mode at 31");
+
+typedef struct tagTBDL_DISP_MEMB_VAL {
+    u32 uiTnlNum;         /* N of "Tunnel" N */
+    u16 usWeight;
+    u8 ucRole;
+    u8 ucState;
+} TBDL_DISP_MEMB_VAL_S;
+static_assert(sizeof(TBDL_DISP_MEMB_VAL_S) == TBDL_DISP_BND_MEMB_LEN, "member entry is 8 bytes");
+
+/* Value of TLV 403: bundles counted, of them up, of them down. */
+typedef struct tagTBDL_DISP_COUNT_VAL {
+    u32 uiTotal;
+    u32 uiUp;
+    u32 uiDown;
+} TBDL_DISP_COUNT_VAL_S;
+static_assert(sizeof(TBDL_DISP_COUNT_VAL_S) == TBDL_DISP_COUNT_LEN, "counts are 12 bytes");
+
+/* Value of TLV 405: the device limits. */
+typedef struct tagTBDL_DISP_SPEC_VAL {
+    u32 uiMaxBndNum;
+    u32 uiMaxMembNum;
+    u16 usLoadBalancing;
+    u16 usProtectionOnetoone;
+    u16 usProtectionOneplusone;
+    u16 usResv;
+} TBDL_DISP_SPEC_VAL_S;
+static_assert(sizeof(TBDL_DISP_SPEC_VAL_S) == TBDL_DISP_SPEC_LEN, "limits are 16 bytes");
+static_assert(offsetof(TBDL_DISP_SPEC_VAL_S, usLoadBalancing) == 8, "switches at 8");
+
 #endif

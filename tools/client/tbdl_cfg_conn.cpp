@@ -1,0 +1,169 @@
+/* Connection to a configuration socket (AF_UNIX, SOCK_SEQPACKET). */
+#include "tbdl_cfg_conn.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+
+#include <nlohmann/json.hpp>
+
+namespace tbdl::client {
+
+namespace {
+
+/* Larger than any reply the daemon sends; a bigger one is reported. */
+constexpr std::size_t kRecvRoom = 65536;
+
+std::string Errno(int err)
+{
+    return std::strerror(err);
+}
+
+}  // namespace
+
+Outcome<std::string> FindCfgSocket(const std::string &dir, std::optional<int> board)
+{
+    if (!board) {
+        const std::string file = dir + "/chassis.json";
+        std::ifstream in(file);
+        if (!in) {
+            return Fail("cannot read " + file + ": " + Errno(errno));
+        }
+        nlohmann::json j = nlohmann::json::parse(in, nullptr, false);
+        if (j.is_discarded() || !j.is_object() || !j.contains("master_board") ||
+            !j["master_board"].is_number_integer()) {
+            return Fail(file + " names no master board");
+        }
+        board = j["master_board"].get<int>();
+    }
+    return dir + "/board" + std::to_string(*board) + "/cfg.sock";
+}
+
+Connection::~Connection()
+{
+    close();
+}
+
+Connection::Connection(Connection &&other) noexcept
+    : m_fd(other.m_fd), m_timeoutMs(other.m_timeoutMs), m_path(std::move(other.m_path))
+{
+    other.m_fd = -1;
+}
+
+Connection &Connection::operator=(Connection &&other) noexcept
+{
+    if (this != &other) {
+        close();
+        m_fd = other.m_fd;
+        m_timeoutMs = other.m_timeoutMs;
+        m_path = std::move(other.m_path);
+        other.m_fd = -1;
+    }
+    return *this;
+}
+
+void Connection::close()
+{
+    if (m_fd >= 0) {
+        ::close(m_fd);
+        m_fd = -1;
+    }
+}
+
+Outcome<Connection> Connection::Open(const std::string &path, int timeoutMs)
+{
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (path.size() >= sizeof(addr.sun_path)) {
+        return Fail("socket path too long: " + path);
+    }
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    int fd = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return Fail("cannot create a socket: " + Errno(errno));
+    }
+    if (::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0) {
+        int err = errno;
+        ::close(fd);
+        return Fail("cannot connect to " + path + ": " + Errno(err));
+    }
+    Connection conn;
+    conn.m_fd = fd;
+    conn.m_timeoutMs = timeoutMs;
+    conn.m_path = path;
+    return conn;
+}
+
+Outcome<Bytes> Connection::Exchange(const Bytes &request)
+{
+    if (m_fd < 0) {
+        return Fail("not connected");
+    }
+    ssize_t sent;
+    do {
+        sent = ::send(m_fd, request.data(), request.size(), MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    if (sent < 0) {
+        return Fail("cannot send to " + m_path + ": " + Errno(errno));
+    }
+    if (static_cast<std::size_t>(sent) != request.size()) {
+        return Fail("short send to " + m_path);
+    }
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(m_timeoutMs);
+    for (;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
+                                                                          std::chrono::steady_clock::now());
+        if (left.count() < 0) {
+            left = std::chrono::milliseconds(0);
+        }
+        pollfd pfd{m_fd, POLLIN, 0};
+        int n = ::poll(&pfd, 1, static_cast<int>(left.count()));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            return Fail("cannot wait for a reply: " + Errno(errno));
+        }
+        if (n == 0) {
+            return Fail("no reply from " + m_path + " within " + std::to_string(m_timeoutMs) + " ms");
+        }
+        Bytes reply(kRecvRoom);
+        ssize_t got = ::recv(m_fd, reply.data(), reply.size(), MSG_TRUNC);
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got < 0) {
+            return Fail("cannot receive from " + m_path + ": " + Errno(errno));
+        }
+        if (got == 0) {
+            return Fail("the daemon closed the connection " + m_path);
+        }
+        if (static_cast<std::size_t>(got) > reply.size()) {
+            return Fail("reply of " + std::to_string(got) + " bytes is too large");
+        }
+        reply.resize(static_cast<std::size_t>(got));
+        return reply;
+    }
+}
+
+Outcome<Message> Connection::Transact(const Bytes &request)
+{
+    Outcome<Bytes> reply = Exchange(request);
+    if (!reply) {
+        return Fail(reply.error());
+    }
+    std::string err;
+    std::optional<Message> msg = DecodeMessage(reply->data(), reply->size(), &err);
+    if (!msg) {
+        return Fail(err);
+    }
+    return std::move(*msg);
+}
+
+}  // namespace tbdl::client

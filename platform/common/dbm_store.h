@@ -1,0 +1,124 @@
+/* The platform database store: keyed sorted lists of records in one SQLite
+ * file per chassis (DIR/dbm.sqlite, WAL), shared by both boards. Several
+ * logical databases, each with its own name, live side by side in the
+ * file.
+ *
+ * Tables (WITHOUT ROWID, every row carries its database name):
+ *   dbm_databases(db, owner)                  one row per opened database
+ *   dbm_lists(db, key, sort_off, sort_len)    one row per list (key)
+ *   dbm_records(db, key, sortword, rec)       the records of each list
+ * A record's sort word is the byte range sort_off .. sort_off+sort_len of
+ * the record, stored separately so that SQLite's BLOB order (memcmp, then
+ * length) is the list's order and an equal sort word is the same row.
+ *
+ * Every change is one statement or one explicit transaction, committed
+ * before the call returns: a change that was answered survives the death
+ * of the process. */
+#ifndef TBDL_PLAT_DBM_STORE_H
+#define TBDL_PLAT_DBM_STORE_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace tbdl::plat {
+
+enum class DbmStatus : uint32_t {
+    Ok = 0,
+    NotFound = 1,   /* no such key or record */
+    BadArg = 2,     /* key or record length out of range, record shorter than its sort word */
+    NoSortWord = 3, /* the list has no sort word yet */
+    StoreError = 4, /* SQLite failed; LastError() says why */
+};
+
+/* A record as read back: its sort word and its bytes. */
+struct DbmRecord {
+    std::string sortWord;
+    std::string bytes;
+};
+
+class DbmStore {
+public:
+    /* Opens (creating when missing) the store file at path and the logical
+     * database name for owner. nullptr on failure with err set: the
+     * directory or file is not writable, the file is not a healthy
+     * database, or the schema cannot be created. */
+    static std::unique_ptr<DbmStore> Open(const std::string &path, const std::string &name,
+                                          const std::string &owner, std::string &err);
+    ~DbmStore();
+    DbmStore(const DbmStore &) = delete;
+    DbmStore &operator=(const DbmStore &) = delete;
+
+    const std::string &Name() const { return name_; }
+    const std::string &LastError() const { return lastError_; }
+
+    DbmStatus KeyExists(std::string_view key, bool &exists);
+    /* Creates the list with this sort word, or changes the sort word of an
+     * existing one (its records are re-keyed; of records whose new sort words
+     * are equal the last one read stays). */
+    DbmStatus SetSortWord(std::string_view key, uint32_t offset, uint32_t length);
+    /* Inserts or replaces (equal sort word) a record. */
+    DbmStatus Insert(std::string_view key, std::string_view rec);
+    /* Removes the record whose sort word equals rec's. */
+    DbmStatus Remove(std::string_view key, std::string_view rec);
+    DbmStatus Count(std::string_view key, uint32_t &count);
+    DbmStatus DeleteKey(std::string_view key);
+    /* Keys whose first byte is first, ascending. */
+    DbmStatus KeysByFirstByte(uint8_t first, std::vector<std::string> &keys);
+    /* Up to limit records of the list whose sort words are above after
+     * ("" = from the first), ascending. A missing list reads as empty. */
+    DbmStatus ReadAfter(std::string_view key, std::string_view after, uint32_t limit, std::vector<DbmRecord> &out);
+
+private:
+    enum Stmt {
+        kKeyExists,
+        kListGet,
+        kListInsert,
+        kListUpdate,
+        kInsert,
+        kRemove,
+        kCount,
+        kDeleteRecords,
+        kDeleteList,
+        kKeysByFirst,
+        kReadAfter,
+        kReadAll,
+        kBegin,
+        kCommit,
+        kRollback,
+        kStmtCount
+    };
+
+    DbmStore(sqlite3 *db, std::string name);
+    bool Prepare(std::string &err);
+    sqlite3_stmt *Use(Stmt which); /* reset and cleared bindings */
+    void BindKey(sqlite3_stmt *stmt, std::string_view key);
+    DbmStatus Fail(const char *what);
+    DbmStatus Step(Stmt which); /* for statements without rows */
+    DbmStatus Rekey(std::string_view key, uint32_t offset, uint32_t length);
+
+    sqlite3 *db_ = nullptr;
+    std::string name_;
+    std::string lastError_;
+    sqlite3_stmt *stmts_[kStmtCount] = {};
+};
+
+/* Read-only dump of every database, list and record of the store file at
+ * path, as JSON (json = true) or as text for people. Keys, sort words and
+ * records are shown as hex. Returns "" and sets err when the file cannot be
+ * read; err is cleared on success. Never creates or changes the file.
+ *
+ * JSON: {"path":..., "databases":[{"name":"eTBDL","owner":"TBDL",
+ *        "lists":[{"key":"01","sort_offset":20,"sort_length":4,
+ *                  "records":["00020000...", ...]}]}]} */
+std::string DumpDatabase(const std::string &path, bool json, std::string &err);
+
+} // namespace tbdl::plat
+
+#endif

@@ -19,6 +19,8 @@
 #include <string>
 #include <vector>
 
+#include "platform.h"
+
 namespace fake {
 
 /* One recorded call.
@@ -137,6 +139,40 @@ bool LogOpen(); /* openlog called and closelog2 not yet */
 
 /* Service manager: the statuses reported with SERVICE_SetStatus. */
 const std::vector<uint32_t> &ServiceStatuses();
+
+/* ---- Event sources of later features ----
+ * The calls that open an event source (IF_Event_Init, IF_RegIfEventEx,
+ * L3VPN_RegEvt, LSM_RegProtocolHandler, SubscribeServicePortEvent,
+ * PS_Register) and the calls that read one (IF_ResponseEventPkt,
+ * L3VPN_ProcEvt, LSM_HandleMsg, RecvServicePortEvent) fail by default (-1,
+ * a 0 handle, or 1). Script them to succeed, e.g. FailAlways("IF_Event_Init",
+ * fdOfAnEventfdTheTestOwns), and deliver events from a hook on the read call
+ * through the callbacks below. The other calls on a registration
+ * (IF_Select_Init, IF_SelectType_Set, IF_UnRegEvent, IF_NotifyFinalStatus,
+ * IF_Event_Fini, L3VPN_RequestBatch, L3VPN_FinalStatusNotify,
+ * L3VPN_DeregEvent, LSM_DeregProtocolHandler, LSM_SendGrEvent,
+ * LSM_AddLspEntry, LSM_DeleteLspEntry, LSM_FlushLspEntry, PS_Deregister)
+ * record and answer 0.
+ *
+ * Journal details: 32-bit signed values (descriptors, i32 results) are
+ * recorded sign-extended, unsigned ones zero-extended. LSM_AddLspEntry
+ * records the 96-byte entry in data and, in rec, the primary paths it
+ * announces (64 bytes each) followed by the 16-byte attribute block;
+ * LSM_DeleteLspEntry records the 28 key bytes in data. */
+struct Registrations {
+    IF_EVENT_CB_PF pfnIfEvent = nullptr; /* IF_RegIfEventEx callback */
+    uint32_t uiIfEventArg = 0;           /* ... and its last argument */
+    L3VPN_EVT_CB_PF pfnL3vpn = nullptr;  /* L3VPN_RegEvt callback */
+    LSM_MSG_HANDLER_PF pfnLsm = nullptr; /* LSM_RegProtocolHandler handler */
+};
+Registrations &Registered();
+
+/* The path LIPC_GetHostPath gives for a local port: unique per test process
+ * and per Reset; Reset removes the sockets of the previous test. */
+std::string HostPath(uint16_t port);
+
+/* A KTBDL command the fake does not know, or a payload of the wrong length,
+ * is recorded and answered 1 without touching Ktbdl(). */
 
 } // namespace fake
 

@@ -1,0 +1,179 @@
+/* Journal, scripted results, hooks and settings of the recording fake. */
+#include <mutex>
+#include <utility>
+
+#include "fake_internal.h"
+
+namespace fake {
+namespace {
+
+struct Script {
+    bool bAlways = false;
+    uint64_t ulAlways = 0;
+    /* Pending Nth-call failures: calls still to pass before it fires. */
+    std::vector<std::pair<unsigned, uint64_t>> vecNth;
+};
+
+std::mutex g_mtxJournal;
+std::vector<Call> g_vecCalls;
+std::map<std::string, Script> g_mapScripts;
+std::map<std::string, std::function<void(const Call &)>> g_mapHooks;
+Settings g_stSettings;
+
+} // namespace
+
+namespace detail {
+
+bool Scripted(const std::string &name, uint64_t *pulResult)
+{
+    auto it = g_mapScripts.find(name);
+    if (it == g_mapScripts.end()) {
+        return false;
+    }
+    Script &s = it->second;
+    bool bHit = false;
+    /* Every pending entry counts this call; the first to reach zero fires. */
+    for (auto nth = s.vecNth.begin(); nth != s.vecNth.end();) {
+        nth->first--;
+        if (nth->first == 0 && !bHit) {
+            bHit = true;
+            *pulResult = nth->second;
+            nth = s.vecNth.erase(nth);
+            continue;
+        }
+        ++nth;
+    }
+    if (!bHit && s.bAlways) {
+        bHit = true;
+        *pulResult = s.ulAlways;
+    }
+    return bHit;
+}
+
+void Record(Call &&call)
+{
+    std::function<void(const Call &)> hook;
+    Call copy;
+    {
+        std::lock_guard<std::mutex> lock(g_mtxJournal);
+        g_vecCalls.push_back(std::move(call));
+        auto it = g_mapHooks.find(g_vecCalls.back().name);
+        if (it != g_mapHooks.end()) {
+            hook = it->second;
+            copy = g_vecCalls.back();
+        }
+    }
+    /* The hook may make platform calls itself: run it without the lock and
+     * on a copy, since the journal may grow meanwhile. */
+    if (hook) {
+        hook(copy);
+    }
+}
+
+} // namespace detail
+
+void Reset()
+{
+    {
+        std::lock_guard<std::mutex> lock(g_mtxJournal);
+        g_vecCalls.clear();
+        g_mapHooks.clear();
+    }
+    g_mapScripts.clear();
+    g_stSettings = Settings{};
+    detail::ResetIf();
+    detail::ResetDbm();
+    detail::ResetHa();
+    detail::ResetMisc();
+}
+
+const std::vector<Call> &Calls()
+{
+    return g_vecCalls;
+}
+
+std::vector<Call> CallsOf(const std::string &name)
+{
+    std::lock_guard<std::mutex> lock(g_mtxJournal);
+    std::vector<Call> out;
+    for (const Call &c : g_vecCalls) {
+        if (c.name == name) {
+            out.push_back(c);
+        }
+    }
+    return out;
+}
+
+size_t CountOf(const std::string &name)
+{
+    std::lock_guard<std::mutex> lock(g_mtxJournal);
+    size_t n = 0;
+    for (const Call &c : g_vecCalls) {
+        n += (c.name == name) ? 1 : 0;
+    }
+    return n;
+}
+
+std::vector<std::string> Names(const std::vector<std::string> &only)
+{
+    std::lock_guard<std::mutex> lock(g_mtxJournal);
+    std::vector<std::string> out;
+    for (const Call &c : g_vecCalls) {
+        bool bWanted = only.empty();
+        for (const std::string &n : only) {
+            bWanted = bWanted || (n == c.name);
+        }
+        if (bWanted) {
+            out.push_back(c.name);
+        }
+    }
+    return out;
+}
+
+void ClearJournal()
+{
+    std::lock_guard<std::mutex> lock(g_mtxJournal);
+    g_vecCalls.clear();
+}
+
+void FailOnce(const std::string &name, uint64_t result)
+{
+    FailNth(name, 1, result);
+}
+
+void FailNth(const std::string &name, unsigned n, uint64_t result)
+{
+    if (n == 0) {
+        return;
+    }
+    g_mapScripts[name].vecNth.emplace_back(n, result);
+}
+
+void FailAlways(const std::string &name, uint64_t result)
+{
+    Script &s = g_mapScripts[name];
+    s.bAlways = true;
+    s.ulAlways = result;
+}
+
+void ClearFailures()
+{
+    g_mapScripts.clear();
+}
+
+void OnCall(const std::string &name, std::function<void(const Call &)> hook)
+{
+    std::lock_guard<std::mutex> lock(g_mtxJournal);
+    if (hook) {
+        g_mapHooks[name] = std::move(hook);
+    } else {
+        g_mapHooks.erase(name);
+    }
+}
+
+Settings &Config()
+{
+    return g_stSettings;
+}
+
+} // namespace fake

@@ -1,0 +1,512 @@
+/* The configuration client and tbdlctl against a scripted configuration
+ * server: wire bytes of every command, reply decoding, paging, refusals,
+ * timeouts and connection errors. No chassis is started here. */
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "cfg_helpers.h"
+#include "tbdl_client.h"
+#include "tbdl_errcode.h"
+
+namespace tc = tbdl::client;
+using tbdl::cfgtest::RunTbdlctl;
+using tbdl::cfgtest::ScratchDir;
+using tbdl::cfgtest::ToolRun;
+
+namespace {
+
+tc::Bytes Hex(const std::string &text)
+{
+    std::optional<tc::Bytes> b = tc::FromHex(text);
+    EXPECT_TRUE(b.has_value()) << text;
+    return b.value_or(tc::Bytes{});
+}
+
+tc::Bytes Reply(std::uint16_t usClass, std::uint32_t uiResult, const tc::MsgHeader &req,
+                const std::vector<tc::Tlv> &tlvs = {})
+{
+    tc::Bytes payload = tc::EncodeTlvs(tlvs);
+    tc::MsgHeader h = req;
+    h.usMsgClass = usClass;
+    h.usDataLen = static_cast<std::uint16_t>(payload.size());
+    h.uiResult = uiResult;
+    tc::Bytes b = tc::EncodeHeader(h);
+    b.insert(b.end(), payload.begin(), payload.end());
+    return b;
+}
+
+/* A configuration socket served by a thread: every request is recorded and
+ * answered by the handler (no answer when it returns nullopt). */
+class FakeCfgServer {
+public:
+    using Handler = std::function<std::optional<tc::Bytes>(const tc::Bytes &)>;
+
+    FakeCfgServer(const std::string &dir, int board, Handler handler) : m_handler(std::move(handler))
+    {
+        const std::string boardDir = dir + "/board" + std::to_string(board);
+        ::mkdir(boardDir.c_str(), 0755);
+        m_path = boardDir + "/cfg.sock";
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", m_path.c_str());
+        m_listen = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(::bind(m_listen, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
+        EXPECT_EQ(::listen(m_listen, 16), 0);
+        EXPECT_EQ(::pipe2(m_stop, O_CLOEXEC), 0);
+        m_thread = std::thread([this] { Serve(); });
+    }
+
+    ~FakeCfgServer()
+    {
+        (void)!::write(m_stop[1], "x", 1);
+        m_thread.join();
+        for (int fd : {m_listen, m_stop[0], m_stop[1]}) {
+            ::close(fd);
+        }
+    }
+
+    std::vector<tc::Bytes> requests()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_requests;
+    }
+
+    const std::string &path() const { return m_path; }
+
+private:
+    void Serve()
+    {
+        std::vector<int> conns;
+        for (;;) {
+            std::vector<pollfd> pfds{{m_stop[0], POLLIN, 0}, {m_listen, POLLIN, 0}};
+            for (int c : conns) {
+                pfds.push_back({c, POLLIN, 0});
+            }
+            if (::poll(pfds.data(), pfds.size(), -1) < 0) {
+                continue;
+            }
+            if (pfds[0].revents != 0) {
+                break;
+            }
+            if ((pfds[1].revents & POLLIN) != 0) {
+                int c = ::accept4(m_listen, nullptr, nullptr, SOCK_CLOEXEC);
+                if (c >= 0) {
+                    conns.push_back(c);
+                }
+            }
+            for (std::size_t i = 2; i < pfds.size(); i++) {
+                if (pfds[i].revents == 0) {
+                    continue;
+                }
+                tc::Bytes buf(4096);
+                ssize_t n = ::recv(pfds[i].fd, buf.data(), buf.size(), 0);
+                if (n <= 0) {
+                    ::close(pfds[i].fd);
+                    std::erase(conns, pfds[i].fd);
+                    continue;
+                }
+                buf.resize(static_cast<std::size_t>(n));
+                {
+                    std::lock_guard<std::mutex> lock(m_mutex);
+                    m_requests.push_back(buf);
+                }
+                if (std::optional<tc::Bytes> reply = m_handler(buf)) {
+                    (void)!::send(pfds[i].fd, reply->data(), reply->size(), MSG_NOSIGNAL);
+                }
+            }
+        }
+        for (int c : conns) {
+            ::close(c);
+        }
+    }
+
+    Handler m_handler;
+    std::string m_path;
+    int m_listen = -1;
+    int m_stop[2] = {-1, -1};
+    std::thread m_thread;
+    std::mutex m_mutex;
+    std::vector<tc::Bytes> m_requests;
+};
+
+void WriteChassisJson(const std::string &dir, int master)
+{
+    std::ofstream(dir + "/chassis.json") << nlohmann::json{{"master_board", master}, {"boards", {0, 1}}}.dump();
+}
+
+tc::BndDetail SampleBundle(std::uint32_t uiBnd, std::size_t members)
+{
+    tc::BndDetail d;
+    d.stAddr = *tc::ParseIpv4("192.168.0." + std::to_string(uiBnd));
+    d.uiBndNum = uiBnd;
+    d.usTnlMode = 5;
+    d.ucState = members > 0 ? 1 : 0;
+    d.ucMode = 2;
+    for (std::size_t i = 0; i < members; i++) {
+        d.members.push_back({static_cast<std::uint32_t>(100 + i), static_cast<std::uint16_t>(10 + i),
+                             static_cast<std::uint8_t>(i), static_cast<std::uint8_t>(i == 0 ? 1 : 0)});
+    }
+    return d;
+}
+
+/* A scripted daemon holding some bundles: answers displays as the daemon
+ * does, and configuration requests with a fixed result. */
+struct ScriptedDaemon {
+    std::map<std::uint32_t, tc::BndDetail> bundles;
+    std::uint32_t uiCfgResult = TBDL_OK;
+
+    std::optional<tc::Bytes> operator()(const tc::Bytes &req) const
+    {
+        std::optional<tc::Message> m = tc::DecodeMessage(req.data(), req.size(), nullptr);
+        if (!m) {
+            tc::MsgHeader none;
+            return Reply(0, TBDL_E_INVALID_MSG, req.size() >= 12 ? *tc::DecodeHeader(req.data(), req.size()) : none);
+        }
+        if (m->head.usMsgClass == TBDL_CFG_MSG_CONFIG) {
+            return Reply(0, uiCfgResult, m->head);
+        }
+        const tc::Tlv *key = m->find(TBDL_TLV_BND_NUM);
+        std::uint32_t uiBnd = key != nullptr ? (key->value[0] << 24 | key->value[1] << 16 | key->value[2] << 8 |
+                                                key->value[3])
+                                             : 0;
+        auto found = bundles.end();
+        switch (m->head.usOper) {
+        case TBDL_DISP_OPER_ONE:
+            found = bundles.find(uiBnd);
+            break;
+        case TBDL_DISP_OPER_FIRST:
+            found = bundles.begin();
+            break;
+        case TBDL_DISP_OPER_NEXT:
+            found = bundles.upper_bound(uiBnd);
+            break;
+        default:
+            break;
+        }
+        if (found == bundles.end()) {
+            return Reply(1, TBDL_E_FAILED, m->head);
+        }
+        return Reply(1, TBDL_OK, m->head, {{TBDL_TLV_DISP_BND, tc::EncodeBndDetail(found->second)}});
+    }
+};
+
+/* ---- codec: golden bytes ---- */
+
+TEST(ConfigCodec, RequestsHaveTheWireLayout)
+{
+    struct Case {
+        const char *what;
+        tc::Bytes got;
+        const char *hex;
+    };
+    const Case cases[] = {
+        {"bundle create 5 mode 2 tunnel mode 3",
+         tc::EncodeRequest(0, 1, 0, {tc::TlvBndNum(5), tc::TlvBndOp(2, 3)}),
+         "0000 0010 00000000 0001 0000  0002 0004 00000005  00ca 0004 0002 0003"},
+        {"member 7 weight 300 role 1", tc::EncodeTlvs({tc::TlvMemb({7, 300, 1})}), "00cc 0007 00000007 012c 01"},
+        {"address 10.1.2.3", tc::EncodeTlvs({tc::TlvAddr(*tc::ParseIpv4("10.1.2.3"))}),
+         "00cb 0014 0002 0000 0a010203 00000000 00000000 00000000"},
+        {"debug type 2", tc::EncodeTlvs({tc::TlvU32(TBDL_TLV_OP_U32, 2)}), "018e 0004 00000002"},
+        {"display limits", tc::EncodeRequest(1, 5, 0, {}), "0001 0000 00000000 0005 0000"},
+    };
+    for (const Case &c : cases) {
+        EXPECT_EQ(tc::ToHex(c.got), tc::ToHex(Hex(c.hex))) << c.what;
+    }
+}
+
+TEST(ConfigCodec, DisplayValuesDecodeFromWireBytes)
+{
+    /* Bundle 9, 192.168.0.1 with carried bytes 0xbeef, 2 members, tunnel
+     * mode 5, up, mode 2; members 100 (w 10, role 0, up), 101 (w 11, role 1). */
+    const tc::Bytes bnd = Hex("0002 beef c0a80001 000000000000000000000000"
+                              "00000009 00000002 0005 01 02"
+                              "00000064 000a 00 01  00000065 000b 01 00");
+    std::string err;
+    std::optional<tc::BndDetail> d = tc::DecodeBndDetail(bnd, &err);
+    ASSERT_TRUE(d) << err;
+    EXPECT_EQ(tc::FormatAddr(d->stAddr), "192.168.0.1");
+    EXPECT_EQ(d->stAddr.aucCarried[0], 0xbe);
+    EXPECT_EQ(d->uiBndNum, 9u);
+    EXPECT_EQ(d->usTnlMode, 5u);
+    EXPECT_EQ(d->ucState, 1u);
+    EXPECT_EQ(d->ucMode, 2u);
+    ASSERT_EQ(d->members.size(), 2u);
+    EXPECT_EQ(d->members[1].uiTnlNum, 101u);
+    EXPECT_EQ(d->members[1].usWeight, 11u);
+    EXPECT_EQ(d->members[1].ucRole, 1u);
+    EXPECT_EQ(d->members[0].ucState, 1u);
+    EXPECT_EQ(tc::EncodeBndDetail(*d), bnd);
+
+    std::optional<tc::Limits> lim = tc::DecodeLimits(Hex("00000400 00000008 0001 0000 0001 0000"), &err);
+    ASSERT_TRUE(lim) << err;
+    EXPECT_EQ(lim->uiMaxBndNum, 1024u);
+    EXPECT_EQ(lim->uiMaxMembNum, 8u);
+    EXPECT_EQ(lim->usLoadBalancing, 1u);
+    EXPECT_EQ(lim->usProtectionOnetoone, 0u);
+    EXPECT_EQ(lim->usProtectionOneplusone, 1u);
+
+    std::optional<tc::BndCounts> cnt = tc::DecodeBndCounts(Hex("00000003 00000001 00000002"), &err);
+    ASSERT_TRUE(cnt) << err;
+    EXPECT_EQ(cnt->uiTotal, 3u);
+    EXPECT_EQ(cnt->uiUp, 1u);
+    EXPECT_EQ(cnt->uiDown, 2u);
+    std::optional<tc::DebugSwitch> dbg = tc::DecodeDebugSwitch(Hex("00000002"), &err);
+    ASSERT_TRUE(dbg);
+    EXPECT_FALSE(dbg->error());
+    EXPECT_TRUE(dbg->event());
+}
+
+TEST(ConfigCodec, MalformedBytesAreRefused)
+{
+    std::string err;
+    tc::Bytes bnd = tc::EncodeBndDetail(SampleBundle(3, 2));
+    tc::Bytes shortBnd(bnd.begin(), bnd.end() - 1);
+    EXPECT_FALSE(tc::DecodeBndDetail(shortBnd, &err)) << "a member entry cut short";
+    tc::Bytes countTooHigh = bnd;
+    countTooHigh[27] = 3;
+    EXPECT_FALSE(tc::DecodeBndDetail(countTooHigh, &err)) << "count beyond the value";
+    tc::Bytes huge = bnd;
+    huge[24] = 0xff;
+    EXPECT_FALSE(tc::DecodeBndDetail(huge, &err)) << "count that overflows";
+    EXPECT_FALSE(tc::DecodeBndDetail(tc::Bytes(31), &err));
+    EXPECT_FALSE(tc::DecodeBndCounts(tc::Bytes(11), &err));
+    EXPECT_FALSE(tc::DecodeLimits(tc::Bytes(17), &err));
+    EXPECT_FALSE(tc::DecodeDebugSwitch(tc::Bytes(3), &err));
+
+    const tc::Bytes lenMismatch = Hex("0001 0005 00000000 0000 0002 0193 0000");
+    EXPECT_FALSE(tc::DecodeMessage(lenMismatch.data(), lenMismatch.size(), &err));
+    const tc::Bytes cutTlv = Hex("0001 0006 00000000 0000 0002 0193 0004 00 00");
+    EXPECT_FALSE(tc::DecodeMessage(cutTlv.data(), cutTlv.size(), &err));
+    const tc::Bytes shortHead = Hex("0001 0000 00000000 0000");
+    EXPECT_FALSE(tc::DecodeMessage(shortHead.data(), shortHead.size(), &err));
+    const tc::Bytes ok = Hex("0001 0008 00000000 0001 0000 0194 0004 00000003");
+    std::optional<tc::Message> m = tc::DecodeMessage(ok.data(), ok.size(), &err);
+    ASSERT_TRUE(m) << err;
+    ASSERT_NE(m->find(TBDL_TLV_DISP_DEBUG), nullptr);
+}
+
+TEST(ConfigCodec, TextArguments)
+{
+    EXPECT_FALSE(tc::ParseIpv4("1.2.3"));
+    EXPECT_FALSE(tc::ParseIpv4("256.1.1.1"));
+    EXPECT_FALSE(tc::ParseIpv4("1.2.3.4x"));
+    const std::pair<const char *, int> modes[] = {
+        {"loadbalancing", 1}, {"LoadBalancing", 1},        {"1:1", 2}, {"ProtectionOnetoone", 2},
+        {"1+1", 4},           {"ProtectionOneplusone", 4}, {"3", 3},   {"0", 0},
+    };
+    for (const auto &[text, want] : modes) {
+        std::optional<std::uint16_t> m = tc::ParseMode(text);
+        ASSERT_TRUE(m) << text;
+        EXPECT_EQ(*m, want) << text;
+    }
+    EXPECT_FALSE(tc::ParseMode("1:2"));
+    EXPECT_FALSE(tc::ParseMode("-1"));
+    EXPECT_EQ(tc::DescribeResult(TBDL_E_BND_HOLD),
+              "0x65140007 TBDL_E_BND_HOLD: A tunnel bundle cannot be created within 30 seconds after the last one "
+              "was deleted.");
+    EXPECT_EQ(tc::DescribeResult(0x12345678), "0x12345678 (unknown result code)");
+}
+
+/* ---- client against a scripted server ---- */
+
+TEST(ConfigClient, WalkPagesWithThePreviousBundleNumber)
+{
+    ScratchDir dir;
+    WriteChassisJson(dir.path(), 1);
+    ScriptedDaemon daemon;
+    for (std::uint32_t n : {1u, 4u, 9u}) {
+        daemon.bundles[n] = SampleBundle(n, n % 3);
+    }
+    FakeCfgServer server(dir.path(), 1, daemon);
+    tc::Outcome<tc::Client> client = tc::Client::Connect(dir.path(), std::nullopt);
+    ASSERT_TRUE(client) << client.error();
+    tc::Outcome<tc::BndWalk> walk = client->WalkBundles();
+    ASSERT_TRUE(walk) << walk.error();
+    ASSERT_EQ(walk->bundles.size(), 3u);
+    EXPECT_EQ(walk->bundles[2].uiBndNum, 9u);
+    EXPECT_EQ(walk->bundles[1].members.size(), 1u);
+    EXPECT_EQ(walk->uiEndResult, TBDL_E_FAILED);
+
+    const std::vector<tc::Bytes> sent = server.requests();
+    ASSERT_EQ(sent.size(), 4u);
+    EXPECT_EQ(sent[0], tc::EncodeRequest(1, 0, 3, {}));
+    EXPECT_EQ(sent[1], tc::EncodeRequest(1, 0, 4, {tc::TlvBndNum(1)}));
+    EXPECT_EQ(sent[2], tc::EncodeRequest(1, 0, 4, {tc::TlvBndNum(4)}));
+    EXPECT_EQ(sent[3], tc::EncodeRequest(1, 0, 4, {tc::TlvBndNum(9)}));
+}
+
+TEST(ConfigClient, RepliesThatDoNotAnswerAreFailures)
+{
+    ScratchDir dir;
+    WriteChassisJson(dir.path(), 0);
+    int calls = 0;
+    FakeCfgServer server(dir.path(), 0, [&calls](const tc::Bytes &req) -> std::optional<tc::Bytes> {
+        tc::MsgHeader h = *tc::DecodeHeader(req.data(), req.size());
+        switch (calls++) {
+        case 0: /* echoes another operation */
+            h.usOper ^= 1;
+            return Reply(0, 0, h);
+        case 1: /* success without the display TLV */
+            return Reply(1, 0, h);
+        case 2: /* a payload length that disagrees with the size */
+        {
+            tc::Bytes b = Reply(1, 0, h, {tc::TlvU32(TBDL_TLV_DISP_DEBUG, 0)});
+            b[3] += 1;
+            return b;
+        }
+        default:
+            return std::nullopt;
+        }
+    });
+    tc::Outcome<tc::Client> client = tc::Client::Connect(dir.path(), std::nullopt, 300);
+    ASSERT_TRUE(client) << client.error();
+    EXPECT_FALSE(client->CreateBundle(1, 1, 0));
+    tc::Outcome<tc::Shown<tc::DebugSwitch>> dbg = client->Debug();
+    ASSERT_FALSE(dbg);
+    EXPECT_NE(dbg.error().find("TLV 404"), std::string::npos) << dbg.error();
+    EXPECT_FALSE(client->Debug());
+    tc::Outcome<std::uint32_t> silent = client->DeleteBundle(1);
+    ASSERT_FALSE(silent);
+    EXPECT_NE(silent.error().find("no reply"), std::string::npos) << silent.error();
+}
+
+TEST(ConfigClient, BoardSelection)
+{
+    ScratchDir dir;
+    WriteChassisJson(dir.path(), 1);
+    EXPECT_EQ(*tc::FindCfgSocket(dir.path(), std::nullopt), dir.path() + "/board1/cfg.sock");
+    EXPECT_EQ(*tc::FindCfgSocket(dir.path(), 0), dir.path() + "/board0/cfg.sock");
+    std::ofstream(dir.path() + "/chassis.json") << "{\"boards\":[0]}";
+    EXPECT_FALSE(tc::FindCfgSocket(dir.path(), std::nullopt));
+}
+
+/* ---- tbdlctl against a scripted server ---- */
+
+TEST(Tbdlctl, CommandsSendTheirRequests)
+{
+    struct Case {
+        std::vector<std::string> args;
+        tc::Bytes want;
+    };
+    const tc::AddrBlock addr = *tc::ParseIpv4("10.0.0.1");
+    tc::AddrBlock noAddr;
+    noAddr.usFamily = 2;
+    const Case cases[] = {
+        {{"bundle", "create", "5", "--mode", "1:1", "--tunnel-mode", "3"},
+         tc::EncodeRequest(0, 1, 0, {tc::TlvBndNum(5), tc::TlvBndOp(2, 3)})},
+        {{"bundle", "create", "6", "--mode", "ProtectionOneplusone"},
+         tc::EncodeRequest(0, 1, 0, {tc::TlvBndNum(6), tc::TlvBndOp(4, 0)})},
+        {{"bundle", "create", "7", "--mode", "3"}, tc::EncodeRequest(0, 1, 0, {tc::TlvBndNum(7), tc::TlvBndOp(3, 0)})},
+        {{"bundle", "delete", "5"}, tc::EncodeRequest(0, 1, 1, {tc::TlvBndNum(5), tc::TlvBndOp(0, 0)})},
+        {{"bundle", "address", "5", "10.0.0.1"}, tc::EncodeRequest(0, 1, 0, {tc::TlvBndNum(5), tc::TlvAddr(addr)})},
+        {{"bundle", "address", "5", "--remove"}, tc::EncodeRequest(0, 1, 1, {tc::TlvBndNum(5), tc::TlvAddr(noAddr)})},
+        {{"member", "add", "5", "--tunnel", "7", "--weight", "3", "--role", "1"},
+         tc::EncodeRequest(0, 2, 0, {tc::TlvBndNum(5), tc::TlvMemb({7, 3, 1})})},
+        {{"member", "add", "5", "--tunnel", "8"}, tc::EncodeRequest(0, 2, 0, {tc::TlvBndNum(5), tc::TlvMemb({8, 1, 0})})},
+        {{"member", "remove", "5", "--tunnel", "7"},
+         tc::EncodeRequest(0, 2, 1, {tc::TlvBndNum(5), tc::TlvMemb({7, 0, 0})})},
+        {{"debug", "on", "all"}, tc::EncodeRequest(0, 0, 0, {tc::TlvU32(398, 2)})},
+        {{"debug", "off", "event"}, tc::EncodeRequest(0, 0, 1, {tc::TlvU32(398, 1)})},
+        {{"show", "counts"}, tc::EncodeRequest(1, 0, 5, {tc::TlvBndNum(0xFFFFFFFF)})},
+        {{"show", "counts", "12"}, tc::EncodeRequest(1, 0, 5, {tc::TlvBndNum(12)})},
+        {{"raw", "--class", "1", "--type", "7", "--oper", "9", "--tlv", "2:0000000c", "--tlv", "401:"},
+         tc::EncodeRequest(1, 7, 9, {tc::TlvBndNum(12), {401, {}}})},
+        {{"raw", "--hex", "00010005"}, Hex("00010005")},
+    };
+    ScratchDir dir;
+    WriteChassisJson(dir.path(), 0);
+    FakeCfgServer server(dir.path(), 0, [](const tc::Bytes &req) -> std::optional<tc::Bytes> {
+        tc::MsgHeader h;
+        if (req.size() >= 12) {
+            h = *tc::DecodeHeader(req.data(), req.size());
+        }
+        return Reply(0, 0, h);
+    });
+    for (const Case &c : cases) {
+        const std::size_t before = server.requests().size();
+        ToolRun run = RunTbdlctl(dir.path(), c.args);
+        const std::vector<tc::Bytes> sent = server.requests();
+        ASSERT_EQ(sent.size(), before + 1) << c.args[0] << " " << c.args[1] << "\n" << run.err;
+        EXPECT_EQ(tc::ToHex(sent.back()), tc::ToHex(c.want)) << c.args[0] << " " << c.args[1];
+    }
+}
+
+TEST(Tbdlctl, RefusalAndConnectionErrors)
+{
+    ScratchDir dir;
+    WriteChassisJson(dir.path(), 0);
+    ScriptedDaemon daemon;
+    daemon.uiCfgResult = TBDL_E_BND_HOLD;
+    {
+        FakeCfgServer server(dir.path(), 0, daemon);
+        ToolRun run = RunTbdlctl(dir.path(), {"bundle", "create", "1", "--mode", "loadbalancing"});
+        EXPECT_EQ(run.status, 1);
+        EXPECT_EQ(run.err,
+                  "0x65140007 TBDL_E_BND_HOLD: A tunnel bundle cannot be created within 30 seconds after the last "
+                  "one was deleted.\n");
+        run = RunTbdlctl(dir.path(), {"--json", "bundle", "create", "1", "--mode", "loadbalancing"});
+        EXPECT_EQ(run.status, 1);
+        nlohmann::json j = nlohmann::json::parse(run.out);
+        EXPECT_EQ(j["result"], TBDL_E_BND_HOLD);
+        EXPECT_EQ(j["name"], "TBDL_E_BND_HOLD");
+        EXPECT_EQ(j["ok"], false);
+        run = RunTbdlctl(dir.path(), {"show", "bundle", "3"});
+        EXPECT_EQ(run.status, 1);
+        EXPECT_EQ(run.err, tc::DescribeResult(TBDL_E_FAILED) + "\n");
+    }
+    /* The server is gone: one line, non-zero. */
+    ToolRun run = RunTbdlctl(dir.path(), {"show", "limits"});
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+    EXPECT_NE(run.err.find("board0/cfg.sock"), std::string::npos) << run.err;
+    EXPECT_TRUE(run.out.empty());
+}
+
+TEST(Tbdlctl, DisplaysAsTablesAndJson)
+{
+    ScratchDir dir;
+    WriteChassisJson(dir.path(), 0);
+    ScriptedDaemon daemon;
+    daemon.bundles[3] = SampleBundle(3, 2);
+    daemon.bundles[8] = SampleBundle(8, 0);
+    FakeCfgServer server(dir.path(), 0, daemon);
+
+    ToolRun run = RunTbdlctl(dir.path(), {"--json", "show", "bundles"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    nlohmann::json j = nlohmann::json::parse(run.out);
+    ASSERT_EQ(j["bundles"].size(), 2u);
+    EXPECT_EQ(j["bundles"][0]["bundle"], 3);
+    EXPECT_EQ(j["bundles"][0]["address"], "192.168.0.3");
+    EXPECT_EQ(j["bundles"][0]["mode_name"], "1:1");
+    EXPECT_EQ(j["bundles"][0]["members"][1]["tunnel"], 101);
+    EXPECT_EQ(j["bundles"][0]["members"][1]["role"], 1);
+    EXPECT_EQ(j["bundles"][1]["members"].size(), 0u);
+
+    run = RunTbdlctl(dir.path(), {"show", "bundles"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out,
+              "Bundle  Mode  TnlMode  State  Address      Members\n"
+              "3       1:1   5        up     192.168.0.3  100,101\n"
+              "8       1:1   5        down   192.168.0.8  -\n");
+
+    run = RunTbdlctl(dir.path(), {"show", "bundle", "3"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_NE(run.out.find("Tunnel-Bundle3\n"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("  Tunnel101  11      1     down\n"), std::string::npos) << run.out;
+}
+
+}  // namespace

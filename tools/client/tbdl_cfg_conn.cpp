@@ -17,8 +17,9 @@ namespace tbdl::client {
 
 namespace {
 
-/* Larger than any reply the daemon sends; a bigger one is reported. */
-constexpr std::size_t kRecvRoom = 65536;
+/* Larger than any reply the daemon sends (1500 bytes at most); a bigger
+ * one is reported. */
+constexpr std::size_t kRecvRoom = 8192;
 
 std::string Errno(int err)
 {
@@ -133,8 +134,8 @@ Outcome<Bytes> Connection::Exchange(const Bytes &request)
         if (n == 0) {
             return Fail("no reply from " + m_path + " within " + std::to_string(m_timeoutMs) + " ms");
         }
-        Bytes reply(kRecvRoom);
-        ssize_t got = ::recv(m_fd, reply.data(), reply.size(), MSG_TRUNC);
+        std::uint8_t buf[kRecvRoom];
+        ssize_t got = ::recv(m_fd, buf, sizeof(buf), MSG_TRUNC);
         if (got < 0 && errno == EINTR) {
             continue;
         }
@@ -144,11 +145,10 @@ Outcome<Bytes> Connection::Exchange(const Bytes &request)
         if (got == 0) {
             return Fail("the daemon closed the connection " + m_path);
         }
-        if (static_cast<std::size_t>(got) > reply.size()) {
+        if (static_cast<std::size_t>(got) > sizeof(buf)) {
             return Fail("reply of " + std::to_string(got) + " bytes is too large");
         }
-        reply.resize(static_cast<std::size_t>(got));
-        return reply;
+        return Bytes(buf, buf + got);
     }
 }
 

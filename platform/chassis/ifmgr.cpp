@@ -1,0 +1,350 @@
+/* Interface manager and L3VPN bindings of the chassis.
+ *
+ * Tunnel interfaces ("Tunnel<N>", type 39) are made, changed and removed by
+ * the operator (chassisctl); tunnel bundle interfaces ("Tunnel-Bundle<N>",
+ * type 96) are made on demand when a daemon asks for their index and
+ * destroyed by IF_DeleteIf. Indexes are never reused while the chassis
+ * exists: tunnels count up from 0x100, bundles from 0x1000. Interfaces,
+ * their VRF bindings and the counters are kept in DIR/interfaces.json
+ * (rewritten atomically on every change), so a restart of chassisd keeps
+ * them and their indexes. */
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "chassisd.h"
+
+namespace chassis {
+
+namespace {
+
+constexpr uint32_t kFirstTunnelIndex = 0x100;
+constexpr uint32_t kFirstBundleIndex = 0x1000;
+
+std::map<uint32_t, Interface> g_ifs;
+std::map<std::string, uint32_t> g_byName;
+uint32_t g_nextTunnel = kFirstTunnelIndex;
+uint32_t g_nextBundle = kFirstBundleIndex;
+
+std::string StorePath() { return g_opt.dir + "/interfaces.json"; }
+
+Json ToJson(const Interface &i)
+{
+    Json j = {{"name", i.name}, {"ifindex", i.ifIndex}, {"type", i.type}, {"number", i.number},
+              {"state", i.state == 1 ? "up" : "down"}, {"vrf", i.vrf}};
+    j["mode"] = i.tnlMode ? Json(*i.tnlMode) : Json(nullptr);
+    return j;
+}
+
+void Save()
+{
+    Json all = {{"next_tunnel", g_nextTunnel}, {"next_bundle", g_nextBundle}, {"interfaces", Json::array()}};
+    for (auto &[idx, i] : g_ifs) {
+        all["interfaces"].push_back(ToJson(i));
+    }
+    std::string tmp = StorePath() + ".tmp";
+    std::string text = all.dump() + "\n";
+    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0 || write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
+        rename(tmp.c_str(), StorePath().c_str()) != 0) {
+        Log("cannot save " + StorePath() + ": " + std::strerror(errno));
+    }
+    if (fd >= 0) {
+        close(fd);
+    }
+}
+
+void Insert(const Interface &i)
+{
+    g_ifs[i.ifIndex] = i;
+    g_byName[i.name] = i.ifIndex;
+}
+
+void Erase(uint32_t idx)
+{
+    auto it = g_ifs.find(idx);
+    if (it != g_ifs.end()) {
+        g_byName.erase(it->second.name);
+        g_ifs.erase(it);
+    }
+}
+
+bool ParseNumber(const std::string &s, uint32_t &v)
+{
+    if (s.empty() || s.size() > 10 || s.find_first_not_of("0123456789") != std::string::npos ||
+        (s.size() > 1 && s[0] == '0')) {
+        return false;
+    }
+    unsigned long long x = std::stoull(s);
+    if (x > UINT32_MAX) {
+        return false;
+    }
+    v = static_cast<uint32_t>(x);
+    return true;
+}
+
+bool ParseState(const Json &req, uint32_t &state, std::string &err)
+{
+    std::string s = req.at("state").get<std::string>();
+    if (s == "up") {
+        state = 1;
+    } else if (s == "down") {
+        state = 0;
+    } else {
+        err = "state must be up or down, not '" + s + "'";
+        return false;
+    }
+    return true;
+}
+
+bool ParseVrf(const Json &v, uint16_t &vrf, std::string &err)
+{
+    int64_t x = v.get<int64_t>();
+    if (x < 0 || x > 65535) {
+        err = "VRF index must be 0..65535";
+        return false;
+    }
+    vrf = static_cast<uint16_t>(x);
+    return true;
+}
+
+} // namespace
+
+bool ParseIfName(const std::string &name, uint32_t &type, uint32_t &number)
+{
+    static const std::string kBundle = "Tunnel-Bundle";
+    static const std::string kTunnel = "Tunnel";
+    if (name.rfind(kBundle, 0) == 0) {
+        type = 96;
+        return ParseNumber(name.substr(kBundle.size()), number);
+    }
+    if (name.rfind(kTunnel, 0) == 0) {
+        type = 39;
+        return ParseNumber(name.substr(kTunnel.size()), number);
+    }
+    return false;
+}
+
+void IfLoad()
+{
+    std::ifstream in(StorePath());
+    if (!in) {
+        return;
+    }
+    std::stringstream ss;
+    ss << in.rdbuf();
+    Json all = Json::parse(ss.str(), nullptr, false);
+    if (all.is_discarded() || !all.is_object()) {
+        Log("ignoring unreadable " + StorePath());
+        return;
+    }
+    try {
+        g_nextTunnel = all.value("next_tunnel", kFirstTunnelIndex);
+        g_nextBundle = all.value("next_bundle", kFirstBundleIndex);
+        for (const Json &j : all.at("interfaces")) {
+            Interface i;
+            i.name = j.at("name").get<std::string>();
+            i.ifIndex = j.at("ifindex").get<uint32_t>();
+            i.type = j.at("type").get<uint32_t>();
+            i.number = j.at("number").get<uint32_t>();
+            i.state = j.at("state").get<std::string>() == "up" ? 1 : 0;
+            i.vrf = j.at("vrf").get<uint16_t>();
+            if (!j.at("mode").is_null()) {
+                i.tnlMode = j.at("mode").get<uint32_t>();
+            }
+            Insert(i);
+        }
+    } catch (const std::exception &e) {
+        Log("ignoring damaged " + StorePath() + ": " + e.what());
+        g_ifs.clear();
+        g_byName.clear();
+    }
+    Log("loaded " + std::to_string(g_ifs.size()) + " interfaces from " + StorePath());
+}
+
+uint32_t IfIndexByName(const std::string &name)
+{
+    auto it = g_byName.find(name);
+    if (it != g_byName.end()) {
+        return it->second;
+    }
+    uint32_t type, number;
+    if (!ParseIfName(name, type, number) || type != 96) {
+        return 0;
+    }
+    Interface i;
+    i.name = name;
+    i.ifIndex = g_nextBundle++;
+    i.type = 96;
+    i.number = number;
+    i.state = 0;
+    Insert(i);
+    Save();
+    return i.ifIndex;
+}
+
+Interface *IfFind(uint32_t ifIndex)
+{
+    auto it = g_ifs.find(ifIndex);
+    return it == g_ifs.end() ? nullptr : &it->second;
+}
+
+Interface *IfFindName(const std::string &name)
+{
+    auto it = g_byName.find(name);
+    return it == g_byName.end() ? nullptr : IfFind(it->second);
+}
+
+bool IfGetData(uint32_t ifIndex, uint32_t item, uint32_t &value)
+{
+    Interface *i = IfFind(ifIndex);
+    if (i == nullptr) {
+        return false;
+    }
+    switch (item) {
+    case 0: value = i->number; return true;
+    case 18: value = i->type; return true;
+    case 31: value = i->state; return true;
+    default: return false;
+    }
+}
+
+bool IfDeleteByKey(uint32_t keyType, const uint8_t *key, size_t len)
+{
+    static const uint8_t kZero[4] = {};
+    if (keyType != 1 || len != 8 || std::memcmp(key + 4, kZero, 4) != 0) {
+        return false;
+    }
+    uint32_t idx;
+    std::memcpy(&idx, key, 4);
+    Interface *i = IfFind(idx);
+    if (i == nullptr || i->type != 96) {
+        return false;
+    }
+    Log("interface " + i->name + " (index " + std::to_string(idx) + ") destroyed");
+    Erase(idx);
+    KtbdlForgetIndex(idx);
+    Save();
+    return true;
+}
+
+bool IfAdd(const Json &req, std::string &err)
+{
+    std::string name = req.at("name").get<std::string>();
+    uint32_t type, number;
+    if (!ParseIfName(name, type, number) || type != 39) {
+        err = "'" + name + "' is not a tunnel interface name (Tunnel<N>)";
+        return false;
+    }
+    if (g_byName.count(name) != 0) {
+        err = "interface " + name + " already exists";
+        return false;
+    }
+    Interface i;
+    i.name = name;
+    i.type = 39;
+    i.number = number;
+    if (req.contains("mode") && !req["mode"].is_null()) {
+        i.tnlMode = req["mode"].get<uint32_t>();
+    }
+    if (req.contains("state") && !ParseState(req, i.state, err)) {
+        return false;
+    }
+    if (req.contains("vrf") && !ParseVrf(req["vrf"], i.vrf, err)) {
+        return false;
+    }
+    i.ifIndex = g_nextTunnel++;
+    Insert(i);
+    Save();
+    Log("interface " + name + " added: " + ToJson(i).dump());
+    return true;
+}
+
+bool IfSet(const Json &req, std::string &err)
+{
+    std::string name = req.at("name").get<std::string>();
+    Interface *i = IfFindName(name);
+    if (i == nullptr) {
+        err = "no interface " + name;
+        return false;
+    }
+    Interface n = *i;
+    if (req.contains("mode")) {
+        n.tnlMode = req["mode"].is_null() ? std::nullopt : std::optional<uint32_t>(req["mode"].get<uint32_t>());
+    }
+    if (req.contains("state") && !ParseState(req, n.state, err)) {
+        return false;
+    }
+    if (req.contains("vrf") && !ParseVrf(req["vrf"], n.vrf, err)) {
+        return false;
+    }
+    /* Interface and VRF events of these changes reach the daemons in a
+     * later version of the chassis; for now the daemons see them when they
+     * next ask. */
+    *i = n;
+    Save();
+    Log("interface " + name + " changed: " + ToJson(n).dump());
+    return true;
+}
+
+bool IfDel(const std::string &name, std::string &err)
+{
+    Interface *i = IfFindName(name);
+    if (i == nullptr) {
+        err = "no interface " + name;
+        return false;
+    }
+    uint32_t idx = i->ifIndex;
+    bool bundle = i->type == 96;
+    Erase(idx);
+    if (bundle) {
+        KtbdlForgetIndex(idx);
+    }
+    Save();
+    Log("interface " + name + " (index " + std::to_string(idx) + ") deleted");
+    return true;
+}
+
+bool VrfBind(const std::string &name, uint32_t vrf, std::string &err)
+{
+    uint32_t idx = IfIndexByName(name); /* a bundle's index is made on demand */
+    Interface *i = IfFind(idx);
+    if (i == nullptr) {
+        err = "no interface " + name;
+        return false;
+    }
+    if (vrf > 65535) {
+        err = "VRF index must be 0..65535";
+        return false;
+    }
+    i->vrf = static_cast<uint16_t>(vrf);
+    Save();
+    Log("interface " + name + (vrf == 0 ? " unbound from its VRF" : " bound to VRF " + std::to_string(vrf)));
+    return true;
+}
+
+Json IfDumpJson()
+{
+    Json a = Json::array();
+    for (auto &[idx, i] : g_ifs) {
+        a.push_back(ToJson(i));
+    }
+    return a;
+}
+
+Json VrfDumpJson()
+{
+    Json a = Json::array();
+    for (auto &[idx, i] : g_ifs) {
+        if (i.vrf != 0) {
+            a.push_back({{"name", i.name}, {"ifindex", idx}, {"vrf", i.vrf}});
+        }
+    }
+    return a;
+}
+
+} // namespace chassis

@@ -1,0 +1,433 @@
+/* chassisd's event loop: the chassis socket and its connections, child and
+ * stop signals, timers, and the dispatch of every request to its service.
+ *
+ * Requests are answered at once. Pushes to the boards' channels (HA,
+ * interface events) never block: what the socket does not take is queued
+ * and written when the connection becomes writable. */
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <map>
+#include <memory>
+
+#include "chassis_env.h"
+#include "chassisd.h"
+
+namespace chassis {
+
+namespace {
+
+using tbdl::rpc::Hdr;
+
+int g_epfd = -1;
+int g_listenFd = -1;
+int g_sigFd = -1;
+bool g_running = true;
+int g_exitStatus = 0;
+std::map<int, std::unique_ptr<Conn>> g_conns;
+
+struct Timer {
+    Clock::time_point at;
+    std::function<void()> fn;
+};
+std::map<uint64_t, Timer> g_timers;
+uint64_t g_nextTimer = 1;
+
+Bytes g_rx(tbdl::rpc::kMaxMsg);
+
+void Watch(int fd, uint32_t events, int op = EPOLL_CTL_ADD)
+{
+    epoll_event ev{};
+    ev.events = events;
+    ev.data.fd = fd;
+    if (epoll_ctl(g_epfd, op, fd, &ev) != 0) {
+        Log("epoll_ctl(" + std::to_string(fd) + "): " + std::strerror(errno));
+    }
+}
+
+void Reply(Conn &c, const Hdr &req, uint32_t result, const void *payload = nullptr, size_t len = 0)
+{
+    Push(c.fd, req.usOp, req.usBoard, result, payload, len);
+}
+
+void CloseConn(int fd)
+{
+    auto it = g_conns.find(fd);
+    if (it == g_conns.end()) {
+        return;
+    }
+    Conn &c = *it->second;
+    if (c.kind == Conn::HA) {
+        HaUnregister(c);
+    } else if (c.kind == Conn::LSM) {
+        LsmUnregister(c);
+    }
+    epoll_ctl(g_epfd, EPOLL_CTL_DEL, fd, nullptr);
+    close(fd);
+    g_conns.erase(it);
+}
+
+void Accept()
+{
+    for (;;) {
+        int fd = accept4(g_listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) {
+            return;
+        }
+        auto c = std::make_unique<Conn>();
+        c->fd = fd;
+        ucred cred{};
+        socklen_t len = sizeof(cred);
+        if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0) {
+            c->pid = cred.pid;
+        }
+        g_conns[fd] = std::move(c);
+        Watch(fd, EPOLLIN);
+    }
+}
+
+uint32_t U32At(const uint8_t *p)
+{
+    uint32_t v;
+    std::memcpy(&v, p, 4);
+    return v;
+}
+
+bool ValidBoard(uint16_t b) { return b < tbdl::plat::kMaxBoards && g_boards[b].present; }
+
+/* One request from a board's platform library. */
+void HandleLibRequest(Conn &c, const Hdr &h, const uint8_t *p, size_t len)
+{
+    if (!ValidBoard(h.usBoard)) {
+        Reply(c, h, tbdl::rpc::kResultBadRequest);
+        return;
+    }
+    int board = h.usBoard;
+    switch (h.usOp) {
+    case tbdl::rpc::OP_SERVICE_SET_STATUS:
+        Reply(c, h, SvcSetStatus(board, c.pid, h.uiArg));
+        return;
+    case tbdl::rpc::OP_IF_INDEX_BY_NAME: {
+        uint32_t idx = IfIndexByName(std::string(reinterpret_cast<const char *>(p), len));
+        Reply(c, h, idx != 0 ? 0 : 1, &idx, sizeof(idx));
+        return;
+    }
+    case tbdl::rpc::OP_IF_GET_DATA: {
+        uint32_t v = 0;
+        bool ok = len == 4 && IfGetData(U32At(p), h.uiArg, v);
+        Reply(c, h, ok ? 0 : 1, &v, sizeof(v));
+        return;
+    }
+    case tbdl::rpc::OP_IF_DELETE:
+        Reply(c, h, IfDeleteByKey(h.uiArg, p, len) ? 1 : 0);
+        return;
+    case tbdl::rpc::OP_TUNNEL_GET_MODE: {
+        Interface *i = len == 4 ? IfFind(U32At(p)) : nullptr;
+        uint32_t mode = i != nullptr && i->tnlMode ? *i->tnlMode : 0;
+        Reply(c, h, i != nullptr && i->tnlMode ? 0 : 1, &mode, sizeof(mode));
+        return;
+    }
+    case tbdl::rpc::OP_L3VPN_GET_VRF: {
+        Interface *i = len == 4 ? IfFind(U32At(p)) : nullptr;
+        uint16_t vrf = i != nullptr ? i->vrf : 0;
+        Reply(c, h, i != nullptr ? 0 : 1, &vrf, sizeof(vrf));
+        return;
+    }
+    case tbdl::rpc::OP_CIOCTL: {
+        if (len < sizeof(tbdl::rpc::CioctlReq)) {
+            Reply(c, h, tbdl::rpc::kResultBadRequest);
+            return;
+        }
+        tbdl::rpc::CioctlReq r;
+        std::memcpy(&r, p, sizeof(r));
+        Reply(c, h, KtbdlCommand(board, r.uiDev, r.uiCmd, p + sizeof(r), len - sizeof(r)));
+        return;
+    }
+    case tbdl::rpc::OP_HA_RESPONSE:
+        Reply(c, h, HaResponse(board, h.uiArg, p, len));
+        return;
+    case tbdl::rpc::OP_HA_SEND:
+        Reply(c, h, HaSend(board, h.uiArg, p, len));
+        return;
+    case tbdl::rpc::OP_HA_REGISTER:
+        c.kind = Conn::HA;
+        c.board = board;
+        HaRegister(c); /* replies itself: the reply carries the HA state */
+        return;
+    case tbdl::rpc::OP_IFEV_REGISTER:
+        c.kind = Conn::IFEV;
+        c.board = board;
+        Reply(c, h, 0);
+        return;
+    case tbdl::rpc::OP_LSM_REGISTER:
+        c.kind = Conn::LSM;
+        c.board = board;
+        c.protocol = h.uiArg;
+        Reply(c, h, 0);
+        return;
+    case tbdl::rpc::OP_LSM_GR:
+        Reply(c, h, c.kind == Conn::LSM ? LsmGr(c, h.uiArg) : tbdl::rpc::kResultBadRequest);
+        return;
+    case tbdl::rpc::OP_LSM_BATCH:
+        Reply(c, h, c.kind == Conn::LSM ? LsmBatch(c, p, len) : tbdl::rpc::kResultBadRequest);
+        return;
+    default:
+        Reply(c, h, tbdl::rpc::kResultBadRequest);
+        return;
+    }
+}
+
+void HandleCtl(Conn &c, const uint8_t *p, size_t len)
+{
+    Json req = Json::parse(p, p + len, nullptr, false);
+    Json reply;
+    if (req.is_discarded() || !req.is_object() || !req.contains("cmd") || !req["cmd"].is_string()) {
+        reply = {{"ok", false}, {"error", "malformed request"}};
+    } else {
+        try {
+            if (!CtlHandle(c.fd, req, reply)) {
+                return; /* answered later */
+            }
+        } catch (const std::exception &e) {
+            reply = {{"ok", false}, {"error", std::string("bad request: ") + e.what()}};
+        }
+    }
+    ReplyCtl(c.fd, reply);
+}
+
+void ReadConn(int fd)
+{
+    /* A few messages per wake-up keep one busy client from starving the
+     * others. */
+    for (int i = 0; i < 16; ++i) {
+        auto it = g_conns.find(fd);
+        if (it == g_conns.end()) {
+            return;
+        }
+        Conn &c = *it->second;
+        ssize_t n = recv(fd, g_rx.data(), g_rx.size(), MSG_DONTWAIT);
+        if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
+            return;
+        }
+        if (n < static_cast<ssize_t>(sizeof(Hdr))) {
+            CloseConn(fd);
+            return;
+        }
+        Hdr h;
+        std::memcpy(&h, g_rx.data(), sizeof(h));
+        const uint8_t *payload = g_rx.data() + sizeof(h);
+        size_t len = static_cast<size_t>(n) - sizeof(h);
+        if (h.usOp == tbdl::rpc::OP_CTL) {
+            HandleCtl(c, payload, len);
+        } else {
+            HandleLibRequest(c, h, payload, len);
+        }
+    }
+}
+
+void FlushConn(Conn &c)
+{
+    while (!c.outq.empty()) {
+        const Bytes &m = c.outq.front();
+        ssize_t n = send(c.fd, m.data(), m.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (n < 0) {
+            if (errno == EAGAIN) {
+                Watch(c.fd, EPOLLIN | EPOLLOUT, EPOLL_CTL_MOD);
+                return;
+            }
+            return; /* the peer is gone; the read side closes it */
+        }
+        c.outq.pop_front();
+    }
+    Watch(c.fd, EPOLLIN, EPOLL_CTL_MOD);
+}
+
+void ReadSignals()
+{
+    signalfd_siginfo si;
+    while (read(g_sigFd, &si, sizeof(si)) == static_cast<ssize_t>(sizeof(si))) {
+        if (si.ssi_signo == SIGCHLD) {
+            int ws;
+            pid_t pid;
+            while ((pid = waitpid(-1, &ws, WNOHANG)) > 0) {
+                SvcOnChildExit(pid, ws);
+            }
+        } else if (!SvcBusy()) {
+            Log("signal " + std::to_string(si.ssi_signo) + ": stopping the chassis");
+            SvcSetBusy(true);
+            SvcStop(SvcStopOrder(), [] { ExitLoop(0); });
+        }
+    }
+}
+
+int NextTimeoutMs()
+{
+    if (g_timers.empty()) {
+        return -1;
+    }
+    auto next = g_timers.begin()->second.at;
+    for (auto &[id, t] : g_timers) {
+        next = std::min(next, t.at);
+    }
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now()).count();
+    return ms < 0 ? 0 : static_cast<int>(ms) + 1;
+}
+
+void RunTimers()
+{
+    auto now = Clock::now();
+    std::vector<uint64_t> due;
+    for (auto &[id, t] : g_timers) {
+        if (t.at <= now) {
+            due.push_back(id);
+        }
+    }
+    for (uint64_t id : due) {
+        auto it = g_timers.find(id);
+        if (it == g_timers.end()) {
+            continue;
+        }
+        auto fn = std::move(it->second.fn);
+        g_timers.erase(it);
+        fn();
+    }
+}
+
+} // namespace
+
+bool LoopInit(const Options &opt, std::string &err)
+{
+    signal(SIGPIPE, SIG_IGN);
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGCHLD);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGHUP);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    g_sigFd = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+    g_epfd = epoll_create1(EPOLL_CLOEXEC);
+    if (g_sigFd < 0 || g_epfd < 0) {
+        err = std::string("cannot set up the event loop: ") + std::strerror(errno);
+        return false;
+    }
+    std::string path = tbdl::plat::ChassisSocketPathOf(opt.dir);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (path.size() >= sizeof(addr.sun_path)) {
+        err = "socket path too long: " + path;
+        return false;
+    }
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    unlink(path.c_str()); /* a leftover of a chassisd that died; we hold the lock */
+    g_listenFd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (g_listenFd < 0 || bind(g_listenFd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0 ||
+        listen(g_listenFd, 64) != 0) {
+        err = "cannot listen on " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    Watch(g_listenFd, EPOLLIN);
+    Watch(g_sigFd, EPOLLIN);
+    return true;
+}
+
+int LoopRun()
+{
+    epoll_event evs[32];
+    while (g_running) {
+        int n = epoll_wait(g_epfd, evs, 32, NextTimeoutMs());
+        for (int i = 0; i < n && g_running; ++i) {
+            int fd = evs[i].data.fd;
+            if (fd == g_listenFd) {
+                Accept();
+            } else if (fd == g_sigFd) {
+                ReadSignals();
+            } else {
+                auto it = g_conns.find(fd);
+                if (it == g_conns.end()) {
+                    continue;
+                }
+                if (evs[i].events & EPOLLOUT) {
+                    FlushConn(*it->second);
+                }
+                if (evs[i].events & (EPOLLIN | EPOLLERR | EPOLLHUP)) {
+                    ReadConn(fd);
+                }
+            }
+        }
+        RunTimers();
+    }
+    /* Answers queued for chassisctl go out before the process ends. */
+    for (auto &[fd, c] : g_conns) {
+        for (const Bytes &m : c->outq) {
+            (void)!send(fd, m.data(), m.size(), MSG_NOSIGNAL);
+        }
+    }
+    return g_exitStatus;
+}
+
+void ExitLoop(int status)
+{
+    g_exitStatus = status;
+    g_running = false;
+}
+
+uint64_t After(Clock::duration delay, std::function<void()> fn)
+{
+    uint64_t id = g_nextTimer++;
+    g_timers[id] = Timer{Clock::now() + delay, std::move(fn)};
+    return id;
+}
+
+void Cancel(uint64_t id) { g_timers.erase(id); }
+
+Conn *FindConn(int fd)
+{
+    auto it = g_conns.find(fd);
+    return it == g_conns.end() ? nullptr : it->second.get();
+}
+
+void Push(int fd, uint16_t op, uint16_t board, uint32_t arg, const void *payload, size_t len)
+{
+    Conn *c = FindConn(fd);
+    if (c == nullptr) {
+        return;
+    }
+    if (c->outq.empty()) {
+        int rc = tbdl::rpc::SendMsg(fd, op, board, arg, payload, len, MSG_DONTWAIT);
+        if (rc != EAGAIN) {
+            return; /* sent, or the peer is gone (the read side closes it) */
+        }
+    }
+    Bytes m(sizeof(Hdr) + len);
+    Hdr h{op, board, arg};
+    std::memcpy(m.data(), &h, sizeof(h));
+    if (len > 0) {
+        std::memcpy(m.data() + sizeof(h), payload, len);
+    }
+    c->outq.push_back(std::move(m));
+    Watch(fd, EPOLLIN | EPOLLOUT, EPOLL_CTL_MOD);
+}
+
+void Drop(int fd) { CloseConn(fd); }
+
+void ReplyCtl(int fd, const Json &reply)
+{
+    /* Large answers (dumps) go in chunks; all but the last say "more". */
+    std::string text = reply.dump(-1, ' ', false, Json::error_handler_t::replace);
+    size_t off = 0;
+    while (text.size() - off > tbdl::rpc::kCtlChunk) {
+        Push(fd, tbdl::rpc::OP_CTL, 0, tbdl::rpc::kCtlMore, text.data() + off, tbdl::rpc::kCtlChunk);
+        off += tbdl::rpc::kCtlChunk;
+    }
+    Push(fd, tbdl::rpc::OP_CTL, 0, reply.value("ok", false) ? 0 : 1, text.data() + off, text.size() - off);
+}
+
+} // namespace chassis

@@ -1,0 +1,370 @@
+/* Service manager: starts each running board's daemon with its chassis
+ * environment, records the status it reports, restarts a daemon that died,
+ * and stops boards in order.
+ *
+ * Restart policy:
+ *  - a daemon that dies after it reported status 2 (up) is started again at
+ *    once with start cause 1 (process restart);
+ *  - a daemon that dies before reporting status 2 (for example exit status
+ *    255: its start-up failed) is a start-up failure. It is started again
+ *    after a back-off of 250 ms, 500 ms, 1 s; after the fourth failure in a
+ *    row the board is left FAILED (logged) until `chassisctl board restart`
+ *    or a chassis reboot, so a daemon that cannot start never loops;
+ *  - a daemon chassisd stopped itself is never restarted.
+ * Stop: sigqueue(pid, SIGRTMIN + 1, 3), then SIGKILL when the daemon is
+ * still there after the stop time-out. */
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+#include "chassis_env.h"
+#include "chassisd.h"
+
+extern char **environ;
+
+namespace chassis {
+
+Board g_boards[tbdl::plat::kMaxBoards];
+
+namespace {
+
+constexpr int kMaxStartFailures = 4;
+bool g_busy = false;
+
+/* The running stop sequence (one at a time; a second request is chained). */
+struct StopJob {
+    std::vector<int> boards;
+    size_t next = 0;
+    std::function<void()> done;
+};
+std::deque<StopJob> g_stopJobs;
+
+std::string ExitText(int ws)
+{
+    if (WIFEXITED(ws)) {
+        return "exited with status " + std::to_string(WEXITSTATUS(ws));
+    }
+    if (WIFSIGNALED(ws)) {
+        return "killed by signal " + std::to_string(WTERMSIG(ws)) + " (" + strsignal(WTERMSIG(ws)) + ")";
+    }
+    return "ended (wait status " + std::to_string(ws) + ")";
+}
+
+std::string Name(int b) { return "board " + std::to_string(b); }
+
+void StopStep();
+
+void BeginStop(int b)
+{
+    Board &bd = g_boards[b];
+    Cancel(bd.timer);
+    bd.timer = 0;
+    if (bd.pid <= 0) {
+        bd.state = BoardState::OFF;
+        StopStep();
+        return;
+    }
+    bd.stopRequested = true;
+    bd.state = BoardState::STOPPING;
+    union sigval v{};
+    v.sival_int = 3;
+    if (sigqueue(bd.pid, SIGRTMIN + 1, v) != 0) {
+        Log(Name(b) + ": cannot send the stop signal to pid " + std::to_string(bd.pid) + ": " + std::strerror(errno));
+    } else {
+        Log(Name(b) + ": stopping tbdld (pid " + std::to_string(bd.pid) + ") with signal SIGRTMIN+1, value 3");
+    }
+    bd.timer = After(std::chrono::milliseconds(g_opt.stopTimeoutMs), [b] {
+        Board &x = g_boards[b];
+        x.timer = 0;
+        if (x.pid > 0 && x.state == BoardState::STOPPING) {
+            Log(Name(b) + ": tbdld (pid " + std::to_string(x.pid) + ") did not stop within " +
+                std::to_string(g_opt.stopTimeoutMs) + " ms; sending SIGKILL");
+            x.killSent = true;
+            kill(x.pid, SIGKILL);
+        }
+    });
+}
+
+/* Moves the current stop job on: stops its next board, or finishes it. */
+void StopStep()
+{
+    while (!g_stopJobs.empty()) {
+        StopJob &job = g_stopJobs.front();
+        if (job.next > 0) {
+            int prev = job.boards[job.next - 1];
+            if (g_boards[prev].pid > 0) {
+                return; /* still waiting for it */
+            }
+        }
+        if (job.next < job.boards.size()) {
+            int b = job.boards[job.next++];
+            BeginStop(b);
+            return;
+        }
+        auto done = std::move(job.done);
+        g_stopJobs.pop_front();
+        if (done) {
+            done();
+        }
+    }
+}
+
+void ScheduleRestart(int b)
+{
+    Board &bd = g_boards[b];
+    int delayMs = 250 << (bd.startFailures - 1);
+    bd.state = BoardState::BACKOFF;
+    Log(Name(b) + ": starting tbdld again in " + std::to_string(delayMs) + " ms (attempt " +
+        std::to_string(bd.startFailures + 1) + " of " + std::to_string(kMaxStartFailures) + ")");
+    bd.timer = After(std::chrono::milliseconds(delayMs), [b] {
+        g_boards[b].timer = 0;
+        if (g_boards[b].state == BoardState::BACKOFF) {
+            g_boards[b].restarts++;
+            SvcStartBoard(b, 1);
+        }
+    });
+}
+
+} // namespace
+
+const char *BoardStateName(BoardState s)
+{
+    switch (s) {
+    case BoardState::OFF: return "off";
+    case BoardState::STARTING: return "starting";
+    case BoardState::UP: return "up";
+    case BoardState::STOPPING: return "stopping";
+    case BoardState::BACKOFF: return "backoff";
+    case BoardState::FAILED: return "failed";
+    }
+    return "?";
+}
+
+bool SvcInit(std::string &err)
+{
+    for (int b = 0; b < tbdl::plat::kMaxBoards; ++b) {
+        g_boards[b] = Board{};
+        g_boards[b].num = b;
+    }
+    for (int b : g_opt.settings.boards) {
+        g_boards[b].present = true;
+        if (!tbdl::plat::EnsureBoardDir(g_opt.dir, b)) {
+            err = "cannot create " + tbdl::plat::BoardDirOf(g_opt.dir, b);
+            return false;
+        }
+        g_boards[b].failPlan = tbdl::rpc::FailPlanCreate(tbdl::rpc::FailPlanPathOf(g_opt.dir, b));
+        if (g_boards[b].failPlan == nullptr) {
+            err = "cannot create " + tbdl::rpc::FailPlanPathOf(g_opt.dir, b) + ": " + std::strerror(errno);
+            return false;
+        }
+    }
+    return true;
+}
+
+void SvcStartBoard(int b, uint32_t cause)
+{
+    Board &bd = g_boards[b];
+    std::string boardDir = tbdl::plat::BoardDirOf(g_opt.dir, b);
+    std::string console = boardDir + "/console.log";
+    std::vector<std::string> env;
+    for (char **e = environ; *e != nullptr; ++e) {
+        std::string kv(*e);
+        if (kv.rfind("TBDL_CHASSIS_DIR=", 0) == 0 || kv.rfind("TBDL_BOARD=", 0) == 0 ||
+            kv.rfind("TBDL_START_CAUSE=", 0) == 0 || kv.rfind("TBDL_JOURNAL=", 0) == 0) {
+            continue;
+        }
+        env.push_back(std::move(kv));
+    }
+    env.push_back(std::string(tbdl::plat::kEnvChassisDir) + "=" + g_opt.dir);
+    env.push_back(std::string(tbdl::plat::kEnvBoard) + "=" + std::to_string(b));
+    env.push_back(std::string(tbdl::plat::kEnvStartCause) + "=" + std::to_string(cause));
+    if (g_opt.journal) {
+        env.push_back(std::string(tbdl::plat::kEnvJournal) + "=1");
+    }
+    std::vector<char *> envp;
+    for (auto &kv : env) {
+        envp.push_back(kv.data());
+    }
+    envp.push_back(nullptr);
+    char *argv[] = {const_cast<char *>(g_opt.daemonPath.c_str()), nullptr};
+    pid_t parent = getpid();
+
+    pid_t pid = fork();
+    if (pid == 0) {
+        /* The daemon dies with chassisd: a chassis without its platform
+         * services makes no sense. */
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != parent) {
+            _exit(127);
+        }
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        signal(SIGPIPE, SIG_DFL);
+        int in = open("/dev/null", O_RDONLY);
+        int out = open(console.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0644);
+        if (in >= 0) dup2(in, 0);
+        if (out >= 0) {
+            dup2(out, 1);
+            dup2(out, 2);
+        }
+        if (chdir(boardDir.c_str()) != 0) {
+            _exit(127);
+        }
+        execve(argv[0], argv, envp.data());
+        _exit(127);
+    }
+    if (pid < 0) {
+        Log(Name(b) + ": cannot start tbdld: fork: " + std::strerror(errno));
+        bd.state = BoardState::FAILED;
+        return;
+    }
+    bd.pid = pid;
+    bd.state = BoardState::STARTING;
+    bd.status = 0;
+    bd.startCause = cause;
+    bd.stopRequested = false;
+    bd.killSent = false;
+    bd.startedAt = Clock::now();
+    Log(Name(b) + ": started tbdld (pid " + std::to_string(pid) + ", start cause " + std::to_string(cause) +
+        (cause == 0 ? " system boot" : " process restart") + ")");
+}
+
+void SvcStartAll(uint32_t cause)
+{
+    for (int b : g_opt.settings.boards) {
+        g_boards[b].startFailures = 0;
+        SvcStartBoard(b, cause);
+    }
+}
+
+void SvcStop(std::vector<int> boards, std::function<void()> done)
+{
+    g_stopJobs.push_back(StopJob{std::move(boards), 0, std::move(done)});
+    if (g_stopJobs.size() == 1) {
+        StopStep();
+    }
+}
+
+bool SvcKill(int b, std::string &err)
+{
+    Board &bd = g_boards[b];
+    if (bd.pid <= 0) {
+        err = Name(b) + " has no running daemon";
+        return false;
+    }
+    Log(Name(b) + ": killing tbdld (pid " + std::to_string(bd.pid) + ") with SIGKILL on request");
+    kill(bd.pid, SIGKILL);
+    return true;
+}
+
+void SvcOnChildExit(pid_t pid, int ws)
+{
+    for (Board &bd : g_boards) {
+        if (bd.pid != pid) {
+            continue;
+        }
+        int b = bd.num;
+        bd.pid = -1;
+        bd.lastExit = ExitText(ws);
+        Cancel(bd.timer);
+        bd.timer = 0;
+        if (bd.stopRequested) {
+            bd.state = BoardState::OFF;
+            Log(Name(b) + ": tbdld (pid " + std::to_string(pid) + ") stopped: " + bd.lastExit);
+            StopStep();
+            return;
+        }
+        if (bd.status != 2) {
+            bd.startFailures++;
+            bool startupExit = WIFEXITED(ws) && WEXITSTATUS(ws) == 255;
+            Log(Name(b) + ": tbdld (pid " + std::to_string(pid) + ") failed at start-up: " + bd.lastExit +
+                (startupExit ? " (start-up failed)" : "") + " before reporting status 2");
+            if (bd.startFailures >= kMaxStartFailures) {
+                bd.state = BoardState::FAILED;
+                Log(Name(b) + ": tbdld failed at start-up " + std::to_string(bd.startFailures) +
+                    " times in a row; not starting it again (chassisctl board restart " + std::to_string(b) +
+                    " tries again)");
+                return;
+            }
+            ScheduleRestart(b);
+            return;
+        }
+        Log(Name(b) + ": tbdld (pid " + std::to_string(pid) + ") died: " + bd.lastExit + "; restarting it");
+        bd.restarts++;
+        SvcStartBoard(b, 1);
+        return;
+    }
+}
+
+uint32_t SvcSetStatus(int board, pid_t pid, uint32_t status)
+{
+    Board &bd = g_boards[board];
+    if (pid != bd.pid) {
+        Log(Name(board) + ": status " + std::to_string(status) + " reported by pid " + std::to_string(pid) +
+            ", which is not the board's daemon; ignored");
+        return 0;
+    }
+    bd.status = status;
+    if (status == 2 && bd.state == BoardState::STARTING) {
+        bd.state = BoardState::UP;
+        bd.startFailures = 0;
+    }
+    Log(Name(board) + ": tbdld (pid " + std::to_string(pid) + ") reported status " + std::to_string(status) +
+        (status == 2 ? " (up)" : ""));
+    return 0;
+}
+
+std::vector<int> SvcStopOrder()
+{
+    std::vector<int> order;
+    int master = HaMaster();
+    for (int b : g_opt.settings.boards) {
+        if (b != master) {
+            order.push_back(b);
+        }
+    }
+    for (int b : g_opt.settings.boards) {
+        if (b == master) {
+            order.push_back(b);
+        }
+    }
+    return order;
+}
+
+bool SvcBusy() { return g_busy; }
+void SvcSetBusy(bool busy) { g_busy = busy; }
+
+Json SvcStatusJson()
+{
+    Json boards = Json::array();
+    int master = HaMaster();
+    for (const Board &bd : g_boards) {
+        if (!bd.present) {
+            continue;
+        }
+        boards.push_back({
+            {"board", bd.num},
+            {"role", bd.num == master ? "master" : "standby"},
+            {"pid", bd.pid},
+            {"state", BoardStateName(bd.state)},
+            {"status", bd.status},
+            {"start_cause", bd.startCause},
+            {"start_cause_name", bd.startCause == 0 ? "system boot" : "process restart"},
+            {"restarts", bd.restarts},
+            {"start_failures", bd.startFailures},
+            {"last_exit", bd.lastExit},
+            {"cfg_socket", tbdl::plat::LipcPathOf(g_opt.dir, bd.num, tbdl::plat::kCfgPort)},
+            {"log", tbdl::plat::BoardLogPathOf(g_opt.dir, bd.num)},
+        });
+    }
+    return boards;
+}
+
+} // namespace chassis

@@ -1,0 +1,213 @@
+/* Wire protocol between chassisd and its clients (the emulated platform
+ * library inside each board's daemon, and chassisctl), over the chassis
+ * socket DIR/chassisd.sock (AF_UNIX, SOCK_SEQPACKET).
+ *
+ * Every message is one datagram: an 8-byte header, then the payload; the
+ * payload length is the datagram length less the header. Integers are in
+ * host order (both ends run on the same host).
+ *
+ *   request : {usOp, usBoard, uiArg}  payload
+ *   reply   : {usOp, usBoard, uiArg = result}  payload
+ *
+ * A call is one send and one receive on a connection that carries nothing
+ * else at the same time. A connection can be turned into a channel by its
+ * first request (HA, interface events, LSM): chassisd answers that request,
+ * and from then on pushes messages to it (HA, interface events) or answers
+ * requests on it (LSM). The board's daemon puts each channel's descriptor on
+ * its event loop, as on the device.
+ *
+ * chassisctl speaks OP_CTL: the payload is a JSON object {"cmd":..., ...},
+ * the reply's payload a JSON object with "ok" and either "error" or the
+ * command's data.
+ *
+ * Fault injection lives here too: chassisd keeps, per board, a small shared
+ * memory plan (DIR/board<N>/failplan) of platform calls that must fail; every
+ * emulated platform call asks FailPlanHit() first, which costs one atomic
+ * load while nothing is planned. */
+#ifndef TBDL_PLAT_RPC_H
+#define TBDL_PLAT_RPC_H
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tbdl::rpc {
+
+struct Hdr {
+    uint16_t usOp;
+    uint16_t usBoard;
+    uint32_t uiArg; /* request argument, or the reply's result */
+};
+static_assert(sizeof(Hdr) == 8, "RPC header is 8 bytes");
+
+/* Largest datagram: header plus the largest HA message (u16 length) and
+ * some room for per-message fields. */
+inline constexpr size_t kMaxMsg = 8 + 16 + 65535 + 64;
+
+/* Result carried by a reply when the request itself was wrong (unknown op,
+ * bad length). Platform calls map it to their own failure value. */
+inline constexpr uint32_t kResultBadRequest = 0xFFFFFFF0u;
+/* Result a client reports when chassisd could not be reached. */
+inline constexpr uint32_t kResultNoChassis = 0xFFFFFFF1u;
+
+enum Op : uint16_t {
+    /* board daemon -> chassisd, request/reply on the call connection */
+    OP_SERVICE_SET_STATUS = 1, /* arg status; pid from the peer credentials */
+    OP_IF_INDEX_BY_NAME = 2,   /* payload name; reply u32 ifindex */
+    OP_IF_GET_DATA = 3,        /* arg item, payload u32 ifindex; reply u32 */
+    OP_IF_DELETE = 4,          /* arg key type, payload 8-byte key; result 1 = done */
+    OP_TUNNEL_GET_MODE = 5,    /* payload u32 ifindex; reply u32 mode */
+    OP_L3VPN_GET_VRF = 6,      /* payload u32 ifindex; reply u16 VRF */
+    OP_CIOCTL = 7,             /* payload CioctlReq + command bytes */
+    OP_HA_RESPONSE = 8,        /* arg event; payload optional u32 data */
+    OP_HA_SEND = 9,            /* arg flag; payload the HA message */
+
+    /* channel openers: the first request on a new connection */
+    OP_HA_REGISTER = 20,       /* reply HaState; then pushes OP_HA_PUSH */
+    OP_IFEV_REGISTER = 21,     /* then pushes OP_IFEV_PUSH (later) */
+    OP_LSM_REGISTER = 22,      /* arg protocol; then LSM requests on it */
+
+    /* on an LSM channel */
+    OP_LSM_GR = 23,            /* arg 1 begin / 2 end */
+    OP_LSM_BATCH = 24,         /* payload LSM changes; arg 1 = last chunk */
+
+    /* chassisd -> board daemon pushes */
+    OP_HA_PUSH = 40,           /* arg HaPushKind; payload HaState + data */
+    OP_IFEV_PUSH = 41,         /* arg event; payload u32 count + entries */
+
+    /* chassisctl */
+    OP_CTL = 60,               /* payload JSON request; reply JSON */
+};
+
+struct CioctlReq {
+    uint32_t uiDev;
+    uint32_t uiCmd;
+    uint32_t auiArg[3];
+};
+static_assert(sizeof(CioctlReq) == 20, "CIOCTL request head is 20 bytes");
+
+/* The HA state chassisd tells a board's channel: at registration (reply)
+ * and in front of every push, so the library's cached role never lags the
+ * event it comes with. */
+struct HaState {
+    uint32_t uiMaster; /* 1 = this board is master */
+    uint32_t uiPeer;   /* 1 = a standby service is registered (master only) */
+    uint32_t uiMtu;
+    uint32_t uiValue;  /* push: event number or send flag */
+};
+static_assert(sizeof(HaState) == 16, "HA state is 16 bytes");
+
+enum HaPushKind : uint32_t {
+    HA_PUSH_STATE = 0, /* role or standby presence changed */
+    HA_PUSH_EVENT = 1, /* uiValue = event; no data */
+    HA_PUSH_MSG = 2,   /* uiValue = send flag; data = the peer's message */
+};
+
+/* One LSM change in an OP_LSM_BATCH payload: a 4-byte head, then the 96-byte
+ * entry (pointers zeroed), the 16-byte attribute block and usPaths 64-byte
+ * paths (add), or the 28-byte key (entry bytes 12-39) alone (delete). */
+struct LsmChangeHead {
+    uint16_t usKind; /* 1 add, 2 delete */
+    uint16_t usPaths;
+};
+inline constexpr size_t kLsmEntryLen = 96;
+inline constexpr size_t kLsmAttrLen = 16;
+inline constexpr size_t kLsmPathLen = 64;
+inline constexpr size_t kLsmMaxPaths = 32;
+inline constexpr size_t kLsmKeyOffset = 12;
+inline constexpr size_t kLsmKeyLen = 28;
+
+/* Sends one message (header + payload) on fd. 0 on success, else errno. */
+int SendMsg(int fd, uint16_t op, uint16_t board, uint32_t arg, const void *payload, size_t len,
+            int flags = 0);
+/* Receives one message into buf (kMaxMsg bytes); returns its length, 0 at
+ * the end of the connection, -1 with errno on error or a short message. */
+ssize_t RecvMsg(int fd, void *buf, size_t cap, int flags = 0);
+
+/* Opens a new SOCK_SEQPACKET connection to DIR/chassisd.sock (close on exec,
+ * blocking, with a receive time-out so a stuck chassisd cannot hang the
+ * caller forever). -1 with errno on failure. */
+int Connect(const std::string &socketPath, int recvTimeoutMs = 10000);
+
+/* A request/reply connection. Not thread-safe on its own. */
+class Client {
+public:
+    Client() = default;
+    ~Client();
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+
+    /* Connects lazily to path; reconnects when path changes. */
+    void SetPath(const std::string &path);
+    /* One call: the result, and the reply's payload in reply (may be null).
+     * kResultNoChassis when chassisd cannot be reached. A broken connection
+     * is re-opened once. */
+    uint32_t Call(uint16_t op, uint16_t board, uint32_t arg, const void *payload, size_t len,
+                  std::vector<uint8_t> *reply);
+    void Close();
+
+private:
+    bool Exchange(uint16_t op, uint16_t board, uint32_t arg, const void *payload, size_t len,
+                  uint32_t &result, std::vector<uint8_t> *reply);
+    std::string path_;
+    int fd_ = -1;
+    std::vector<uint8_t> buf_;
+};
+
+/* chassisctl answers longer than one chunk come in several messages; all
+ * but the last carry kCtlMore as their result. */
+inline constexpr size_t kCtlChunk = 60000;
+inline constexpr uint32_t kCtlMore = 2;
+
+/* chassisctl's call: sends a JSON request, returns the JSON reply text, or
+ * "" with err set when chassisd cannot be reached. */
+std::string CtlCall(const std::string &socketPath, const std::string &requestJson, std::string &err,
+                    int timeoutMs = 10000);
+
+/* ---- Fault injection plan (shared memory, one file per board) ---- */
+
+inline constexpr uint32_t kFailPlanMagic = 0x4641504cu; /* "FAPL" */
+inline constexpr size_t kFailSlots = 32;
+inline constexpr size_t kFailNameLen = 48;
+
+struct FailSlot {
+    char acName[kFailNameLen];    /* call name, "" = free slot */
+    std::atomic<int32_t> iLeft;   /* failures left; -1 = always; 0 = spent */
+    std::atomic<uint32_t> uiHits; /* failures injected so far */
+    int64_t lResult;              /* failure value to return */
+    uint32_t uiHasResult;         /* 1 = lResult given, else the call's own */
+    uint32_t uiResv;
+};
+
+struct FailPlan {
+    uint32_t uiMagic;
+    std::atomic<uint32_t> uiActive; /* number of slots in use; 0 = fast path */
+    FailSlot astSlot[kFailSlots];
+};
+static_assert(std::atomic<int32_t>::is_always_lock_free, "shared counters need lock-free atomics");
+
+/* Path of a board's plan file. */
+std::string FailPlanPathOf(const std::string &dir, int board);
+
+/* Library side: true when `call` must fail now on this process's board (the
+ * plan is mapped on first use from TBDL_CHASSIS_DIR / TBDL_BOARD). Counts
+ * the failure. When the plan gives a result value, *value receives it and
+ * *hasValue is set. */
+bool FailPlanHit(const char *call, int64_t *value = nullptr, bool *hasValue = nullptr);
+/* Forgets the mapping (tests that change the environment). */
+void FailPlanReset();
+
+/* chassisd side: maps (creating and zeroing) a board's plan file. */
+FailPlan *FailPlanCreate(const std::string &path);
+/* Adds or replaces the entry for call: count > 0 failures, or -1 always. */
+bool FailPlanSet(FailPlan *plan, const std::string &call, int32_t count, bool hasResult,
+                 int64_t result);
+void FailPlanClear(FailPlan *plan);
+
+} // namespace tbdl::rpc
+
+#endif

@@ -1,0 +1,167 @@
+/* Debug switches, ERROR counting and log output. */
+#include <gtest/gtest.h>
+
+#include "fake_platform.h"
+#include "tbdl_bas.h"
+#include "tbdl_dbg.h"
+
+namespace {
+
+class DbgTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        fake::Reset();
+        ASSERT_EQ(0u, TBDL_DBG_Init());
+    }
+    void TearDown() override
+    {
+        TBDL_BAS_SetAllocFault(0, 0);
+        TBDL_DBG_Fini();
+    }
+    static u32 Set(u16 usUndo, u32 uiType)
+    {
+        TBDL_CFG_OPER_DATA_S stData{};
+        memcpy(stData.aucData, &uiType, sizeof(uiType));
+        TBDL_CFG_KEY_S stKey{};
+        return TBDL_DBG_SetDebug(usUndo, &stKey, 0, stData.aucData);
+    }
+};
+
+TEST_F(DbgTest, InitOpensTheLogAndFiniClosesIt)
+{
+    auto opens = fake::CallsOf("openlog");
+    ASSERT_EQ(1u, opens.size());
+    EXPECT_EQ("TBDL", opens[0].text);
+    EXPECT_EQ((std::vector<uint64_t>{4, 184}), opens[0].args);
+    EXPECT_TRUE(fake::LogOpen());
+    TBDL_DBG_Output(TBDL_DBG_ERROR, "a\r\n");
+    TBDL_DBG_Fini();
+    EXPECT_FALSE(fake::LogOpen());
+    EXPECT_EQ("TBDL", fake::CallsOf("closelog2").at(0).text);
+    EXPECT_EQ(0u, g_stTbdlLogVar.uiErrTotal);
+    EXPECT_EQ(nullptr, g_apcTbdlErrStr[0]);
+    EXPECT_EQ(0, g_ausTbdlErrCnt[0]);
+    TBDL_DBG_Init();
+}
+
+TEST_F(DbgTest, ErrorsAreCountedPerFormatInFirstUseOrderWhileOutputIsOff)
+{
+    TBDL_DBG_Output(TBDL_DBG_ERROR, "Failed to save member (%d) to DBM.\r\n", 7);
+    TBDL_DBG_Output(TBDL_DBG_ERROR, "Other (%d).\r\n", 1);
+    TBDL_DBG_Output(TBDL_DBG_ERROR, "Failed to save member (%d) to DBM.\r\n", 9);
+    TBDL_DBG_Output(TBDL_DBG_EVENT, "Event (%d).\r\n", 1);
+    TBDL_DBG_Output(5, "Nothing (%d).\r\n", 1);
+    EXPECT_EQ(3u, g_stTbdlLogVar.uiErrTotal);
+    ASSERT_NE(nullptr, g_apcTbdlErrStr[0]);
+    ASSERT_NE(nullptr, g_apcTbdlErrStr[1]);
+    EXPECT_STREQ("Failed to save member (%d) to DBM.\r\n", g_apcTbdlErrStr[0]);
+    EXPECT_STREQ("Other (%d).\r\n", g_apcTbdlErrStr[1]);
+    EXPECT_EQ(nullptr, g_apcTbdlErrStr[2]);
+    EXPECT_EQ(2, g_ausTbdlErrCnt[0]);
+    EXPECT_EQ(1, g_ausTbdlErrCnt[1]);
+    EXPECT_EQ(0u, fake::CountOf("vsyslog2"));
+}
+
+TEST_F(DbgTest, ThePastTableStringIsCountedOnlyInTheTotal)
+{
+    for (int i = 0; i < 257; i++) {
+        std::string strFmt = "distinct " + std::to_string(i) + " (%d)\r\n";
+        TBDL_DBG_Output(TBDL_DBG_ERROR, strFmt.c_str(), i);
+    }
+    EXPECT_EQ(257u, g_stTbdlLogVar.uiErrTotal);
+    EXPECT_STREQ("distinct 255 (%d)\r\n", g_apcTbdlErrStr[255]);
+    TBDL_DBG_Output(TBDL_DBG_ERROR, "distinct 256 (%d)\r\n", 0);
+    TBDL_DBG_Output(TBDL_DBG_ERROR, "distinct 255 (%d)\r\n", 0);
+    EXPECT_EQ(259u, g_stTbdlLogVar.uiErrTotal);
+    EXPECT_EQ(2, g_ausTbdlErrCnt[255]);
+}
+
+TEST_F(DbgTest, SlotCounterWrapsAt65535)
+{
+    TBDL_DBG_Output(TBDL_DBG_ERROR, "wrap\r\n");
+    g_ausTbdlErrCnt[0] = 65535;
+    TBDL_DBG_Output(TBDL_DBG_ERROR, "wrap\r\n");
+    EXPECT_EQ(0, g_ausTbdlErrCnt[0]);
+    EXPECT_EQ(2u, g_stTbdlLogVar.uiErrTotal);
+}
+
+TEST_F(DbgTest, EmptyFormatIsCountedButNeverOutput)
+{
+    ASSERT_EQ(0u, Set(0, TBDL_DBG_ALL));
+    TBDL_DBG_Output(TBDL_DBG_ERROR, "%s", "x");
+    const char *pcEmpty = "";
+    TBDL_DBG_Output(TBDL_DBG_ERROR, pcEmpty, 0);
+    EXPECT_STREQ("", g_apcTbdlErrStr[1]);
+    EXPECT_EQ(1, g_ausTbdlErrCnt[1]);
+    EXPECT_EQ(1u, fake::CountOf("vsyslog2"));
+}
+
+TEST_F(DbgTest, FailedCopyOnlySkipsThePerStringCount)
+{
+    ASSERT_EQ(0u, Set(0, TBDL_DBG_ERROR));
+    TBDL_BAS_SetAllocFault(0, 1);
+    TBDL_DBG_Output(TBDL_DBG_ERROR, "first (%d)\r\n", 1);
+    EXPECT_EQ(1u, g_stTbdlLogVar.uiErrTotal);
+    EXPECT_EQ(nullptr, g_apcTbdlErrStr[0]);
+    EXPECT_EQ((std::vector<std::string>{"ERROR first (1)\r\n"}), fake::LogLines());
+    TBDL_DBG_Output(TBDL_DBG_ERROR, "second\r\n");
+    EXPECT_STREQ("second\r\n", g_apcTbdlErrStr[0]);
+}
+
+TEST_F(DbgTest, SwitchedOnOutputReachesTheLogWithTypeAndPriority)
+{
+    ASSERT_EQ(0u, Set(0, TBDL_DBG_EVENT));
+    TBDL_DBG_Output(TBDL_DBG_ERROR, "error %d\r\n", 1);
+    TBDL_DBG_Output(TBDL_DBG_EVENT, "Sent an HA message (Type %d).\r\n", 1);
+    TBDL_DBG_Output(2, "never %d\r\n", 2);
+    auto calls = fake::CallsOf("vsyslog2");
+    ASSERT_EQ(1u, calls.size());
+    EXPECT_EQ(0x010000BFu, calls[0].args.at(0));
+    EXPECT_EQ("TBDL|EVENT|Sent an HA message (Type 1).\r\n", calls[0].text);
+    ASSERT_EQ(0u, Set(0, TBDL_DBG_ERROR));
+    TBDL_DBG_Output(TBDL_DBG_ERROR, "error %d\r\n", 2);
+    EXPECT_EQ((std::vector<std::string>{"EVENT Sent an HA message (Type 1).\r\n", "ERROR error 2\r\n"}),
+              fake::LogLines());
+}
+
+struct SwitchStep {
+    u16 usUndo;
+    u32 uiType;
+    u32 uiResult;
+    u32 uiSwitchAfter;
+};
+
+TEST_F(DbgTest, SwitchCommandsAndTheirUndo)
+{
+    const SwitchStep steps[] = {
+        {1, TBDL_DBG_EVENT, 0, 0},               /* undo of an off type: accepted, no change */
+        {0, TBDL_DBG_ALL, 0, 3},                 /* all sets both bits */
+        {1, TBDL_DBG_EVENT, 0, 1},               /* undo EVENT leaves ERROR on */
+        {0, 3, TBDL_E_INVALID_PARAM, 1},         /* no such type: nothing changes */
+        {1, 0xFFFFFFFFu, TBDL_E_INVALID_PARAM, 1},
+        {0, TBDL_DBG_EVENT, 0, 3},
+        {1, TBDL_DBG_ALL, 0, 0},                 /* undo all clears the word */
+        {0, TBDL_DBG_ERROR, 0, 1},
+    };
+    for (size_t i = 0; i < sizeof(steps) / sizeof(steps[0]); i++) {
+        const SwitchStep &s = steps[i];
+        EXPECT_EQ(s.uiResult, Set(s.usUndo, s.uiType)) << "step " << i;
+        EXPECT_EQ(s.uiSwitchAfter, TBDL_DBG_GetDebug()) << "step " << i;
+        EXPECT_EQ(s.uiSwitchAfter & 1u, TBDL_DBG_IsOpen(TBDL_DBG_ERROR)) << "step " << i;
+        EXPECT_EQ((s.uiSwitchAfter >> 1) & 1u, TBDL_DBG_IsOpen(TBDL_DBG_EVENT)) << "step " << i;
+    }
+    EXPECT_EQ(0, TBDL_DBG_IsOpen(2));
+}
+
+TEST_F(DbgTest, ClearRunningKeepsTheCounts)
+{
+    ASSERT_EQ(0u, Set(0, TBDL_DBG_ALL));
+    TBDL_DBG_Output(TBDL_DBG_ERROR, "kept\r\n");
+    TBDL_DBG_ClearRunning();
+    EXPECT_EQ(0u, TBDL_DBG_GetDebug());
+    EXPECT_EQ(1u, g_stTbdlLogVar.uiErrTotal);
+    EXPECT_EQ(1, g_ausTbdlErrCnt[0]);
+}
+
+} // namespace

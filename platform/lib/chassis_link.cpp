@@ -1,0 +1,79 @@
+/* The platform library's link to chassisd (see chassis_link.h). */
+#include "chassis_link.h"
+
+#include <fcntl.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <mutex>
+
+#include "chassis_env.h"
+
+namespace tbdl::plat::link {
+
+namespace {
+std::mutex g_mutex;
+tbdl::rpc::Client &SharedClient()
+{
+    static tbdl::rpc::Client *client = new tbdl::rpc::Client(); /* lives for the process */
+    return *client;
+}
+} // namespace
+
+uint32_t Call(uint16_t op, uint32_t arg, const void *payload, size_t len, std::vector<uint8_t> *reply)
+{
+    const ChassisEnv &env = GetChassisEnv();
+    if (!env.inChassis) {
+        return tbdl::rpc::kResultNoChassis;
+    }
+    std::lock_guard<std::mutex> lock(g_mutex);
+    tbdl::rpc::Client &c = SharedClient();
+    c.SetPath(ChassisSocketPathOf(env.dir));
+    return c.Call(op, static_cast<uint16_t>(env.board), arg, payload, len, reply);
+}
+
+int OpenChannel(uint16_t op, uint32_t arg, const void *payload, size_t len, std::vector<uint8_t> *reply)
+{
+    const ChassisEnv &env = GetChassisEnv();
+    if (!env.inChassis) {
+        return -1;
+    }
+    int fd = tbdl::rpc::Connect(ChassisSocketPathOf(env.dir));
+    if (fd < 0) {
+        return -1;
+    }
+    std::vector<uint8_t> buf(tbdl::rpc::kMaxMsg);
+    if (tbdl::rpc::SendMsg(fd, op, static_cast<uint16_t>(env.board), arg, payload, len) == 0) {
+        ssize_t n = tbdl::rpc::RecvMsg(fd, buf.data(), buf.size());
+        if (n > 0) {
+            tbdl::rpc::Hdr h;
+            std::memcpy(&h, buf.data(), sizeof(h));
+            if (h.uiArg == 0 && h.usOp == op) {
+                if (reply != nullptr) {
+                    reply->assign(buf.begin() + sizeof(h), buf.begin() + n);
+                }
+                return fd;
+            }
+        }
+    }
+    close(fd);
+    return -1;
+}
+
+void Neutralize(int fd)
+{
+    int quiet = eventfd(0, EFD_CLOEXEC);
+    if (quiet >= 0) {
+        dup3(quiet, fd, O_CLOEXEC);
+        close(quiet);
+    }
+}
+
+void Reset()
+{
+    std::lock_guard<std::mutex> lock(g_mutex);
+    SharedClient().Close();
+}
+
+} // namespace tbdl::plat::link

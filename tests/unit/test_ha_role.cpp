@@ -130,6 +130,13 @@ TEST_F(HaRoleTest, InitJoinsTheServiceAndRegistersChannelAndHooks)
     /* The channel is on the loop: an event pushed now is delivered. */
     DeliverEvent(TBDL_HA_EV_ACK_ONLY);
     EXPECT_EQ(fake::HaResponses().size(), 1u);
+
+    /* Only the low 16 bits of a larger MTU become the capacity. */
+    TBDL_HA_Fini();
+    fake::Config().haMtu = 70000;
+    ASSERT_EQ(TBDL_HA_Init(m_iEpfd), 0u);
+    EXPECT_EQ(fake::CallsOf("HA_AllocMsg").back().args.at(0), 70000u);
+    EXPECT_EQ(g_stTbdlHaVar.usMsgBufSize, 70000 & 0xFFFF);
 }
 
 TEST_F(HaRoleTest, InitFailuresReleaseWhatWasObtained)
@@ -164,14 +171,6 @@ TEST_F(HaRoleTest, InitFailuresReleaseWhatWasObtained)
         EXPECT_EQ(TBDL_BAS_HAIsMaster(), 0) << "hooks are not registered";
     }
     EXPECT_EQ(fake::CountOf("HA_GetMTU"), 1u) << "the first case stops before asking the MTU";
-}
-
-TEST_F(HaRoleTest, MtuAbove16BitsKeepsLowBitsAsCapacity)
-{
-    fake::Config().haMtu = 70000;
-    ASSERT_EQ(TBDL_HA_Init(m_iEpfd), 0u);
-    EXPECT_EQ(fake::CallsOf("HA_AllocMsg").at(0).args.at(0), 70000u);
-    EXPECT_EQ(g_stTbdlHaVar.usMsgBufSize, 70000 & 0xFFFF);
 }
 
 TEST_F(HaRoleTest, FiniReleasesChannelBufferAndHooksOnce)

@@ -122,7 +122,8 @@ bool SetUpConnection(sqlite3 *db, const std::string &name, const std::string &ow
         return false;
     }
     if (check != "ok") {
-        err = "integrity check failed: " + check;
+        /* The first problem is enough to say why; the report can be long. */
+        err = "integrity check failed: " + check.substr(0, 160);
         return false;
     }
     if (!Exec(db, kSchema, err)) {

@@ -88,6 +88,12 @@ void LibLogError(const char *format, ...)
     va_start(args, format);
     std::string text = FormatV(format, args);
     va_end(args);
+    /* Reasons from other libraries may span lines; keep the entry on one. */
+    for (char &c : text) {
+        if (c == '\n' || c == '\r') {
+            c = ' ';
+        }
+    }
     WriteLogLine("platform", "ERROR", text);
 }
 

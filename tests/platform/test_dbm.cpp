@@ -1,0 +1,483 @@
+/* Platform database on the chassis's SQLite store: list semantics, order,
+ * batch walk, block reads, durability across kill -9, failed opens and the
+ * read-only dump. */
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "dbm_store.h"
+#include "plat_dbm.h"
+#include "plat_test_env.h"
+
+namespace {
+
+using Bytes = std::vector<u8>;
+using plattest::TempChassis;
+
+const u32 kOpenParams[8] = {1, 0, 1, 32, 0, 0, 0, 0};
+const Bytes kBndKey = {0x01};
+
+void PutBe32(Bytes &b, size_t off, u32 v)
+{
+    b[off] = static_cast<u8>(v >> 24);
+    b[off + 1] = static_cast<u8>(v >> 16);
+    b[off + 2] = static_cast<u8>(v >> 8);
+    b[off + 3] = static_cast<u8>(v);
+}
+
+u32 GetBe32(const u8 *p)
+{
+    return (u32{p[0]} << 24) | (u32{p[1]} << 16) | (u32{p[2]} << 8) | p[3];
+}
+
+/* Bundle record: number big-endian at offset 20 (the sort word), mode at 24. */
+Bytes BndRec(u32 num, u8 mode = 1)
+{
+    Bytes rec(32, 0);
+    PutBe32(rec, 20, num);
+    rec[24] = mode;
+    return rec;
+}
+
+/* Member record: tunnel number big-endian at offset 0, weight at 4. */
+Bytes MembRec(u32 tnl, u8 weight = 1)
+{
+    Bytes rec(12, 0);
+    PutBe32(rec, 0, tnl);
+    rec[5] = weight;
+    return rec;
+}
+
+Bytes MembKey(u32 bnd)
+{
+    Bytes key(5, 0x02);
+    PutBe32(key, 1, bnd);
+    return key;
+}
+
+std::string Hex(const Bytes &b)
+{
+    return tbdl::plat::HexOf(b.data(), b.size());
+}
+
+u32 OpenDb(u64 &handle, const char *name = "eTBDL")
+{
+    return DBM_Open(name, "TBDL", 7, kOpenParams, &handle, 32, -1);
+}
+
+u32 Store(u64 h, const Bytes &key, const Bytes &rec, u32 sortOff)
+{
+    if (DBM_IsKeyExist(h, key.data(), static_cast<u32>(key.size())) != 1) {
+        u32 rc = DBM_SetSortWord(h, key.data(), static_cast<u32>(key.size()), 1, sortOff, 4, 19, 0);
+        if (rc != 0) {
+            return rc;
+        }
+    }
+    return DBM_InsertSortList(h, key.data(), static_cast<u32>(key.size()), static_cast<u32>(rec.size()), rec.data(),
+                              0);
+}
+
+/* Reads a whole list in blocks of 10; blockSizes gets each block's count. */
+std::vector<Bytes> ReadList(u64 h, const Bytes &key, u32 recLen, std::vector<i32> *blockSizes = nullptr)
+{
+    std::vector<Bytes> out;
+    void *iter = nullptr;
+    for (int guard = 0; guard < 1000; ++guard) {
+        Bytes buf(recLen * 10, 0);
+        i32 n = DBM_BatchGetNextSortList(h, key.data(), static_cast<u32>(key.size()), &iter, 0, 0, recLen, 10,
+                                         buf.data());
+        if (blockSizes != nullptr) {
+            blockSizes->push_back(n);
+        }
+        if (n <= 0) {
+            break;
+        }
+        for (i32 i = 0; i < n; ++i) {
+            out.emplace_back(buf.begin() + i * recLen, buf.begin() + (i + 1) * recLen);
+        }
+    }
+    DBM_FreeIterator(iter);
+    return out;
+}
+
+std::vector<u32> BndNums(const std::vector<Bytes> &recs)
+{
+    std::vector<u32> nums;
+    for (const Bytes &r : recs) {
+        nums.push_back(GetBe32(r.data() + 20));
+    }
+    return nums;
+}
+
+class DbmTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_EQ(OpenDb(h_), 0u); }
+    void TearDown() override { EXPECT_EQ(DBM_Close(h_), 0u); }
+
+    TempChassis chassis_;
+    u64 h_ = DBM_HANDLE_NONE;
+};
+
+TEST_F(DbmTest, InsertNeedsASortWordAndReplacesOnAnEqualOne)
+{
+    Bytes rec = BndRec(5, 1);
+    EXPECT_NE(DBM_InsertSortList(h_, kBndKey.data(), 1, 32, rec.data(), 0), 0u);
+    EXPECT_EQ(DBM_IsKeyExist(h_, kBndKey.data(), 1), 0u);
+
+    ASSERT_EQ(DBM_SetSortWord(h_, kBndKey.data(), 1, 1, 20, 4, 19, 0), 0u);
+    EXPECT_EQ(DBM_IsKeyExist(h_, kBndKey.data(), 1), 1u);
+    EXPECT_EQ(DBM_Len(h_, kBndKey.data(), 1), 0u);
+    ASSERT_EQ(DBM_InsertSortList(h_, kBndKey.data(), 1, 32, rec.data(), 0), 0u);
+    Bytes changed = BndRec(5, 4);
+    ASSERT_EQ(DBM_InsertSortList(h_, kBndKey.data(), 1, 32, changed.data(), 0), 0u);
+
+    EXPECT_EQ(DBM_Len(h_, kBndKey.data(), 1), 1u);
+    EXPECT_EQ(ReadList(h_, kBndKey, 32), std::vector<Bytes>{changed});
+    /* A record too short to hold its sort word is refused. */
+    EXPECT_NE(DBM_InsertSortList(h_, kBndKey.data(), 1, 23, rec.data(), 0), 0u);
+    EXPECT_EQ(DBM_Len(h_, kBndKey.data(), 1), 1u);
+}
+
+TEST_F(DbmTest, RecordsComeBackInBigEndianSortWordOrder)
+{
+    for (u32 num : {65536u, 300u, 2u, 1023u, 1u, 256u}) {
+        ASSERT_EQ(Store(h_, kBndKey, BndRec(num), 20), 0u);
+    }
+    EXPECT_EQ(BndNums(ReadList(h_, kBndKey, 32)), (std::vector<u32>{1, 2, 256, 300, 1023, 65536}));
+}
+
+TEST_F(DbmTest, RemoveMatchesOnTheSortWordAloneAndDeleteKeyTouchesOneList)
+{
+    for (u32 num : {1u, 2u, 3u}) {
+        ASSERT_EQ(Store(h_, kBndKey, BndRec(num, 4), 20), 0u);
+    }
+    Bytes m7 = MembKey(7);
+    Bytes m8 = MembKey(8);
+    ASSERT_EQ(Store(h_, m7, MembRec(10), 0), 0u);
+    ASSERT_EQ(Store(h_, m7, MembRec(11), 0), 0u);
+    ASSERT_EQ(Store(h_, m8, MembRec(10), 0), 0u);
+
+    Bytes onlyNumber = BndRec(2, 0); /* other fields differ from the stored record */
+    EXPECT_EQ(DBM_RemoveSortList(h_, kBndKey.data(), 1, 32, onlyNumber.data()), 0u);
+    EXPECT_NE(DBM_RemoveSortList(h_, kBndKey.data(), 1, 32, onlyNumber.data()), 0u);
+    EXPECT_EQ(BndNums(ReadList(h_, kBndKey, 32)), (std::vector<u32>{1, 3}));
+
+    EXPECT_EQ(DBM_DeleteKey(h_, m7.data(), 5), 0u);
+    EXPECT_EQ(DBM_IsKeyExist(h_, m7.data(), 5), 0u);
+    EXPECT_EQ(DBM_Len(h_, m7.data(), 5), 0u);
+    EXPECT_TRUE(ReadList(h_, m7, 12).empty());
+    EXPECT_EQ(DBM_Len(h_, m8.data(), 5), 1u);
+    EXPECT_EQ(DBM_Len(h_, kBndKey.data(), 1), 2u);
+    EXPECT_NE(DBM_DeleteKey(h_, m7.data(), 5), 0u);
+
+    /* A key that comes back starts empty. */
+    ASSERT_EQ(Store(h_, m7, MembRec(12), 0), 0u);
+    EXPECT_EQ(ReadList(h_, m7, 12), std::vector<Bytes>{MembRec(12)});
+}
+
+TEST_F(DbmTest, ChangingTheSortWordReordersTheList)
+{
+    Bytes key = {0x09};
+    Bytes a(8, 0), b(8, 0);
+    PutBe32(a, 0, 1);
+    PutBe32(a, 4, 2);
+    PutBe32(b, 0, 2);
+    PutBe32(b, 4, 1);
+    ASSERT_EQ(Store(h_, key, a, 0), 0u);
+    ASSERT_EQ(Store(h_, key, b, 0), 0u);
+    EXPECT_EQ(ReadList(h_, key, 8), (std::vector<Bytes>{a, b}));
+    ASSERT_EQ(DBM_SetSortWord(h_, key.data(), 1, 1, 4, 4, 19, 0), 0u);
+    EXPECT_EQ(ReadList(h_, key, 8), (std::vector<Bytes>{b, a}));
+    /* Removal now matches on the new sort word. */
+    Bytes byNew(8, 0);
+    PutBe32(byNew, 4, 2);
+    EXPECT_EQ(DBM_RemoveSortList(h_, key.data(), 1, 8, byNew.data()), 0u);
+    EXPECT_EQ(ReadList(h_, key, 8), std::vector<Bytes>{b});
+}
+
+TEST_F(DbmTest, BlockReadsHandOutTenAtATimeInOrder)
+{
+    for (u32 num = 25; num >= 1; --num) {
+        ASSERT_EQ(Store(h_, kBndKey, BndRec(num), 20), 0u);
+    }
+    std::vector<i32> blocks;
+    std::vector<Bytes> recs = ReadList(h_, kBndKey, 32, &blocks);
+    EXPECT_EQ(blocks, (std::vector<i32>{10, 10, 5, 0}));
+    std::vector<u32> expected;
+    for (u32 num = 1; num <= 25; ++num) {
+        expected.push_back(num);
+    }
+    EXPECT_EQ(BndNums(recs), expected);
+
+    /* An exact multiple of the block ends with an empty block. */
+    Bytes key = MembKey(1);
+    for (u32 tnl = 0; tnl < 10; ++tnl) {
+        ASSERT_EQ(Store(h_, key, MembRec(tnl), 0), 0u);
+    }
+    blocks.clear();
+    EXPECT_EQ(ReadList(h_, key, 12, &blocks).size(), 10u);
+    EXPECT_EQ(blocks, (std::vector<i32>{10, 0}));
+
+    DBM_FreeIterator(nullptr);
+}
+
+TEST_F(DbmTest, BlockReadOfAMissingListIsEmptyAndBadCallsAreErrors)
+{
+    void *iter = nullptr;
+    Bytes buf(320, 0);
+    EXPECT_EQ(DBM_BatchGetNextSortList(h_, kBndKey.data(), 1, &iter, 0, 0, 32, 10, buf.data()), 0);
+    DBM_FreeIterator(iter);
+    iter = nullptr;
+    EXPECT_LT(DBM_BatchGetNextSortList(DBM_HANDLE_NONE, kBndKey.data(), 1, &iter, 0, 0, 32, 10, buf.data()), 0);
+    DBM_FreeIterator(iter);
+    iter = nullptr;
+    EXPECT_LT(DBM_BatchGetNextSortList(h_, kBndKey.data(), 1, &iter, 0, 0, 32, 10, nullptr), 0);
+    EXPECT_EQ(iter, nullptr);
+}
+
+/* Batch callbacks record what they were called with and read the list. */
+struct Visit {
+    char row;
+    std::string key;
+    size_t records;
+};
+std::vector<Visit> g_visits;
+
+u32 VisitList(char row, u64 handle, const void *key, u32 keyLen, u32 recLen)
+{
+    Bytes k(static_cast<const u8 *>(key), static_cast<const u8 *>(key) + keyLen);
+    g_visits.push_back(Visit{row, Hex(k), ReadList(handle, k, recLen).size()});
+    return 0;
+}
+u32 BndRow(u64 handle, const void *key, u32 keyLen) { return VisitList('B', handle, key, keyLen, 32); }
+u32 MembRow(u64 handle, const void *key, u32 keyLen) { return VisitList('M', handle, key, keyLen, 12); }
+
+TEST_F(DbmTest, BatchWalkServesRowsInTableOrderAndKeysAscending)
+{
+    ASSERT_EQ(Store(h_, MembKey(300), MembRec(1), 0), 0u);
+    ASSERT_EQ(Store(h_, MembKey(7), MembRec(1), 0), 0u);
+    ASSERT_EQ(Store(h_, MembKey(7), MembRec(2), 0), 0u);
+    ASSERT_EQ(Store(h_, MembKey(2), MembRec(1), 0), 0u);
+    ASSERT_EQ(Store(h_, kBndKey, BndRec(2), 20), 0u);
+    ASSERT_EQ(Store(h_, kBndKey, BndRec(7), 20), 0u);
+    ASSERT_EQ(Store(h_, {0x03}, MembRec(1), 0), 0u); /* matched by no row */
+
+    const DBM_BATCH_ROW_S rows[] = {{0, BndRow, 0}, {1, MembRow, 0}};
+    g_visits.clear();
+    ASSERT_EQ(DBM_Batch_Proc(h_, -1, rows, 2), 0u);
+    ASSERT_EQ(g_visits.size(), 4u);
+    EXPECT_EQ(g_visits[0].row, 'B');
+    EXPECT_EQ(g_visits[0].key, "01");
+    EXPECT_EQ(g_visits[0].records, 2u);
+    EXPECT_EQ(g_visits[1].key, "0200000002");
+    EXPECT_EQ(g_visits[2].key, "0200000007");
+    EXPECT_EQ(g_visits[2].records, 2u);
+    EXPECT_EQ(g_visits[3].key, "020000012c");
+    EXPECT_EQ(g_visits[3].row, 'M');
+
+    /* The table's order, not the identifiers, decides which row goes first. */
+    const DBM_BATCH_ROW_S reversed[] = {{1, MembRow, 0}, {0, BndRow, 0}};
+    g_visits.clear();
+    ASSERT_EQ(DBM_Batch_Proc(h_, -1, reversed, 2), 0u);
+    ASSERT_EQ(g_visits.size(), 4u);
+    EXPECT_EQ(g_visits[0].key, "0200000002");
+    EXPECT_EQ(g_visits[3].key, "01");
+
+    EXPECT_NE(DBM_Batch_Proc(DBM_HANDLE_NONE, -1, rows, 2), 0u);
+}
+
+TEST_F(DbmTest, DatabasesOfDifferentNamesAreSeparateAndHandlesShareOneStore)
+{
+    u64 other = DBM_HANDLE_NONE;
+    u64 same = DBM_HANDLE_NONE;
+    ASSERT_EQ(OpenDb(other, "eOTHER"), 0u);
+    ASSERT_EQ(OpenDb(same), 0u);
+    EXPECT_NE(other, h_);
+    EXPECT_NE(same, h_);
+
+    ASSERT_EQ(Store(h_, kBndKey, BndRec(1), 20), 0u);
+    EXPECT_EQ(DBM_IsKeyExist(other, kBndKey.data(), 1), 0u);
+    EXPECT_EQ(DBM_Len(same, kBndKey.data(), 1), 1u); /* what the other board sees */
+    ASSERT_EQ(Store(other, kBndKey, BndRec(9), 20), 0u);
+    EXPECT_EQ(BndNums(ReadList(h_, kBndKey, 32)), std::vector<u32>{1});
+
+    EXPECT_EQ(DBM_Sync(), 0u);
+    EXPECT_EQ(DBM_Close(other), 0u);
+    EXPECT_EQ(DBM_Close(same), 0u);
+    EXPECT_NE(DBM_Close(same), 0u);
+    EXPECT_EQ(DBM_Len(same, kBndKey.data(), 1), 0u);
+    EXPECT_NE(DBM_InsertSortList(same, kBndKey.data(), 1, 32, BndRec(2).data(), 0), 0u);
+}
+
+TEST_F(DbmTest, DumpShowsEveryListReadOnly)
+{
+    ASSERT_EQ(Store(h_, kBndKey, BndRec(7), 20), 0u);
+    ASSERT_EQ(Store(h_, MembKey(7), MembRec(3), 0), 0u);
+    std::string path = tbdl::plat::DatabasePathOf(chassis_.Dir());
+
+    std::string err;
+    std::string text = tbdl::plat::DumpDatabase(path, true, err);
+    ASSERT_EQ(err, "");
+    nlohmann::json j = nlohmann::json::parse(text);
+    ASSERT_EQ(j["databases"].size(), 1u);
+    EXPECT_EQ(j["databases"][0]["name"], "eTBDL");
+    EXPECT_EQ(j["databases"][0]["owner"], "TBDL");
+    const nlohmann::json &lists = j["databases"][0]["lists"];
+    ASSERT_EQ(lists.size(), 2u);
+    EXPECT_EQ(lists[0]["key"], "01");
+    EXPECT_EQ(lists[0]["sort_offset"], 20);
+    EXPECT_EQ(lists[0]["records"][0], Hex(BndRec(7)));
+    EXPECT_EQ(lists[1]["key"], "0200000007");
+    EXPECT_EQ(lists[1]["records"][0], Hex(MembRec(3)));
+
+    std::string human = tbdl::plat::DumpDatabase(path, false, err);
+    EXPECT_NE(human.find("database eTBDL"), std::string::npos) << human;
+    EXPECT_NE(human.find(Hex(MembRec(3))), std::string::npos) << human;
+
+    std::string missing = chassis_.Path("none.sqlite");
+    EXPECT_EQ(tbdl::plat::DumpDatabase(missing, true, err), "");
+    EXPECT_NE(err, "");
+    EXPECT_NE(access(missing.c_str(), F_OK), 0);
+}
+
+TEST(DbmOpen, OutsideAChassisFailsAndLeavesTheHandle)
+{
+    TempChassis::Reload(); /* no chassis variables are set between tests */
+    u64 handle = 0x1234;
+    EXPECT_NE(OpenDb(handle), 0u);
+    EXPECT_EQ(handle, 0x1234u);
+}
+
+/* Records a writer reported as stored are there after it was killed. */
+TEST(DbmDurability, AcknowledgedRecordsSurviveKill9OfTheWriter)
+{
+    TempChassis chassis;
+    int ack[2];
+    ASSERT_EQ(pipe(ack), 0);
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        close(ack[0]);
+        u64 h = DBM_HANDLE_NONE;
+        if (OpenDb(h) != 0) {
+            _exit(2);
+        }
+        for (u32 tnl = 0;; ++tnl) {
+            if (Store(h, MembKey(1), MembRec(tnl), 0) != 0 || write(ack[1], &tnl, sizeof(tnl)) != sizeof(tnl)) {
+                _exit(3);
+            }
+        }
+    }
+    close(ack[1]);
+    /* Kill the writer at an arbitrary point after 300 acknowledgements. */
+    u32 acked = 0;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (acked < 300 && std::chrono::steady_clock::now() < deadline) {
+        pollfd pfd{ack[0], POLLIN, 0};
+        if (poll(&pfd, 1, 1000) == 1) {
+            u32 tnl = 0;
+            ASSERT_EQ(read(ack[0], &tnl, sizeof(tnl)), static_cast<ssize_t>(sizeof(tnl)));
+            acked = tnl + 1;
+        }
+    }
+    kill(pid, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "writer status " << status;
+    for (u32 tnl = 0; read(ack[0], &tnl, sizeof(tnl)) == sizeof(tnl);) {
+        acked = tnl + 1;
+    }
+    close(ack[0]);
+    ASSERT_GE(acked, 300u);
+
+    u64 h = DBM_HANDLE_NONE;
+    ASSERT_EQ(OpenDb(h), 0u);
+    std::vector<Bytes> recs = ReadList(h, MembKey(1), 12);
+    /* Every acknowledged record, plus at most the one in flight. */
+    ASSERT_GE(recs.size(), acked);
+    ASSERT_LE(recs.size(), acked + 1);
+    for (u32 i = 0; i < recs.size(); ++i) {
+        ASSERT_EQ(recs[i], MembRec(i));
+    }
+    EXPECT_EQ(DBM_Close(h), 0u);
+}
+
+void SpoilWholeFile(const std::string &path)
+{
+    plattest::WriteFile(path, std::string(8192, 'x'));
+}
+
+/* A healthy database with a B-tree page overwritten. */
+void SpoilOnePage(const std::string &path)
+{
+    u64 h = DBM_HANDLE_NONE;
+    ASSERT_EQ(OpenDb(h), 0u);
+    for (u32 num = 1; num <= 400; ++num) {
+        ASSERT_EQ(Store(h, kBndKey, BndRec(num), 20), 0u);
+    }
+    ASSERT_EQ(DBM_Close(h), 0u); /* the last close folds the log into the file */
+    int fd = open(path.c_str(), O_WRONLY);
+    ASSERT_GE(fd, 0);
+    std::string junk(4096, '\x5a');
+    ASSERT_EQ(pwrite(fd, junk.data(), junk.size(), 3 * 4096), static_cast<ssize_t>(junk.size()));
+    close(fd);
+}
+
+TEST(DbmOpen, ADamagedFileIsRefusedWithOneLogLine)
+{
+    struct Case {
+        const char *what;
+        void (*spoil)(const std::string &);
+    };
+    const Case cases[] = {{"not a database at all", SpoilWholeFile}, {"one damaged page", SpoilOnePage}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        TempChassis chassis;
+        std::string path = tbdl::plat::DatabasePathOf(chassis.Dir());
+        c.spoil(path);
+        u64 handle = 0x77;
+        EXPECT_NE(OpenDb(handle), 0u);
+        EXPECT_EQ(handle, 0x77u);
+        std::vector<std::string> log =
+            plattest::Lines(plattest::ReadFile(tbdl::plat::BoardLogPathOf(chassis.Dir(), 0)));
+        ASSERT_EQ(log.size(), 1u);
+        EXPECT_NE(log[0].find(" board0 platform ERROR DBM_Open: cannot open database eTBDL: "), std::string::npos)
+            << log[0];
+    }
+}
+
+TEST(DbmOpen, AnUnwritableDirectoryIsRefused)
+{
+    TempChassis chassis;
+    ASSERT_EQ(chmod(chassis.Dir().c_str(), 0555), 0);
+    /* Permissions do not bind root: check as an unprivileged user then. */
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) {
+            _exit(2);
+        }
+        u64 handle = 0x55;
+        bool refused = OpenDb(handle) != 0 && handle == 0x55;
+        _exit(refused ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "1: opened anyway, 2: could not drop privileges";
+    EXPECT_NE(access(tbdl::plat::DatabasePathOf(chassis.Dir()).c_str(), F_OK), 0);
+}
+
+} // namespace

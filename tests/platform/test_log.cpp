@@ -1,0 +1,109 @@
+/* Board log lines written by vsyslog2. */
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <regex>
+#include <string>
+
+#include "plat_log.h"
+#include "plat_test_env.h"
+
+namespace {
+
+using plattest::Lines;
+using plattest::ReadFile;
+using plattest::TempChassis;
+
+void Log(const char *ident, const char *type, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    vsyslog2(0x010000BF, ident, type, format, args);
+    va_end(args);
+}
+
+const std::regex kTimeBoard(R"(^\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}\.\d{6}Z board1 )");
+
+TEST(BoardLog, OneLinePerCallWithTimeBoardIdentityTypeAndText)
+{
+    TempChassis chassis({.board = 1});
+    Log("TBDL", "EVENT", "Bundle %d is %s.\r\n", 7, "up");
+    Log("TBDL", "ERROR", "plain newline\n");
+    Log("TBDL", "ERROR", "no line end");
+    Log("TBDL", "EVENT", "%s", "");
+
+    std::string text = ReadFile(tbdl::plat::BoardLogPathOf(chassis.Dir(), 1));
+    std::vector<std::string> lines = Lines(text);
+    const char *rests[] = {"TBDL EVENT Bundle 7 is up.", "TBDL ERROR plain newline", "TBDL ERROR no line end",
+                           "TBDL EVENT "};
+    ASSERT_EQ(lines.size(), std::size(rests)) << text;
+    for (size_t i = 0; i < std::size(rests); ++i) {
+        SCOPED_TRACE(i);
+        std::smatch m;
+        ASSERT_TRUE(std::regex_search(lines[i], m, kTimeBoard)) << lines[i];
+        EXPECT_EQ(m.suffix().str(), rests[i]);
+    }
+    EXPECT_EQ(text.back(), '\n');
+}
+
+TEST(BoardLog, LinesOfConcurrentProcessesNeverMix)
+{
+    TempChassis chassis({.board = 1});
+    const int kProcs = 4;
+    const int kLines = 300;
+    const std::string filler(300, 'a');
+    for (int p = 0; p < kProcs; ++p) {
+        pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            for (int i = 0; i < kLines; ++i) {
+                Log("W", "EVENT", "p%d i%d %s end\r\n", p, i, filler.c_str());
+            }
+            _exit(0);
+        }
+    }
+    for (int p = 0; p < kProcs; ++p) {
+        int status = 0;
+        ASSERT_GT(wait(&status), 0);
+        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    std::vector<std::string> lines = Lines(ReadFile(tbdl::plat::BoardLogPathOf(chassis.Dir(), 1)));
+    ASSERT_EQ(lines.size(), static_cast<size_t>(kProcs * kLines));
+    const std::regex whole(R"(^\S+ board1 W EVENT p\d i\d+ a{300} end$)");
+    for (const std::string &line : lines) {
+        ASSERT_TRUE(std::regex_match(line, whole)) << line;
+    }
+}
+
+TEST(BoardLog, CloseReopensAndOutsideAChassisLinesGoToStderr)
+{
+    {
+        TempChassis chassis;
+        std::string path = tbdl::plat::BoardLogPathOf(chassis.Dir(), 0);
+        Log("TBDL", "EVENT", "first\r\n");
+        ASSERT_EQ(rename(path.c_str(), (path + ".old").c_str()), 0);
+        closelog2("TBDL");
+        Log("TBDL", "EVENT", "second\r\n");
+        EXPECT_NE(ReadFile(path + ".old").find("first"), std::string::npos);
+        EXPECT_NE(ReadFile(path).find("TBDL EVENT second"), std::string::npos);
+    }
+    TempChassis::Reload(); /* no chassis now */
+    char tmpl[] = "/tmp/tbdl-plat-stderr-XXXXXX";
+    int capture = mkstemp(tmpl);
+    ASSERT_GE(capture, 0);
+    int saved = dup(STDERR_FILENO);
+    dup2(capture, STDERR_FILENO);
+    Log("TBDL", "ERROR", "to stderr %u\r\n", 3u);
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    close(capture);
+    std::string text = ReadFile(tmpl);
+    unlink(tmpl);
+    EXPECT_TRUE(std::regex_match(text, std::regex(R"(^\S+ board0 TBDL ERROR to stderr 3\n$)"))) << text;
+}
+
+} // namespace

@@ -1,0 +1,218 @@
+/* Chassis settings and the platform calls answered from them and from the
+ * chassis environment; the call journal. */
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <cstring>
+
+#include <nlohmann/json.hpp>
+
+#include "plat_if.h"
+#include "plat_lfib.h"
+#include "plat_lipc.h"
+#include "plat_opt.h"
+#include "plat_service.h"
+#include "plat_test_env.h"
+#include "settings.h"
+
+namespace {
+
+using plattest::TempChassis;
+using tbdl::plat::ChassisSettings;
+
+TEST(Settings, MissingKeysKeepTheirDefaults)
+{
+    ChassisSettings s;
+    std::string err;
+    ASSERT_TRUE(tbdl::plat::SettingsFromJson(R"({"member_limit":3,"modes":{"ProtectionOnetoone":false}})", s, err))
+        << err;
+    ChassisSettings expected;
+    expected.memberLimit = 3;
+    expected.modeOneToOne = false;
+    EXPECT_EQ(s, expected);
+
+    ASSERT_TRUE(tbdl::plat::SettingsFromJson("{}", s, err));
+    EXPECT_EQ(s, ChassisSettings{});
+}
+
+TEST(Settings, BadTextIsRefusedAndLeavesTheRecord)
+{
+    const struct {
+        const char *what;
+        const char *text;
+    } cases[] = {
+        {"not JSON", "{bundle_slots: 1"},
+        {"not an object", "[1,2]"},
+        {"wrong type", R"({"bundle_slots":"1024"})"},
+        {"negative", R"({"ha_mtu":-1})"},
+        {"member limit beyond a byte", R"({"member_limit":256})"},
+        {"no bundle slots", R"({"bundle_slots":0})"},
+        {"mode not a switch", R"({"modes":{"LoadBalancing":1}})"},
+        {"board 2", R"({"boards":[0,2]})"},
+        {"repeated board", R"({"boards":[1,1],"master_board":1})"},
+        {"master not among the boards", R"({"boards":[1]})"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        ChassisSettings s;
+        s.haMtu = 999;
+        std::string err;
+        EXPECT_FALSE(tbdl::plat::SettingsFromJson(c.text, s, err));
+        EXPECT_NE(err, "");
+        EXPECT_EQ(s.haMtu, 999u);
+    }
+}
+
+TEST(Settings, SaveThenLoadGivesTheSameRecordAndUnreadableFilesFail)
+{
+    TempChassis chassis;
+    ChassisSettings s;
+    s.bundleSlots = 64;
+    s.memberLimit = 0;
+    s.modeOnePlusOne = false;
+    s.haMtu = 9000;
+    s.boards = {1, 0};
+    s.masterBoard = 1;
+    std::string path = chassis.Path("chassis.json");
+    std::string err;
+    ASSERT_TRUE(tbdl::plat::SaveSettings(path, s, err)) << err;
+    ChassisSettings loaded;
+    ASSERT_TRUE(tbdl::plat::LoadSettings(path, loaded, err)) << err;
+    EXPECT_EQ(loaded, s);
+
+    ChassisSettings bad = s;
+    bad.masterBoard = 5;
+    EXPECT_FALSE(tbdl::plat::SaveSettings(path, bad, err));
+    ASSERT_TRUE(tbdl::plat::LoadSettings(path, loaded, err));
+    EXPECT_EQ(loaded, s); /* the file was not touched */
+
+    ChassisSettings untouched;
+    EXPECT_FALSE(tbdl::plat::LoadSettings(chassis.Path("missing.json"), untouched, err));
+    EXPECT_NE(err.find("missing.json"), std::string::npos) << err;
+    EXPECT_FALSE(tbdl::plat::LoadSettings(chassis.Dir(), untouched, err)); /* a directory */
+    EXPECT_EQ(untouched, ChassisSettings{});
+}
+
+TEST(SettingsCalls, AnswerFromTheChassisFile)
+{
+    TempChassis chassis;
+    chassis.WriteSettings(R"({"bundle_slots":64,"member_limit":200,)"
+                          R"("modes":{"LoadBalancing":true,"ProtectionOnetoone":false}})");
+
+    u32 slots = 1024;
+    ASSERT_EQ(IF_GetDataByIfType(IF_TYPE_TUNNEL_BUNDLE, IF_DATA_MAX_COUNT, &slots), 0u);
+    EXPECT_EQ(slots, 64u);
+    u32 other = 5;
+    EXPECT_NE(IF_GetDataByIfType(IF_TYPE_TUNNEL, IF_DATA_MAX_COUNT, &other), 0u);
+    EXPECT_NE(IF_GetDataByIfType(IF_TYPE_TUNNEL_BUNDLE, IF_DATA_TYPE, &other), 0u);
+    EXPECT_EQ(other, 5u);
+
+    u8 info[LFIB_INFO_LEN];
+    std::memset(info, 0xee, sizeof(info));
+    ASSERT_EQ(LFIB_GetInfo(info), 0u);
+    for (u32 i = 0; i < LFIB_INFO_LEN; ++i) {
+        EXPECT_EQ(info[i], i == LFIB_INFO_MAX_MEMB_OFFSET ? 200 : 0) << i;
+    }
+
+    /* Sizes 1, 2 and 4; an unknown option keeps its value. */
+    u8 lb = 7;
+    u16 oneToOne = 7;
+    u32 onePlusOne = 7;
+    u16 unknown = 7;
+    TBDL_OPT_ROW_S rows[] = {{"LoadBalancing", 0, &lb, 1},
+                             {"ProtectionOnetoone", 0, &oneToOne, 2},
+                             {"ProtectionOneplusone", 0, &onePlusOne, 4},
+                             {"SomethingElse", 0, &unknown, 2}};
+    EXPECT_EQ(TBDL_Opt_Parse(4, rows), 0u);
+    EXPECT_EQ(lb, 1);
+    EXPECT_EQ(oneToOne, 0);
+    EXPECT_EQ(onePlusOne, 1u); /* missing key: default on */
+    EXPECT_EQ(unknown, 7);
+}
+
+TEST(SettingsCalls, FailWithoutAReadableFileAndWriteNothing)
+{
+    const struct {
+        const char *what;
+        const char *text; /* nullptr: no file */
+    } cases[] = {{"no file", nullptr}, {"malformed file", "{\"bundle_slots\":"}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        TempChassis chassis;
+        if (c.text != nullptr) {
+            chassis.WriteSettings(c.text);
+        }
+        u32 slots = 1024;
+        EXPECT_NE(IF_GetDataByIfType(IF_TYPE_TUNNEL_BUNDLE, IF_DATA_MAX_COUNT, &slots), 0u);
+        EXPECT_EQ(slots, 1024u);
+        u8 info[LFIB_INFO_LEN] = {};
+        info[LFIB_INFO_MAX_MEMB_OFFSET] = 8;
+        EXPECT_NE(LFIB_GetInfo(info), 0u);
+        EXPECT_EQ(info[LFIB_INFO_MAX_MEMB_OFFSET], 8);
+        u16 lb = 7;
+        TBDL_OPT_ROW_S row = {"LoadBalancing", 0, &lb, 2};
+        EXPECT_NE(TBDL_Opt_Parse(1, &row), 0u);
+        EXPECT_EQ(lb, 7);
+    }
+}
+
+TEST(ChassisEnvCalls, StartCauseComesFromTheEnvironmentOnly)
+{
+    const struct {
+        const char *cause;
+        u32 expectRet;
+        u32 expectCause;
+    } cases[] = {{"0", 0, 0}, {"1", 0, 1}, {nullptr, 1, 99}, {"x", 1, 99}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.cause != nullptr ? c.cause : "(none)");
+        TempChassis chassis({.startCause = c.cause});
+        u32 cause = 99;
+        u32 detail = 99;
+        EXPECT_EQ(SERVICE_GetStartCause(&cause, &detail) != 0 ? 1u : 0u, c.expectRet);
+        EXPECT_EQ(cause, c.expectCause);
+        EXPECT_EQ(detail, c.expectRet == 0 ? 0u : 99u);
+    }
+}
+
+TEST(ChassisEnvCalls, LocalPortsMapToPathsInTheBoardDirectory)
+{
+    TempChassis chassis({.board = 1});
+    char path[108];
+    ASSERT_EQ(LIPC_GetHostPath(2681, path, sizeof(path)), 0u);
+    EXPECT_EQ(std::string(path), chassis.Dir() + "/board1/cfg.sock");
+    ASSERT_EQ(LIPC_GetHostPath(2168, path, sizeof(path)), 0u);
+    EXPECT_EQ(std::string(path), chassis.Dir() + "/board1/lipc-2168.sock");
+    u32 exact = static_cast<u32>(chassis.Dir().size() + std::strlen("/board1/cfg.sock"));
+    EXPECT_NE(LIPC_GetHostPath(2681, path, exact), 0u); /* no room for the terminating zero */
+    EXPECT_EQ(LIPC_GetHostPath(2681, path, exact + 1), 0u);
+
+    unsetenv(tbdl::plat::kEnvChassisDir);
+    TempChassis::Reload();
+    EXPECT_NE(LIPC_GetHostPath(2681, path, sizeof(path)), 0u);
+}
+
+TEST(Journal, EachCallAppendsOneJsonLineWithHexBuffers)
+{
+    TempChassis chassis({.board = 1, .journal = true});
+    chassis.WriteSettings("{}");
+    u8 info[LFIB_INFO_LEN];
+    ASSERT_EQ(LFIB_GetInfo(info), 0u);
+    char path[8];
+    EXPECT_NE(LIPC_GetHostPath(2681, path, sizeof(path)), 0u);
+
+    std::vector<std::string> lines =
+        plattest::Lines(plattest::ReadFile(tbdl::plat::JournalPathOf(chassis.Dir(), 1)));
+    ASSERT_EQ(lines.size(), 2u);
+    nlohmann::json first = nlohmann::json::parse(lines[0]);
+    EXPECT_EQ(first["call"], "LFIB_GetInfo");
+    EXPECT_EQ(first["board"], 1);
+    EXPECT_EQ(first["result"], 0);
+    EXPECT_EQ(first["args"]["info"], std::string(22, '0') + "08" + std::string(32, '0'));
+    nlohmann::json second = nlohmann::json::parse(lines[1]);
+    EXPECT_EQ(second["call"], "LIPC_GetHostPath");
+    EXPECT_EQ(second["args"]["port"], 2681);
+    EXPECT_NE(second["result"], 0);
+}
+
+} // namespace

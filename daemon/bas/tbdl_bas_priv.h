@@ -11,12 +11,12 @@ typedef struct tagTBDL_BAS_EPOLL_ENTRY {
     TBDL_EPOLL_CB_PF pfnCallback;
 } TBDL_BAS_EPOLL_ENTRY_S;
 
-typedef struct tagTBDL_BAS_EPOLL_TABLE {
-    TBDL_BAS_EPOLL_ENTRY_S *pstEntry;
-    u32 uiSize;
-} TBDL_BAS_EPOLL_TABLE_S;
+/* Descriptors the loop can hold: far above what the process opens. The
+ * table is static, so registration never allocates and cannot fail for
+ * want of memory. */
+#define TBDL_BAS_EPOLL_FD_MAX 65536u
 
-extern TBDL_BAS_EPOLL_TABLE_S g_stTbdlBasEpollTable;
+extern TBDL_BAS_EPOLL_ENTRY_S g_astTbdlBasEpollTable[TBDL_BAS_EPOLL_FD_MAX];
 extern TBDL_BAS_HA_FUNC_S g_stTbdlBasHaFunc;
 
 #endif

@@ -47,6 +47,23 @@ size_t IndexOf(const std::vector<std::string> &names, const std::string &name, s
     return it == names.end() ? std::string::npos : static_cast<size_t>(it - names.begin());
 }
 
+/* Checks that `want` occurs in `names` in this order (other calls may lie
+ * between); returns the position after the last one. */
+size_t ExpectInOrder(const std::vector<std::string> &names, const std::vector<std::string> &want,
+                     size_t from = 0)
+{
+    size_t ulAt = from;
+    for (const std::string &n : want) {
+        size_t ulNext = IndexOf(names, n, ulAt);
+        EXPECT_NE(std::string::npos, ulNext) << n << " missing or out of order";
+        if (ulNext == std::string::npos) {
+            return names.size();
+        }
+        ulAt = ulNext + 1;
+    }
+    return ulAt;
+}
+
 class MainTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -112,20 +129,11 @@ TEST_F(MainTest, MasterStartsEveryModuleReportsUpAndTearsDownInOrder)
     const std::vector<std::string> start = {"IF_GetDataByIfType", "LFIB_GetInfo", "TBDL_Opt_Parse",
                                             "openlog", "DBM_Open", "HA_Init", "IF_CreatePDInstance",
                                             "DBM_Batch_Proc", "LIPC_GetHostPath", "SERVICE_SetStatus"};
-    size_t ulAt = 0;
-    for (const std::string &n : start) {
-        size_t ulNext = IndexOf(names, n, ulAt);
-        ASSERT_NE(std::string::npos, ulNext) << n << " missing or out of order";
-        ulAt = ulNext + 1;
-    }
+    size_t ulAt = ExpectInOrder(names, start);
     /* Teardown: deactivation on the master, then the Finis. */
-    const std::vector<std::string> stop = {"HA_IsMaster", "IF_GetFirstPrivateData",
-                                           "IF_DestroyPDInstance", "closelog2", "DBM_Close", "HA_Exit"};
-    for (const std::string &n : stop) {
-        size_t ulNext = IndexOf(names, n, ulAt);
-        ASSERT_NE(std::string::npos, ulNext) << n << " missing or out of order";
-        ulAt = ulNext + 1;
-    }
+    ExpectInOrder(names, {"HA_IsMaster", "IF_GetFirstPrivateData", "IF_DestroyPDInstance", "closelog2",
+                          "DBM_Close", "HA_Exit"},
+                  ulAt);
     EXPECT_FALSE(fake::LogOpen());
     EXPECT_FALSE(fake::DbOpen());
     ExpectGlobalsReset();
@@ -247,16 +255,12 @@ TEST_P(MainInitFail, EveryInitStillRunsThenTheFullTeardownAndExitFails)
     EXPECT_EQ(0u, fake::CountOf("SERVICE_SetStatus"));
     std::vector<std::string> names = fake::Names();
     /* The Inits after the failing one ran; nothing was activated. */
-    size_t ulPd = IndexOf(names, "IF_CreatePDInstance");
-    EXPECT_LT(IndexOf(names, "DBM_Open"), IndexOf(names, "HA_Init"));
-    EXPECT_LT(IndexOf(names, "HA_Init"), ulPd);
-    EXPECT_NE(std::string::npos, ulPd);
+    size_t ulAt = ExpectInOrder(names, {"openlog", "DBM_Open", "HA_Init", "IF_CreatePDInstance"});
     EXPECT_EQ(0u, fake::CountOf("DBM_Batch_Proc"));
     /* The teardown deactivates the master as an orderly stop. */
     EXPECT_EQ(std::vector<u16>{1}, m_vecStopFlagAtDeactivation);
-    size_t ulClose = IndexOf(names, "closelog2");
-    EXPECT_LT(IndexOf(names, "IF_DestroyPDInstance"), ulClose);
-    EXPECT_NE(std::string::npos, ulClose);
+    ExpectInOrder(names, {"HA_IsMaster", "IF_GetFirstPrivateData", "IF_DestroyPDInstance", "closelog2"},
+                  ulAt);
     EXPECT_FALSE(fake::LogOpen());
     ExpectGlobalsReset();
 }

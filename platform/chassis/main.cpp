@@ -147,13 +147,17 @@ int main(int argc, char **argv)
     std::optional<int> masterBoard;
     std::vector<std::string> modes;
     std::string boardsText;
+    /* A later option overrides an earlier one (chassisctl passes defaults
+     * first, the operator's options after them). */
+    app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     const char *envDir = std::getenv(tbdl::plat::kEnvChassisDir);
     g_opt.dir = envDir != nullptr && *envDir != '\0' ? envDir : "./chassis";
     app.add_option("--dir", g_opt.dir, "chassis directory (must exist)");
     app.add_option("--config", configPath, "chassis settings file (JSON)");
     app.add_option("--bundle-slots", bundleSlots, "bundle slots of the interface manager");
     app.add_option("--member-limit", memberLimit, "members per bundle (LFIB)");
-    app.add_option("--mode", modes, "NAME=on|off for LoadBalancing, ProtectionOnetoone, ProtectionOneplusone");
+    app.add_option("--mode", modes, "NAME=on|off for LoadBalancing, ProtectionOnetoone, ProtectionOneplusone")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     app.add_option("--ha-mtu", haMtu, "HA channel MTU");
     app.add_option("--master-board", masterBoard, "board that starts as master");
     app.add_option("--boards", boardsText, "running boards: 0 or 0,1");

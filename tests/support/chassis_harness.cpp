@@ -1,0 +1,283 @@
+/* Harness of the chassis system tests (see chassis_harness.h). */
+#include "chassis_harness.h"
+
+#include <fcntl.h>
+#include <ftw.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+extern char **environ;
+
+namespace tbdl::systest {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+void SetNonBlock(int fd) { fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK); }
+
+/* Reads what is there without waiting; false at the end of the pipe. */
+bool Drain(int fd, std::string &into)
+{
+    char buf[4096];
+    for (;;) {
+        ssize_t n = read(fd, buf, sizeof(buf));
+        if (n > 0) {
+            into.append(buf, static_cast<size_t>(n));
+            continue;
+        }
+        return n < 0 && (errno == EAGAIN || errno == EINTR);
+    }
+}
+
+int RemoveEntry(const char *path, const struct stat *, int, struct FTW *)
+{
+    return remove(path);
+}
+
+} // namespace
+
+ProcRun RunProcess(const std::vector<std::string> &argv, const std::vector<std::string> &env, int timeoutMs)
+{
+    ProcRun run;
+    int outPipe[2], errPipe[2];
+    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) {
+        return run;
+    }
+    std::vector<std::string> envStore;
+    for (char **e = environ; *e != nullptr; ++e) {
+        std::string kv(*e);
+        bool overridden = false;
+        for (const auto &x : env) {
+            if (kv.compare(0, x.find('=') + 1, x, 0, x.find('=') + 1) == 0) {
+                overridden = true;
+            }
+        }
+        if (!overridden) {
+            envStore.push_back(kv);
+        }
+    }
+    envStore.insert(envStore.end(), env.begin(), env.end());
+    std::vector<char *> envp, args;
+    for (auto &kv : envStore) envp.push_back(kv.data());
+    envp.push_back(nullptr);
+    std::vector<std::string> argStore(argv);
+    for (auto &a : argStore) args.push_back(a.data());
+    args.push_back(nullptr);
+
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(outPipe[1], 1);
+        dup2(errPipe[1], 2);
+        int in = open("/dev/null", O_RDONLY);
+        if (in >= 0) dup2(in, 0);
+        execve(args[0], args.data(), envp.data());
+        _exit(127);
+    }
+    close(outPipe[1]);
+    close(errPipe[1]);
+    if (pid < 0) {
+        close(outPipe[0]);
+        close(errPipe[0]);
+        return run;
+    }
+    SetNonBlock(outPipe[0]);
+    SetNonBlock(errPipe[0]);
+    auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    int ws = 0;
+    bool outOpen = true, errOpen = true;
+    for (;;) {
+        pid_t r = waitpid(pid, &ws, WNOHANG);
+        if (outOpen) outOpen = Drain(outPipe[0], run.out);
+        if (errOpen) errOpen = Drain(errPipe[0], run.err);
+        if (r == pid) {
+            break;
+        }
+        if (Clock::now() >= deadline) {
+            run.timedOut = true;
+            kill(pid, SIGKILL);
+            waitpid(pid, &ws, 0);
+            break;
+        }
+        pollfd fds[2] = {{outOpen ? outPipe[0] : -1, POLLIN, 0}, {errOpen ? errPipe[0] : -1, POLLIN, 0}};
+        poll(fds, 2, 10);
+    }
+    close(outPipe[0]);
+    close(errPipe[0]);
+    run.status = WIFEXITED(ws) && !run.timedOut ? WEXITSTATUS(ws) : -1;
+    return run;
+}
+
+std::string BuildPath(const std::string &rel) { return std::string(TBDL_BIN_DIR) + "/" + rel; }
+
+bool WaitUntil(const std::function<bool()> &cond, int timeoutMs, int pollMs)
+{
+    auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        if (cond()) {
+            return true;
+        }
+        if (Clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(pollMs));
+    }
+}
+
+std::string ReadFile(const std::string &path)
+{
+    std::ifstream in(path);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+bool FileContains(const std::string &path, const std::string &text)
+{
+    return ReadFile(path).find(text) != std::string::npos;
+}
+
+size_t CountOccurrences(const std::string &text, const std::string &what)
+{
+    size_t n = 0;
+    for (size_t p = text.find(what); p != std::string::npos; p = text.find(what, p + what.size())) {
+        ++n;
+    }
+    return n;
+}
+
+bool ProcessAlive(pid_t pid)
+{
+    if (pid <= 0 || kill(pid, 0) != 0) {
+        return false;
+    }
+    std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+    auto p = stat.rfind(')');
+    return !(p != std::string::npos && p + 2 < stat.size() && stat[p + 2] == 'Z');
+}
+
+Chassis::Chassis(const std::string &tag) : daemon_(FakeDaemon())
+{
+    std::string tmpl = "/tmp/tbdl-" + tag + "-XXXXXX";
+    char *d = mkdtemp(tmpl.data());
+    dir_ = d != nullptr ? d : "";
+}
+
+Chassis::~Chassis()
+{
+    Stop();
+    if (!dir_.empty() && std::getenv("TBDL_KEEP_CHASSIS") == nullptr) {
+        nftw(dir_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
+    }
+}
+
+std::string Chassis::FakeDaemon() { return BuildPath("tests/fake_tbdld"); }
+std::string Chassis::RealDaemon() { return BuildPath("daemon/tbdld"); }
+bool Chassis::HaveRealDaemon() { return access(RealDaemon().c_str(), X_OK) == 0; }
+
+ProcRun Chassis::Start(const std::vector<std::string> &chassisdArgs, int timeoutMs)
+{
+    std::vector<std::string> argv{BuildPath("tools/chassisctl"), "--dir", dir_, "start",
+                                  "--timeout", std::to_string(timeoutMs / 1000), "--daemon", daemon_};
+    argv.insert(argv.end(), chassisdArgs.begin(), chassisdArgs.end());
+    return RunProcess(argv, env_, timeoutMs + 5000);
+}
+
+ProcRun Chassis::Ctl(const std::vector<std::string> &args, int timeoutMs) const
+{
+    std::vector<std::string> argv{BuildPath("tools/chassisctl"), "--dir", dir_};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return RunProcess(argv, {}, timeoutMs);
+}
+
+ProcRun Chassis::Tbdlctl(const std::vector<std::string> &args, int timeoutMs) const
+{
+    std::vector<std::string> argv{BuildPath("tools/tbdlctl"), "--dir", dir_};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return RunProcess(argv, {}, timeoutMs);
+}
+
+Json Chassis::CtlJson(const std::vector<std::string> &args) const
+{
+    std::vector<std::string> a{"--json"};
+    a.insert(a.end(), args.begin(), args.end());
+    ProcRun r = Ctl(a, 10000);
+    if (r.status != 0) {
+        return Json();
+    }
+    Json j = Json::parse(r.out, nullptr, false);
+    return j.is_discarded() ? Json() : j;
+}
+
+Json Chassis::Status() const { return CtlJson({"status"}); }
+
+Json Chassis::Board(int board) const
+{
+    Json st = Status();
+    if (st.is_object() && st.contains("boards")) {
+        for (const Json &b : st["boards"]) {
+            if (b["board"] == board) {
+                return b;
+            }
+        }
+    }
+    return Json();
+}
+
+pid_t Chassis::BoardPid(int board) const
+{
+    Json b = Board(board);
+    return b.is_object() ? b["pid"].get<pid_t>() : -1;
+}
+
+pid_t Chassis::ChassisdPid() const
+{
+    std::string text = ReadFile(Path("chassisd.pid"));
+    return text.empty() ? -1 : static_cast<pid_t>(std::atoi(text.c_str()));
+}
+
+bool Chassis::WaitBoard(int board, const std::function<bool(const Json &)> &cond, int timeoutMs) const
+{
+    return WaitUntil([&] {
+        Json b = Board(board);
+        return b.is_object() && cond(b);
+    }, timeoutMs, 20);
+}
+
+bool Chassis::WaitBoardUp(int board, int timeoutMs) const
+{
+    return WaitBoard(board, [](const Json &b) { return b["state"] == "up" && b["status"] == 2; }, timeoutMs);
+}
+
+bool Chassis::WaitFile(const std::string &rel, const std::string &text, int timeoutMs) const
+{
+    return WaitUntil([&] { return FileContains(Path(rel), text); }, timeoutMs);
+}
+
+bool Chassis::Stop()
+{
+    pid_t pid = ChassisdPid();
+    if (!ProcessAlive(pid)) {
+        return true;
+    }
+    ProcRun r = Ctl({"stop", "--timeout", "20"}, 25000);
+    bool orderly = r.status == 0 && WaitUntil([&] { return !ProcessAlive(pid); }, 5000);
+    if (!orderly) {
+        /* The board daemons die with chassisd (parent-death signal). */
+        kill(pid, SIGKILL);
+        WaitUntil([&] { return !ProcessAlive(pid); }, 5000);
+    }
+    return orderly;
+}
+
+} // namespace tbdl::systest

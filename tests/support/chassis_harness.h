@@ -1,0 +1,96 @@
+/* Harness of the chassis system tests: runs programs with their output
+ * captured and a deadline, waits on conditions with a deadline, and owns a
+ * temporary chassis (directory, chassisd, board daemons) that it stops and
+ * removes on every path, also when a test fails half-way. */
+#ifndef TBDL_TEST_CHASSIS_HARNESS_H
+#define TBDL_TEST_CHASSIS_HARNESS_H
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace tbdl::systest {
+
+using Json = nlohmann::json;
+
+struct ProcRun {
+    int status = -1; /* exit status; -1 when killed by a signal or not started */
+    bool timedOut = false;
+    std::string out;
+    std::string err;
+};
+
+/* Runs argv (argv[0] a path) with extra "NAME=value" environment entries,
+ * capturing stdout and stderr. A program still running after timeoutMs is
+ * killed (timedOut set). Output written by programs it leaves behind in the
+ * background is not waited for. */
+ProcRun RunProcess(const std::vector<std::string> &argv, const std::vector<std::string> &env = {},
+                   int timeoutMs = 30000);
+
+/* Path of a program in the build tree ("platform/chassisd"). */
+std::string BuildPath(const std::string &rel);
+
+/* Polls cond every pollMs until it holds or timeoutMs passed. */
+bool WaitUntil(const std::function<bool()> &cond, int timeoutMs = 10000, int pollMs = 10);
+
+std::string ReadFile(const std::string &path); /* "" when missing */
+bool FileContains(const std::string &path, const std::string &text);
+size_t CountOccurrences(const std::string &text, const std::string &what);
+bool ProcessAlive(pid_t pid); /* false for zombies too */
+
+class Chassis {
+public:
+    /* Makes an empty chassis directory under /tmp. */
+    explicit Chassis(const std::string &tag = "chassis");
+    /* Stops the chassis (orderly, then SIGKILL) and removes the directory. */
+    ~Chassis();
+    Chassis(const Chassis &) = delete;
+    Chassis &operator=(const Chassis &) = delete;
+
+    const std::string &dir() const { return dir_; }
+    std::string Path(const std::string &rel) const { return dir_ + "/" + rel; }
+
+    /* Board daemon used by Start: the stand-in by default. */
+    static std::string FakeDaemon();
+    static std::string RealDaemon();
+    static bool HaveRealDaemon();
+    void UseDaemon(const std::string &path) { daemon_ = path; }
+    /* Environment given to chassisctl start (and so to chassisd and the
+     * board daemons). */
+    void SetEnv(std::vector<std::string> env) { env_ = std::move(env); }
+
+    /* chassisctl --dir DIR start --daemon D args... */
+    ProcRun Start(const std::vector<std::string> &chassisdArgs = {}, int timeoutMs = 30000);
+    /* chassisctl --dir DIR args... */
+    ProcRun Ctl(const std::vector<std::string> &args, int timeoutMs = 30000) const;
+    /* tbdlctl --dir DIR args... */
+    ProcRun Tbdlctl(const std::vector<std::string> &args, int timeoutMs = 30000) const;
+    /* chassisctl --json ARGS parsed; a null JSON when the command failed. */
+    Json CtlJson(const std::vector<std::string> &args) const;
+
+    Json Status() const;                 /* chassisctl --json status */
+    Json Board(int board) const;         /* that board's status entry, null if none */
+    pid_t BoardPid(int board) const;     /* -1 when none */
+    pid_t ChassisdPid() const;           /* from DIR/chassisd.pid, -1 when none */
+    /* Waits until the board's status entry satisfies cond. */
+    bool WaitBoard(int board, const std::function<bool(const Json &)> &cond, int timeoutMs = 15000) const;
+    bool WaitBoardUp(int board, int timeoutMs = 15000) const;
+    bool WaitFile(const std::string &rel, const std::string &text, int timeoutMs = 15000) const;
+
+    /* chassisctl stop; when chassisd is still there afterwards it and its
+     * boards are killed. true when the orderly stop worked. */
+    bool Stop();
+
+private:
+    std::string dir_;
+    std::string daemon_;
+    std::vector<std::string> env_;
+};
+
+} // namespace tbdl::systest
+
+#endif

@@ -1,0 +1,112 @@
+/* Stand-in board daemon for the chassis's system tests. It links the
+ * emulated platform library and behaves like a board daemon towards
+ * chassisd, with knobs (environment) to misbehave:
+ *   FAKE_TBDLD_EXIT=N   exit with status N at once, before reporting status;
+ *   FAKE_TBDLD_NO_STATUS=1  never report status 2.
+ * It joins the HA service, answers every HA event; on event 1 (batch
+ * backup) it first sends one HA message "batch-from-<board>" to the peer.
+ * It stops on SIGRTMIN + 1. What it sees goes to DIR/board<N>/fake.log, one
+ * line each: "start cause C", "ha event E", "ha message FLAG TEXT",
+ * "stop value V". */
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "platform.h"
+
+namespace {
+
+std::string g_logPath;
+int g_board = 0;
+int g_ha = -1;
+
+void Note(const std::string &line)
+{
+    FILE *f = std::fopen(g_logPath.c_str(), "a");
+    if (f != nullptr) {
+        std::fprintf(f, "%s\n", line.c_str());
+        std::fclose(f);
+    }
+}
+
+u32 OnMessage(void *msg, u16 len, u32 flag)
+{
+    Note("ha message " + std::to_string(flag) + " " + std::string(static_cast<char *>(msg), len));
+    HA_FreeMsg(msg);
+    return 0;
+}
+
+u32 OnEvent(u32 event)
+{
+    Note("ha event " + std::to_string(event));
+    if (event == 1) {
+        std::string text = "batch-from-" + std::to_string(g_board);
+        HA_SendMsgSync(g_ha, text.data(), static_cast<u16>(text.size()), 0);
+    }
+    u32 zero = 0;
+    HA_Response(g_ha, event, event == 0 ? &zero : nullptr);
+    return 0;
+}
+
+} // namespace
+
+int main()
+{
+    const char *dir = std::getenv("TBDL_CHASSIS_DIR");
+    const char *board = std::getenv("TBDL_BOARD");
+    g_board = board != nullptr ? std::atoi(board) : 0;
+    g_logPath = std::string(dir != nullptr ? dir : ".") + "/board" + std::to_string(g_board) + "/fake.log";
+    if (const char *ex = std::getenv("FAKE_TBDLD_EXIT")) {
+        return std::atoi(ex);
+    }
+    u32 cause = 99, detail = 0;
+    SERVICE_GetStartCause(&cause, &detail);
+    Note("start cause " + std::to_string(cause));
+
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGRTMIN + 1);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    int sfd = signalfd(-1, &set, 0);
+    int ep = epoll_create1(0);
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.u64 = static_cast<u64>(sfd);
+    epoll_ctl(ep, EPOLL_CTL_ADD, sfd, &ev);
+
+    u8 ident[8] = {};
+    HA_CALLBACKS_S cbs{OnMessage, OnEvent};
+    g_ha = HA_Init("TBDL", 0, "TBDL", 1, 2, ident, &cbs);
+    if (g_ha >= 0) {
+        ev.data.u64 = static_cast<u64>(g_ha);
+        epoll_ctl(ep, EPOLL_CTL_ADD, g_ha, &ev);
+    }
+    if (std::getenv("FAKE_TBDLD_NO_STATUS") == nullptr) {
+        SERVICE_SetStatus(2);
+    }
+    for (;;) {
+        epoll_event got{};
+        if (epoll_wait(ep, &got, 1, -1) != 1) {
+            continue;
+        }
+        if (got.data.u64 == static_cast<u64>(sfd)) {
+            signalfd_siginfo si{};
+            if (read(sfd, &si, sizeof(si)) == static_cast<ssize_t>(sizeof(si))) {
+                Note("stop value " + std::to_string(si.ssi_int));
+                break;
+            }
+        } else {
+            HA_Dispatch(got.events, got.data.u64);
+        }
+    }
+    if (g_ha >= 0) {
+        HA_Exit(g_ha);
+    }
+    return 0;
+}

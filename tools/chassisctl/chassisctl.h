@@ -1,0 +1,23 @@
+/* chassisctl's text output: each command's JSON answer shown for people. */
+#ifndef TBDL_CHASSISCTL_H
+#define TBDL_CHASSISCTL_H
+
+#include <nlohmann/json.hpp>
+
+namespace chassisctl {
+
+using Json = nlohmann::json;
+
+void PrintStatusText(const Json &status);
+void PrintIfText(const Json &reply);
+void PrintVrfText(const Json &reply);
+void PrintKtbdlText(const Json &reply);
+void PrintLsmText(const Json &reply);
+void PrintHaText(const Json &reply);
+void PrintFailText(const Json &reply);
+
+int Main(int argc, char **argv);
+
+} // namespace chassisctl
+
+#endif

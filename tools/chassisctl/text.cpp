@@ -1,0 +1,166 @@
+/* chassisctl's text output: aligned tables of the JSON answers. */
+#include <cstdio>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "chassisctl.h"
+
+namespace chassisctl {
+
+namespace {
+
+/* A table printed with each column as wide as its widest cell. */
+class Table {
+public:
+    explicit Table(std::vector<std::string> head) { rows_.push_back(std::move(head)); }
+    void Add(std::vector<std::string> row) { rows_.push_back(std::move(row)); }
+    void Print() const
+    {
+        std::vector<size_t> w(rows_[0].size(), 0);
+        for (const auto &r : rows_) {
+            for (size_t i = 0; i < r.size() && i < w.size(); ++i) {
+                w[i] = std::max(w[i], r[i].size());
+            }
+        }
+        for (const auto &r : rows_) {
+            std::string line;
+            for (size_t i = 0; i < r.size(); ++i) {
+                line += r[i];
+                if (i + 1 < r.size()) {
+                    line += std::string(w[i] - r[i].size() + 2, ' ');
+                }
+            }
+            std::cout << line << "\n";
+        }
+    }
+
+private:
+    std::vector<std::vector<std::string>> rows_;
+};
+
+std::string S(const Json &j)
+{
+    if (j.is_null()) {
+        return "-";
+    }
+    if (j.is_string()) {
+        std::string s = j.get<std::string>();
+        return s.empty() ? "-" : s;
+    }
+    return j.dump();
+}
+
+std::string Hex(const Json &j)
+{
+    char buf[16];
+    std::snprintf(buf, sizeof(buf), "0x%x", j.get<uint32_t>());
+    return buf;
+}
+
+} // namespace
+
+void PrintStatusText(const Json &s)
+{
+    std::cout << "chassis " << S(s["dir"]) << ": chassisd pid " << S(s["chassisd_pid"]) << ", master board "
+              << S(s["master_board"]) << (s.value("journal", false) ? ", journal on" : "") << "\n";
+    Table t({"BOARD", "ROLE", "STATE", "PID", "STATUS", "START CAUSE", "RESTARTS", "CFG SOCKET"});
+    for (const Json &b : s["boards"]) {
+        t.Add({S(b["board"]), S(b["role"]), S(b["state"]), b["pid"].get<int>() > 0 ? S(b["pid"]) : "-",
+               S(b["status"]), S(b["start_cause_name"]), S(b["restarts"]), S(b["cfg_socket"])});
+    }
+    t.Print();
+    for (const Json &b : s["boards"]) {
+        if (!b["last_exit"].get<std::string>().empty()) {
+            std::cout << "board " << S(b["board"]) << " last exit: " << S(b["last_exit"]) << "\n";
+        }
+    }
+}
+
+void PrintIfText(const Json &r)
+{
+    Table t({"IFINDEX", "NAME", "TYPE", "NUMBER", "MODE", "STATE", "VRF"});
+    for (const Json &i : r["interfaces"]) {
+        t.Add({Hex(i["ifindex"]), S(i["name"]), S(i["type"]), S(i["number"]), S(i["mode"]), S(i["state"]), S(i["vrf"])});
+    }
+    t.Print();
+}
+
+void PrintVrfText(const Json &r)
+{
+    Table t({"NAME", "IFINDEX", "VRF"});
+    for (const Json &i : r["bindings"]) {
+        t.Add({S(i["name"]), Hex(i["ifindex"]), S(i["vrf"])});
+    }
+    t.Print();
+}
+
+void PrintKtbdlText(const Json &r)
+{
+    const Json &c = r["commands"];
+    std::cout << "board " << S(r["board"]) << " kernel bundle table: " << S(c["bundle_update"]) << " bundle updates, "
+              << S(c["member_add"]) << " member adds, " << S(c["member_delete"]) << " member deletes, "
+              << S(c["refused"]) << " refused\n";
+    Table t({"IFINDEX", "NAME", "STATE", "TNL MODE", "VRF", "ADDRESS", "MEMBERS"});
+    for (const Json &b : r["bundles"]) {
+        std::string members;
+        for (const Json &m : b["members"]) {
+            members += (members.empty() ? "" : ",") + Hex(m);
+        }
+        bool up = b.value("updated", false);
+        t.Add({Hex(b["ifindex"]), S(b["name"]), up ? S(b["state"]) : "-", up ? S(b["tnl_mode"]) : "-",
+               up ? S(b["vrf"]) : "-", up ? S(b["address"]) : "-", members.empty() ? "-" : members});
+    }
+    t.Print();
+}
+
+void PrintLsmText(const Json &r)
+{
+    std::cout << "board " << S(r["board"]) << " LSM: " << S(r["adds"]) << " adds, " << S(r["deletes"]) << " deletes, "
+              << S(r["flushes"]) << " flushes, " << S(r["cycles"]) << " smoothing cycles\n";
+    Table t({"IFINDEX", "PROTOCOL", "MODE CODE", "ADDRESS", "VRF", "PATHS"});
+    for (const Json &e : r["entries"]) {
+        std::string paths;
+        for (const Json &p : e["paths"]) {
+            paths += (paths.empty() ? "" : " ") + Hex(p["ifindex"]) + "/w" + S(p["weight"]);
+            if (p.contains("backup")) {
+                paths += "+backup " + Hex(p["backup"]["ifindex"]);
+            }
+        }
+        t.Add({Hex(e["ifindex"]), S(e["protocol"]), S(e["mode_code"]), S(e["address"]), S(e["vrf"]), paths.empty() ? "-" : paths});
+    }
+    t.Print();
+}
+
+void PrintHaText(const Json &r)
+{
+    std::cout << "master board " << S(r["master"]) << ", MTU " << S(r["mtu"]) << ", messages relayed "
+              << S(r["messages_relayed"]) << ", dropped " << S(r["messages_dropped"]) << ", events sent "
+              << S(r["events_sent"]) << "\n";
+    Table t({"BOARD", "ROLE", "JOINED", "STANDBY PRESENT"});
+    for (const Json &b : r["boards"]) {
+        t.Add({S(b["board"]), S(b["role"]), b["joined"].get<bool>() ? "yes" : "no", b["standby_present"].get<bool>() ? "yes" : "no"});
+    }
+    t.Print();
+    if (!r["responses"].empty()) {
+        std::cout << "responses:\n";
+        for (const Json &x : r["responses"]) {
+            std::cout << "  " << S(x["time"]) << " board " << S(x["board"]) << " event " << S(x["event"])
+                      << (x["data"].is_null() ? "" : " data " + S(x["data"])) << "\n";
+        }
+    }
+}
+
+void PrintFailText(const Json &r)
+{
+    Table t({"BOARD", "CALL", "LEFT", "FAILED", "RESULT"});
+    for (const Json &b : r["boards"]) {
+        for (const Json &c : b["calls"]) {
+            int left = c["left"].get<int>();
+            t.Add({S(b["board"]), S(c["call"]), left < 0 ? "always" : std::to_string(left), S(c["hits"]), S(c["result"])});
+        }
+    }
+    t.Print();
+}
+
+} // namespace chassisctl

@@ -112,7 +112,9 @@ private:
 /* Read-only dump of every database, list and record of the store file at
  * path, as JSON (json = true) or as text for people. Keys, sort words and
  * records are shown as hex. Returns "" and sets err when the file cannot be
- * read; err is cleared on success. Never creates or changes the file.
+ * read; err is cleared on success. Never creates the store or changes its
+ * contents (SQLite may leave its WAL side files next to it, as any reader
+ * does).
  *
  * JSON: {"path":..., "databases":[{"name":"eTBDL","owner":"TBDL",
  *        "lists":[{"key":"01","sort_offset":20,"sort_length":4,

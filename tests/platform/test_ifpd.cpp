@@ -53,19 +53,6 @@ TEST_F(PrivateDataTest, WalkDeletingTheCurrentEntryVisitsAllInAscendingOrder)
     EXPECT_NE(IF_GetFirstPrivateData(inst_, &ifIndex, &data), 0u);
 }
 
-TEST_F(PrivateDataTest, GetNextContinuesAboveAnyIndex)
-{
-    for (u32 ifIndex : {10u, 20u, 30u}) {
-        Add(ifIndex);
-    }
-    u32 ifIndex = 15; /* never stored */
-    void *data = nullptr;
-    ASSERT_EQ(IF_GetNextPrivateData(inst_, &ifIndex, &data), 0u);
-    EXPECT_EQ(ifIndex, 20u);
-    ifIndex = 30;
-    EXPECT_NE(IF_GetNextPrivateData(inst_, &ifIndex, &data), 0u);
-}
-
 TEST_F(PrivateDataTest, SetRefusesATakenIndexAndDelFreesOnlyWhatItRemoves)
 {
     Add(7);

@@ -1,7 +1,6 @@
 /* STLV coding: golden bytes and the bounds of reading and writing. */
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <vector>
 
 #include "plat_stlv.h"
@@ -87,32 +86,6 @@ TEST(StlvGet, ReadsOneTlvAndNeverPastTheEnd)
             EXPECT_EQ(value, c.buf.data() + c.valueOffset);
         }
     }
-}
-
-TEST(Stlv, WalkOfPackedTlvsRoundTrips)
-{
-    Bytes buf(32, 0);
-    u32 used = STLV_Set(buf.data(), 32, 2, 4, "\x00\x00\x00\x07");
-    used += STLV_Set(buf.data() + used, 32 - used, 204, 3, "abc");
-    ASSERT_EQ(used, 15u);
-
-    std::vector<std::pair<u16, std::string>> seen;
-    u32 pos = 0;
-    for (;;) {
-        u16 type = 0;
-        u16 len = 0;
-        const void *value = nullptr;
-        STLV_Get(buf.data() + pos, used - pos, &type, &len, &value);
-        if (value == nullptr) {
-            break;
-        }
-        seen.emplace_back(type, std::string(static_cast<const char *>(value), len));
-        pos += STLV_HEAD_LEN + len;
-    }
-    EXPECT_EQ(pos, used);
-    ASSERT_EQ(seen.size(), 2u);
-    EXPECT_EQ(seen[0], (std::pair<u16, std::string>{2, std::string("\0\0\0\x07", 4)}));
-    EXPECT_EQ(seen[1], (std::pair<u16, std::string>{204, "abc"}));
 }
 
 } // namespace

@@ -104,11 +104,6 @@ TEST_F(BndCfg, CreateFailuresLeaveSlotEmpty)
     EXPECT_EQ(g_stTbdlGlobalVar.ppstBnd[6], nullptr);
     EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 0u);
     EXPECT_TRUE(g_trace.empty());
-
-    /* A KTBDL refusal does not undo the creation. */
-    fake::FailOnce("CIOCTL", 1);
-    EXPECT_EQ(Create(6, 1), TBDL_OK);
-    EXPECT_EQ(g_trace, (Trace{"EV0:6", "HA1", "HAF", "K7c0002", "DB+6"}));
 }
 
 TEST_F(BndCfg, DeleteRemovesMembersThenAnnouncesThenDeletesRecord)
@@ -195,16 +190,6 @@ TEST_F(BndCfg, HoldAfterLastDeletionEndsAtFirstExpiry)
     EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 1u);
 }
 
-TEST_F(BndCfg, HoldCallbackWithoutInputKeepsHold)
-{
-    Init();
-    ASSERT_EQ(Create(3, 1), TBDL_OK);
-    ASSERT_EQ(Delete(3), TBDL_E_LAST_BND_DELETED);
-    EXPECT_EQ(tbdl_bnd_HoldTimerCb(EPOLLERR, 0), TBDL_E_FAILED);
-    EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, TBDL_BND_CNT_HOLD);
-    EXPECT_GE(g_stTbdlGlobalVar.iTimerFd, 0);
-}
-
 TEST_F(BndCfg, ClearRunningEndsHold)
 {
     Init();
@@ -217,18 +202,6 @@ TEST_F(BndCfg, ClearRunningEndsHold)
     EXPECT_EQ(g_stTbdlGlobalVar.iTimerFd, -1);
     EXPECT_EQ(fcntl(tfd, F_GETFD), -1);
     EXPECT_TRUE(g_trace.empty());
-    EXPECT_EQ(Create(3, 1), TBDL_OK);
-}
-
-TEST_F(BndCfg, HoldWithoutTimerLastsUntilClear)
-{
-    spec = TBDL_SPEC_S{1024, 8, 1, 1, 1};
-    ASSERT_EQ(TBDL_BND_Init(&spec, BndEv, -1), TBDL_OK); /* no loop: the timer cannot start */
-    ASSERT_EQ(Create(3, 1), TBDL_OK);
-    EXPECT_EQ(Delete(3), TBDL_E_LAST_BND_DELETED);
-    EXPECT_EQ(g_stTbdlGlobalVar.iTimerFd, -1);
-    EXPECT_EQ(Create(3, 1), TBDL_E_BND_HOLD);
-    TBDL_BND_ClearRunning();
     EXPECT_EQ(Create(3, 1), TBDL_OK);
 }
 

@@ -1,0 +1,113 @@
+/* The real board daemon under chassisd: it comes up and reports status 2
+ * without logging anything until debug output is switched on, stops on
+ * request, is restarted after kill -9 with its configuration recovered from
+ * the database, and fails its start (exit status 255, logged by chassisd)
+ * when the database cannot be opened. */
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+#include "chassis_harness.h"
+
+namespace {
+
+using namespace tbdl::systest;
+
+class ChassisDaemon : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!Chassis::HaveRealDaemon()) {
+            GTEST_SKIP() << "daemon/tbdld is not built";
+        }
+        c.UseDaemon(Chassis::RealDaemon());
+    }
+    void Tbdl(const std::vector<std::string> &args)
+    {
+        ProcRun r = c.Tbdlctl(args);
+        ASSERT_EQ(r.status, 0) << r.out << r.err;
+    }
+    Chassis c;
+};
+
+TEST_F(ChassisDaemon, ComesUpQuietlyAndStopsOnRequest)
+{
+    ProcRun start = c.Start();
+    ASSERT_EQ(start.status, 0) << start.err;
+    Json b = c.Board(0);
+    EXPECT_EQ(b["status"], 2);
+    EXPECT_EQ(b["start_cause"], 0);
+    EXPECT_EQ(ReadFile(c.Path("board0/tbdld.log")), "") << "nothing is logged until debug is on";
+    Json ha = c.CtlJson({"dump", "ha"});
+    EXPECT_TRUE(ha["boards"][0]["joined"].get<bool>());
+
+    Tbdl({"debug", "on", "all"});
+    Tbdl({"bundle", "create", "1", "--mode", "loadbalancing"});
+    EXPECT_TRUE(c.WaitFile("board0/tbdld.log", "board0 TBDL EVENT Updated the information of tunnel bundle interface"));
+
+    pid_t pid = c.BoardPid(0);
+    ProcRun stop = c.Ctl({"stop"});
+    EXPECT_EQ(stop.status, 0) << stop.err;
+    EXPECT_FALSE(ProcessAlive(pid));
+    std::string log = ReadFile(c.Path("chassisd.log"));
+    EXPECT_NE(log.find("board 0: tbdld (pid " + std::to_string(pid) + ") stopped: exited with status 0"), std::string::npos)
+        << log;
+}
+
+TEST_F(ChassisDaemon, KilledDaemonRestartsWithCauseRestartAndRecoversItsBundles)
+{
+    ASSERT_EQ(c.Start().status, 0);
+    ASSERT_EQ(c.Ctl({"if", "add", "Tunnel5", "--mode", "0"}).status, 0);
+    Tbdl({"bundle", "create", "3", "--mode", "loadbalancing"});
+    Tbdl({"member", "add", "3", "--tunnel", "5"});
+    Json k = c.CtlJson({"dump", "ktbdl", "--board", "0"});
+    ASSERT_EQ(k["bundles"].size(), 1u);
+    EXPECT_EQ(k["bundles"][0]["members"].size(), 1u);
+    EXPECT_EQ(k["bundles"][0]["state"], 1);
+
+    pid_t first = c.BoardPid(0);
+    ASSERT_EQ(kill(first, SIGKILL), 0);
+    ASSERT_TRUE(c.WaitBoard(0, [&](const Json &b) { return b["pid"] != first && b["state"] == "up"; }));
+    EXPECT_EQ(c.Board(0)["start_cause"], 1);
+
+    ProcRun show = c.Tbdlctl({"--json", "show", "bundle", "3"});
+    ASSERT_EQ(show.status, 0) << show.err;
+    EXPECT_NE(show.out.find("Tunnel-Bundle3"), std::string::npos) << show.out;
+    k = c.CtlJson({"dump", "ktbdl", "--board", "0"});
+    ASSERT_EQ(k["bundles"].size(), 1u);
+    EXPECT_EQ(k["bundles"][0]["members"].size(), 1u) << k.dump();
+}
+
+TEST_F(ChassisDaemon, DatabaseThatCannotBeOpenedFailsTheStart)
+{
+    struct Case {
+        const char *what;
+        std::function<void(const std::string &)> spoil;
+    };
+    const std::vector<Case> cases = {
+        {"a directory in its place", [](const std::string &p) { ASSERT_EQ(mkdir(p.c_str(), 0755), 0); }},
+        {"garbage in the file", [](const std::string &p) {
+             std::ofstream(p) << std::string(4096, 'x');
+         }},
+    };
+    for (const Case &k : cases) {
+        SCOPED_TRACE(k.what);
+        Chassis ch("chassis-db");
+        ch.UseDaemon(Chassis::RealDaemon());
+        k.spoil(ch.Path("dbm.sqlite"));
+        ProcRun start = ch.Start({}, 20000);
+        EXPECT_NE(start.status, 0);
+        EXPECT_NE(start.err.find("failed at start-up (exited with status 255)"), std::string::npos) << start.err;
+        std::string log = ReadFile(ch.Path("chassisd.log"));
+        EXPECT_NE(log.find("board 0: tbdld (pid "), std::string::npos);
+        EXPECT_NE(log.find(") failed at start-up: exited with status 255 (start-up failed)"), std::string::npos) << log;
+        EXPECT_NE(log.find("failed at start-up 4 times in a row"), std::string::npos) << log;
+        EXPECT_EQ(ch.Board(0)["status"], 0) << "status 2 is never reported";
+    }
+}
+
+} // namespace

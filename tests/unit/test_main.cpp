@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <future>
 #include <thread>
 
@@ -92,12 +93,19 @@ protected:
         fake::OnCall("SERVICE_SetStatus", [iValue](const fake::Call &) { RaiseStop(iValue); });
     }
 
-    /* Runs the daemon to its end on its own thread (10 s at most). */
-    int Run()
+    /* Runs the daemon to its end on its own thread (10 s at most); pfnAfter
+     * runs on that thread once the daemon has returned. */
+    int Run(const std::function<void()> &pfnAfter = {})
     {
         std::promise<int> stDone;
         std::future<int> stResult = stDone.get_future();
-        std::thread stThread([&stDone]() { stDone.set_value(TBDL_MAIN_Run(0, nullptr)); });
+        std::thread stThread([&stDone, &pfnAfter]() {
+            int iRet = TBDL_MAIN_Run(0, nullptr);
+            if (pfnAfter) {
+                pfnAfter();
+            }
+            stDone.set_value(iRet);
+        });
         if (stResult.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
             ADD_FAILURE() << "the daemon did not stop";
             pthread_kill(stThread.native_handle(), SIGRTMIN + 1);
@@ -299,8 +307,11 @@ TEST_F(MainTest, FailedEpollCreateStartsNoModule)
         stLow.rlim_cur = static_cast<rlim_t>(iFree);
         setrlimit(RLIMIT_NOFILE, &stLow);
     });
-    int iRet = Run();
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &stOld));
+    /* The limit is restored before the daemon's thread ends: the thread's
+     * own clean-up may need descriptors. */
+    int iRestore = -1;
+    int iRet = Run([&]() { iRestore = setrlimit(RLIMIT_NOFILE, &stOld); });
+    ASSERT_EQ(0, iRestore);
     EXPECT_EQ(-1, iRet);
     EXPECT_EQ(0u, fake::CountOf("DBM_Open"));
     EXPECT_EQ(0u, fake::CountOf("HA_Init"));

@@ -198,41 +198,40 @@ TEST_F(CfgRequest, ConfigurationTlvRangesLogSkipOrSetTheOperation)
     EXPECT_NE(TBDL_BND_GetBndInfo(6, &info), 0u);
 }
 
-TEST_F(CfgRequest, DisplayTlvRangesAndReplyHeader)
+TEST_F(CfgRequest, DisplayKeyTlvRangesAndReplyHeader)
 {
     SwitchDebugOn(TBDL_DBG_EVENT);
-    fake::ClearJournal();
 
-    Bytes tlvs = Cat({Tlv(250, Be32(1)), Tlv(401, {}), Tlv(402, {}), Tlv(599, Be32(1)), Tlv(600, {}),
-                      Tlv(201, {}), Tlv(4, {})});
-    Reply r = Exchange(Request(1, 1, 7, tlvs));
+    /* Around the key: operation TLVs and 401 silent, 3-199 and 402-599
+     * logged, 600 silent. */
+    ASSERT_EQ(Exchange(Request(0, 1, 0, BndCreateTlvs(9))).result, 0u);
+    Bytes tlvs = Cat({Tlv(250, Be32(1)), Tlv(401, {}), Tlv(402, {}), Tlv(2, Be32(9)), Tlv(599, Be32(1)),
+                      Tlv(600, {}), Tlv(201, {}), Tlv(4, {})});
+    Reply r = Exchange(Request(1, 0, 2, tlvs));
     EXPECT_EQ(r.cls, 1u);
     EXPECT_EQ(r.result, 0u);
-    EXPECT_EQ(r.type, 1u);
-    EXPECT_EQ(r.oper, 7u);
-    EXPECT_EQ(r.dataLen, 8u);
-    EXPECT_EQ(r.payload, Cat({Be16(404), Be16(4), Be32(2)}));
+    EXPECT_EQ(r.type, 0u);
+    EXPECT_EQ(r.oper, 2u);
+    EXPECT_EQ(r.dataLen, 36u);
+    ASSERT_EQ(r.payload.size(), 36u);
+    EXPECT_EQ(Bytes(r.payload.begin(), r.payload.begin() + 4), Cat({Be16(402), Be16(32)}));
+    EXPECT_EQ(Bytes(r.payload.begin() + 24, r.payload.begin() + 28), Be32(9));
     EXPECT_THAT(UnknownTlvLines(), ElementsAre("EVENT Received a message with an unknown TLV (type: 402).",
                                                "EVENT Received a message with an unknown TLV (type: 599).",
                                                "EVENT Received a message with an unknown TLV (type: 4)."));
 
+    r = Exchange(Request(1, 1, 7));
+    EXPECT_EQ(r.type, 1u);
+    EXPECT_EQ(r.oper, 7u);
+    EXPECT_EQ(r.payload, Cat({Be16(404), Be16(4), Be32(2)}));
+
     /* A failing display handler: header with its code and no TLV. */
-    r = Exchange(Request(1, 0, 2, Tlv(2, Be32(9))));
+    r = Exchange(Request(1, 0, 2, Tlv(2, Be32(10))));
     EXPECT_EQ(r.size, 12u);
     EXPECT_EQ(r.cls, 1u);
     EXPECT_EQ(r.dataLen, 0u);
     EXPECT_EQ(r.result, TBDL_E_FAILED);
     EXPECT_EQ(r.oper, 2u);
-}
-
-TEST_F(CfgRequest, DisplayKeyComesFromTlvTwo)
-{
-    ASSERT_EQ(Exchange(Request(0, 1, 0, BndCreateTlvs(9))).result, 0u);
-    Reply r = Exchange(Request(1, 0, 2, Tlv(2, Be32(9))));
-    ASSERT_EQ(r.result, 0u);
-    ASSERT_EQ(r.dataLen, 36u);
-    ASSERT_EQ(r.payload.size(), 36u);
-    EXPECT_EQ(Bytes(r.payload.begin() + 24, r.payload.begin() + 28), Be32(9));
 }
 
 TEST_F(CfgRequest, BundleRemovalUnbindsMembersBeforeTheBundleHandlerRuns)
@@ -257,34 +256,6 @@ TEST_F(CfgRequest, BundleRemovalUnbindsMembersBeforeTheBundleHandlerRuns)
     EXPECT_EQ(names.front(), "IF_DelPrivateData");
     EXPECT_EQ(fake::PrivateData().count(ifIndex), 0u);
     EXPECT_EQ(fake::Db().count(Cat({Bytes{2}, Be32(1)})), 0u);
-}
-
-TEST_F(CfgRequest, ShortMemberValueBindsWithZeroWeightAndRole)
-{
-    fake::AddTunnel(4);
-    ASSERT_EQ(Exchange(Request(0, 1, 0, BndCreateTlvs(2))).result, 0u);
-    /* Only the tunnel number and the first weight byte are sent. */
-    Bytes tlvs = Cat({Tlv(2, Be32(2)), Tlv(204, Cat({Be32(4), Bytes{0}}))});
-    ASSERT_EQ(Exchange(Request(0, 2, 0, tlvs)).result, 0u);
-
-    TBDL_MEMB_INFO_S memb[32] = {};
-    TBDL_BND_INFO_S info = {};
-    info.pstMembInfo = memb;
-    ASSERT_EQ(TBDL_BND_GetBndInfo(2, &info), 0u);
-    ASSERT_EQ(info.usMembNum, 1u);
-    EXPECT_EQ(memb[0].usWeight, 0u);
-    EXPECT_EQ(memb[0].ucRole, 0u);
-}
-
-TEST_F(CfgRequest, ConnectionTakesRequestsOneAtATime)
-{
-    for (uint32_t bnd = 20; bnd < 23; bnd++) {
-        Reply r = Exchange(Request(0, 1, 0, BndCreateTlvs(bnd)));
-        EXPECT_EQ(r.result, 0u);
-        EXPECT_EQ(r.type, 1u);
-    }
-    TBDL_BND_INFO_S info = {};
-    EXPECT_EQ(TBDL_BND_GetBndInfo(22, &info), 0u);
 }
 
 /* ---- TLV walk into the handler records ---- */
@@ -324,14 +295,6 @@ protected:
     }
     void TearDown() override { TBDL_DBG_Fini(); }
 };
-
-TEST_F(CfgParse, EmptyPayloadGivesZeroKeyNoOperationAndZeroData)
-{
-    Parsed p = ParseCfg({});
-    EXPECT_EQ(p.key.uiBndNum, 0u);
-    EXPECT_EQ(p.type, 0u);
-    EXPECT_EQ(DataPrefix(p, 256), Bytes(256, 0));
-}
 
 TEST_F(CfgParse, OperationValuesAreConvertedToHostOrder)
 {

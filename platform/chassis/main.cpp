@@ -167,9 +167,11 @@ int main(int argc, char **argv)
     app.add_flag("--foreground", g_opt.foreground, "do not detach; log to stderr too");
     try {
         app.parse(argc, argv);
+    } catch (const CLI::Success &e) {
+        return app.exit(e);
     } catch (const CLI::ParseError &e) {
-        int rc = app.exit(e);
-        return rc == 0 ? 0 : 2;
+        std::fprintf(stderr, "chassisd: %s\n", e.what());
+        return 2;
     }
 
     /* The chassis directory must exist; it is where everything lives. */

@@ -172,6 +172,32 @@ TEST(Chassis, BadSettingsOrDirectoryEndWithOneErrorLine)
     }
 }
 
+TEST(Chassis, ChassisctlErrorsAreOneLine)
+{
+    Chassis c;
+    struct Case {
+        const char *what;
+        std::vector<std::string> args;
+        const char *mentions;
+    };
+    const std::vector<Case> cases = {
+        {"settings chassisd cannot read", {"start", "--config", c.Path("none.json")}, "chassisd did not start on"},
+        {"option chassisd does not know", {"start", "--speed", "9"}, "--speed"},
+        {"unknown command", {"explode"}, "explode"},
+        {"command with chassisd down", {"dump", "if"}, "not running"},
+        {"unexpected argument", {"status", "--verbose"}, "--verbose"},
+        {"tunnel mode that is not a number", {"if", "add", "Tunnel1", "--mode", "fast"}, "fast"},
+    };
+    for (const Case &k : cases) {
+        SCOPED_TRACE(k.what);
+        ProcRun r = c.Ctl(k.args);
+        EXPECT_NE(r.status, 0);
+        EXPECT_EQ(CountOccurrences(r.err, "\n"), 1u) << r.err;
+        EXPECT_EQ(r.err.rfind("chassisctl: ", 0), 0u) << r.err;
+        EXPECT_NE(r.err.find(k.mentions), std::string::npos) << r.err;
+    }
+}
+
 TEST(Chassis, SecondChassisdOnTheSameDirectoryIsRefused)
 {
     Chassis c;

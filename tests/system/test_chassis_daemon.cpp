@@ -36,8 +36,10 @@ protected:
 
 TEST_F(ChassisDaemon, ComesUpQuietlyAndStopsOnRequest)
 {
-    ProcRun start = c.Start();
+    ProcRun start = c.Start({"--journal"});
     ASSERT_EQ(start.status, 0) << start.err;
+    EXPECT_TRUE(c.Status()["journal"].get<bool>());
+    EXPECT_TRUE(FileContains(c.Path("board0/journal.jsonl"), R"("call":"SERVICE_SetStatus")"));
     Json b = c.Board(0);
     EXPECT_EQ(b["status"], 2);
     EXPECT_EQ(b["start_cause"], 0);

@@ -180,8 +180,14 @@ void CmdStart(const std::vector<std::string> &extra, const std::string &chassisd
         argv.push_back(a.data());
     }
     argv.push_back(nullptr);
+    /* chassisd's own error line (if any) is passed on inside ours. */
+    int errPipe[2];
+    if (pipe2(errPipe, O_CLOEXEC) != 0) {
+        Die(std::string("pipe: ") + std::strerror(errno));
+    }
     pid_t pid = fork();
     if (pid == 0) {
+        dup2(errPipe[1], 2);
         execvp(argv[0], argv.data());
         std::fprintf(stderr, "chassisctl: cannot run %s: %s\n", argv[0], std::strerror(errno));
         _exit(127);
@@ -189,11 +195,24 @@ void CmdStart(const std::vector<std::string> &extra, const std::string &chassisd
     if (pid < 0) {
         Die(std::string("fork: ") + std::strerror(errno));
     }
+    close(errPipe[1]);
     int ws = 0;
     while (waitpid(pid, &ws, 0) < 0 && errno == EINTR) {
     }
+    fcntl(errPipe[0], F_SETFL, O_NONBLOCK);
+    std::string errText;
+    char buf[1024];
+    ssize_t n;
+    while ((n = read(errPipe[0], buf, sizeof(buf))) > 0) {
+        errText.append(buf, static_cast<size_t>(n));
+    }
+    close(errPipe[0]);
     if (!WIFEXITED(ws) || WEXITSTATUS(ws) != 0) {
-        Die("chassisd did not start on " + g.dir);
+        errText = errText.substr(0, errText.find('\n'));
+        if (errText.rfind("chassisd: ", 0) == 0) {
+            errText.erase(0, 10);
+        }
+        Die("chassisd did not start on " + g.dir + (errText.empty() ? "" : ": " + errText));
     }
     Json status = WaitBoardsUp(timeoutS);
     Print(status, [](const Json &s) {
@@ -258,7 +277,7 @@ void CmdDb()
 int Main(int argc, char **argv)
 {
     CLI::App app{"chassisctl: start, drive, inspect and break an emulated chassis"};
-    app.require_subcommand(1);
+    app.allow_extras(); /* reported below as one line */
     app.fallthrough(); /* global options may follow the command */
     const char *envDir = std::getenv(tbdl::plat::kEnvChassisDir);
     g.dir = envDir != nullptr && *envDir != '\0' ? envDir : "./chassis";
@@ -349,11 +368,19 @@ int Main(int argc, char **argv)
 
     try {
         app.parse(argc, argv);
+    } catch (const CLI::Success &e) {
+        return app.exit(e);
     } catch (const CLI::ParseError &e) {
-        int rc = app.exit(e);
-        return rc == 0 ? 0 : 2;
+        std::fprintf(stderr, "chassisctl: %s\n", e.what());
+        return 2;
     }
 
+    if (!app.remaining().empty()) {
+        Die("unknown command or argument '" + app.remaining().front() + "' (see --help)");
+    }
+    if (app.get_subcommands().empty()) {
+        Die("a command is needed (see --help)");
+    }
     if (*start) {
         CmdStart(start->remaining(), chassisd, timeoutS);
     } else if (*stop) {

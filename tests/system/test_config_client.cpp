@@ -18,14 +18,16 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include "cfg_helpers.h"
+#include "chassis_harness.h"
 #include "tbdl_client.h"
 #include "tbdl_errcode.h"
 
 namespace tc = tbdl::client;
-using tbdl::cfgtest::RunTbdlctl;
-using tbdl::cfgtest::ScratchDir;
-using tbdl::cfgtest::ToolRun;
+using tbdl::systest::ProcRun;
+
+/* A chassis directory that is never started: a scratch directory for the
+ * scripted server, removed at the end. */
+using ScratchDir = tbdl::systest::Chassis;
 
 namespace {
 
@@ -325,14 +327,14 @@ TEST(ConfigCodec, TextArguments)
 
 TEST(ConfigClient, WalkPagesWithThePreviousBundleNumber)
 {
-    ScratchDir dir;
-    WriteChassisJson(dir.path(), 1);
+    ScratchDir dir("cfgclient");
+    WriteChassisJson(dir.dir(), 1);
     ScriptedDaemon daemon;
     for (std::uint32_t n : {1u, 4u, 9u}) {
         daemon.bundles[n] = SampleBundle(n, n % 3);
     }
-    FakeCfgServer server(dir.path(), 1, daemon);
-    tc::Outcome<tc::Client> client = tc::Client::Connect(dir.path(), std::nullopt);
+    FakeCfgServer server(dir.dir(), 1, daemon);
+    tc::Outcome<tc::Client> client = tc::Client::Connect(dir.dir(), std::nullopt);
     ASSERT_TRUE(client) << client.error();
     tc::Outcome<tc::BndWalk> walk = client->WalkBundles();
     ASSERT_TRUE(walk) << walk.error();
@@ -351,10 +353,10 @@ TEST(ConfigClient, WalkPagesWithThePreviousBundleNumber)
 
 TEST(ConfigClient, RepliesThatDoNotAnswerAreFailures)
 {
-    ScratchDir dir;
-    WriteChassisJson(dir.path(), 0);
+    ScratchDir dir("cfgclient");
+    WriteChassisJson(dir.dir(), 0);
     int calls = 0;
-    FakeCfgServer server(dir.path(), 0, [&calls](const tc::Bytes &req) -> std::optional<tc::Bytes> {
+    FakeCfgServer server(dir.dir(), 0, [&calls](const tc::Bytes &req) -> std::optional<tc::Bytes> {
         tc::MsgHeader h = *tc::DecodeHeader(req.data(), req.size());
         switch (calls++) {
         case 0: /* echoes another operation */
@@ -372,7 +374,7 @@ TEST(ConfigClient, RepliesThatDoNotAnswerAreFailures)
             return std::nullopt;
         }
     });
-    tc::Outcome<tc::Client> client = tc::Client::Connect(dir.path(), std::nullopt, 300);
+    tc::Outcome<tc::Client> client = tc::Client::Connect(dir.dir(), std::nullopt, 300);
     ASSERT_TRUE(client) << client.error();
     EXPECT_FALSE(client->CreateBundle(1, 1, 0));
     tc::Outcome<tc::Shown<tc::DebugSwitch>> dbg = client->Debug();
@@ -386,12 +388,12 @@ TEST(ConfigClient, RepliesThatDoNotAnswerAreFailures)
 
 TEST(ConfigClient, BoardSelection)
 {
-    ScratchDir dir;
-    WriteChassisJson(dir.path(), 1);
-    EXPECT_EQ(*tc::FindCfgSocket(dir.path(), std::nullopt), dir.path() + "/board1/cfg.sock");
-    EXPECT_EQ(*tc::FindCfgSocket(dir.path(), 0), dir.path() + "/board0/cfg.sock");
-    std::ofstream(dir.path() + "/chassis.json") << "{\"boards\":[0]}";
-    EXPECT_FALSE(tc::FindCfgSocket(dir.path(), std::nullopt));
+    ScratchDir dir("cfgclient");
+    WriteChassisJson(dir.dir(), 1);
+    EXPECT_EQ(*tc::FindCfgSocket(dir.dir(), std::nullopt), dir.dir() + "/board1/cfg.sock");
+    EXPECT_EQ(*tc::FindCfgSocket(dir.dir(), 0), dir.dir() + "/board0/cfg.sock");
+    std::ofstream(dir.dir() + "/chassis.json") << "{\"boards\":[0]}";
+    EXPECT_FALSE(tc::FindCfgSocket(dir.dir(), std::nullopt));
 }
 
 /* ---- tbdlctl against a scripted server ---- */
@@ -427,9 +429,9 @@ TEST(Tbdlctl, CommandsSendTheirRequests)
          tc::EncodeRequest(1, 7, 9, {tc::TlvBndNum(12), {401, {}}})},
         {{"raw", "--hex", "00010005"}, Hex("00010005")},
     };
-    ScratchDir dir;
-    WriteChassisJson(dir.path(), 0);
-    FakeCfgServer server(dir.path(), 0, [](const tc::Bytes &req) -> std::optional<tc::Bytes> {
+    ScratchDir dir("cfgclient");
+    WriteChassisJson(dir.dir(), 0);
+    FakeCfgServer server(dir.dir(), 0, [](const tc::Bytes &req) -> std::optional<tc::Bytes> {
         tc::MsgHeader h;
         if (req.size() >= 12) {
             h = *tc::DecodeHeader(req.data(), req.size());
@@ -438,7 +440,7 @@ TEST(Tbdlctl, CommandsSendTheirRequests)
     });
     for (const Case &c : cases) {
         const std::size_t before = server.requests().size();
-        ToolRun run = RunTbdlctl(dir.path(), c.args);
+        ProcRun run = dir.Tbdlctl(c.args);
         const std::vector<tc::Bytes> sent = server.requests();
         ASSERT_EQ(sent.size(), before + 1) << c.args[0] << " " << c.args[1] << "\n" << run.err;
         EXPECT_EQ(tc::ToHex(sent.back()), tc::ToHex(c.want)) << c.args[0] << " " << c.args[1];
@@ -447,29 +449,29 @@ TEST(Tbdlctl, CommandsSendTheirRequests)
 
 TEST(Tbdlctl, RefusalAndConnectionErrors)
 {
-    ScratchDir dir;
-    WriteChassisJson(dir.path(), 0);
+    ScratchDir dir("cfgclient");
+    WriteChassisJson(dir.dir(), 0);
     ScriptedDaemon daemon;
     daemon.uiCfgResult = TBDL_E_BND_HOLD;
     {
-        FakeCfgServer server(dir.path(), 0, daemon);
-        ToolRun run = RunTbdlctl(dir.path(), {"bundle", "create", "1", "--mode", "loadbalancing"});
+        FakeCfgServer server(dir.dir(), 0, daemon);
+        ProcRun run = dir.Tbdlctl({"bundle", "create", "1", "--mode", "loadbalancing"});
         EXPECT_EQ(run.status, 1);
         EXPECT_EQ(run.err,
                   "0x65140007 TBDL_E_BND_HOLD: A tunnel bundle cannot be created within 30 seconds after the last "
                   "one was deleted.\n");
-        run = RunTbdlctl(dir.path(), {"--json", "bundle", "create", "1", "--mode", "loadbalancing"});
+        run = dir.Tbdlctl({"--json", "bundle", "create", "1", "--mode", "loadbalancing"});
         EXPECT_EQ(run.status, 1);
         nlohmann::json j = nlohmann::json::parse(run.out);
         EXPECT_EQ(j["result"], TBDL_E_BND_HOLD);
         EXPECT_EQ(j["name"], "TBDL_E_BND_HOLD");
         EXPECT_EQ(j["ok"], false);
-        run = RunTbdlctl(dir.path(), {"show", "bundle", "3"});
+        run = dir.Tbdlctl({"show", "bundle", "3"});
         EXPECT_EQ(run.status, 1);
         EXPECT_EQ(run.err, tc::DescribeResult(TBDL_E_FAILED) + "\n");
     }
     /* The server is gone: one line, non-zero. */
-    ToolRun run = RunTbdlctl(dir.path(), {"show", "limits"});
+    ProcRun run = dir.Tbdlctl({"show", "limits"});
     EXPECT_EQ(run.status, 2);
     EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
     EXPECT_NE(run.err.find("board0/cfg.sock"), std::string::npos) << run.err;
@@ -478,14 +480,14 @@ TEST(Tbdlctl, RefusalAndConnectionErrors)
 
 TEST(Tbdlctl, DisplaysAsTablesAndJson)
 {
-    ScratchDir dir;
-    WriteChassisJson(dir.path(), 0);
+    ScratchDir dir("cfgclient");
+    WriteChassisJson(dir.dir(), 0);
     ScriptedDaemon daemon;
     daemon.bundles[3] = SampleBundle(3, 2);
     daemon.bundles[8] = SampleBundle(8, 0);
-    FakeCfgServer server(dir.path(), 0, daemon);
+    FakeCfgServer server(dir.dir(), 0, daemon);
 
-    ToolRun run = RunTbdlctl(dir.path(), {"--json", "show", "bundles"});
+    ProcRun run = dir.Tbdlctl({"--json", "show", "bundles"});
     ASSERT_EQ(run.status, 0) << run.err;
     nlohmann::json j = nlohmann::json::parse(run.out);
     ASSERT_EQ(j["bundles"].size(), 2u);
@@ -496,14 +498,14 @@ TEST(Tbdlctl, DisplaysAsTablesAndJson)
     EXPECT_EQ(j["bundles"][0]["members"][1]["role"], 1);
     EXPECT_EQ(j["bundles"][1]["members"].size(), 0u);
 
-    run = RunTbdlctl(dir.path(), {"show", "bundles"});
+    run = dir.Tbdlctl({"show", "bundles"});
     ASSERT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(run.out,
               "Bundle  Mode  TnlMode  State  Address      Members\n"
               "3       1:1   5        up     192.168.0.3  100,101\n"
               "8       1:1   5        down   192.168.0.8  -\n");
 
-    run = RunTbdlctl(dir.path(), {"show", "bundle", "3"});
+    run = dir.Tbdlctl({"show", "bundle", "3"});
     ASSERT_EQ(run.status, 0) << run.err;
     EXPECT_NE(run.out.find("Tunnel-Bundle3\n"), std::string::npos) << run.out;
     EXPECT_NE(run.out.find("  Tunnel101  11      1     down\n"), std::string::npos) << run.out;

@@ -218,9 +218,12 @@ int main(int argc, char **argv)
     if (g_opt.daemonPath.empty()) {
         g_opt.daemonPath = DefaultDaemonPath();
     }
-    if (access(g_opt.daemonPath.c_str(), X_OK) != 0) {
+    struct stat dst{};
+    if (access(g_opt.daemonPath.c_str(), X_OK) != 0 || stat(g_opt.daemonPath.c_str(), &dst) != 0 ||
+        !S_ISREG(dst.st_mode) || realpath(g_opt.daemonPath.c_str(), real) == nullptr) {
         Fail("board daemon " + g_opt.daemonPath + " is not an executable program");
     }
+    g_opt.daemonPath = real; /* daemons start in their board directory */
 
     int readyPipe[2] = {-1, -1};
     if (!g_opt.foreground) {

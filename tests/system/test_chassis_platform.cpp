@@ -407,6 +407,38 @@ TEST_F(ChassisPlatform, JournalRecordsCallsWithPayloadsAndResults)
     EXPECT_EQ(lines[1]["args"]["name"], "Tunnel99");
 }
 
+TEST_F(ChassisPlatform, EventChannelsWorkUntilChassisdGoesAway)
+{
+    StartChassis();
+    int ifFd = IF_Event_Init();
+    ASSERT_GE(ifFd, 0);
+    u8 select[16] = {}, selectData[24] = {};
+    EXPECT_EQ(IF_Select_Init(5, select, selectData), 0u);
+    EXPECT_EQ(IF_SelectType_Set(39, select), 0u);
+    u32 handle = IF_RegIfEventEx(0x5140000, 0x20000064, 64, select,
+                                 [](u32, void *, u32, u32) -> u32 { return 0; }, 0);
+    EXPECT_NE(handle, 0u);
+    EXPECT_EQ(IF_ResponseEventPkt(ifFd), 0u) << "nothing pending is no failure";
+
+    HA_CALLBACKS_S cbs{RecvCb, EventCb};
+    int haFd = HA_Init("TBDL", 0, "TBDL", 1, 2, nullptr, &cbs);
+    ASSERT_GE(haFd, 0);
+    EXPECT_EQ(HA_IsMaster(haFd), 1);
+
+    ASSERT_TRUE(c.Stop());
+    EXPECT_NE(IF_ResponseEventPkt(ifFd), 0u) << "the end of the channel is reported";
+    EXPECT_NE(HA_Dispatch(EPOLLIN | EPOLLHUP, static_cast<u64>(haFd)), 0u);
+    /* The dead HA descriptor no longer wakes an event loop, and the cached
+     * role stays as it was. */
+    pollfd p{haFd, POLLIN, 0};
+    EXPECT_EQ(poll(&p, 1, 50), 0);
+    EXPECT_EQ(HA_IsMaster(haFd), 1);
+    EXPECT_EQ(HA_Exit(haFd), 0u);
+    EXPECT_EQ(IF_UnRegEvent(handle, 0x20000064), 0u);
+    EXPECT_NE(IF_UnRegEvent(handle, 0x20000064), 0u);
+    IF_Event_Fini(ifFd);
+}
+
 TEST_F(ChassisPlatform, WithoutChassisdEveryCallFailsAtOnce)
 {
     Enter(c.dir(), 0); /* a chassis directory with no chassisd */

@@ -1,0 +1,188 @@
+/* Recovery of the stored configuration by the real daemon: after a restart
+ * of the daemon process (start cause "process restart") the VRF of each
+ * stored bundle and member is compared with what L3VPN reports now; after
+ * a reboot of the chassis (start cause "system boot") the stored VRF is
+ * taken as stored; a stored bundle whose mode the settings switched off is
+ * discarded. VRFs are moved with chassisctl while the daemon's L3VPN
+ * registration is made to fail, so only recovery can notice the move. */
+#include <gtest/gtest.h>
+
+#include "cfg_checks.h"
+
+namespace tc = tbdl::client;
+using namespace tbdl::cfgtest;
+
+namespace {
+
+class ConfigRecovery : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(StartWithDaemon(m_chassis));
+        ASSERT_TRUE(Exited(m_chassis.Ctl({"fail", "L3VPN_RegEvt", "--always"}), 0));
+        ASSERT_TRUE(Restart());
+    }
+
+    /* chassisctl board restart 0, then a fresh client on the new process. */
+    testing::AssertionResult Restart()
+    {
+        const pid_t before = m_chassis.BoardPid(0);
+        ProcRun run = m_chassis.Ctl({"board", "restart", "0"});
+        if (run.status != 0) {
+            return Exited(run, 0);
+        }
+        if (m_chassis.BoardPid(0) == before || !WaitCfgAnswers(m_chassis)) {
+            return testing::AssertionFailure() << "no new daemon answers";
+        }
+        return Reconnect();
+    }
+
+    testing::AssertionResult Reconnect()
+    {
+        m_client.reset();
+        tc::Outcome<tc::Client> c = Connect(m_chassis);
+        if (!c) {
+            return testing::AssertionFailure() << c.error();
+        }
+        m_client.emplace(std::move(*c));
+        return testing::AssertionSuccess();
+    }
+
+    int StartCause() { return m_chassis.Board(0).value("start_cause", -1); }
+
+    void Bundle(std::uint32_t n, std::uint16_t mode, std::vector<tc::MembOp> members)
+    {
+        ASSERT_TRUE(Answers(m_client->CreateBundle(n, mode, 0), TBDL_OK)) << n;
+        for (const tc::MembOp &m : members) {
+            ASSERT_TRUE(AddTunnel(m_chassis, m.uiTnlNum));
+            ASSERT_TRUE(Answers(m_client->AddMember(n, m), TBDL_OK)) << m.uiTnlNum;
+        }
+    }
+
+    static std::set<std::uint32_t> Members(const tc::BndDetail &d)
+    {
+        std::set<std::uint32_t> s;
+        for (const tc::MembDetail &m : d.members) {
+            s.insert(m.uiTnlNum);
+        }
+        return s;
+    }
+
+    /* Bundles as shown, reduced to what recovery must keep. */
+    std::map<std::uint32_t, std::string> Summary()
+    {
+        std::map<std::uint32_t, std::string> s;
+        std::optional<std::map<std::uint32_t, tc::BndDetail>> t = Table(*m_client);
+        if (t) {
+            for (const auto &[n, d] : *t) {
+                std::string text = "mode " + std::to_string(d.ucMode) + " addr " + tc::FormatAddr(d.stAddr) +
+                                   " state " + std::to_string(d.ucState) + " members";
+                for (const tc::MembDetail &m : d.members) {
+                    text += " " + std::to_string(m.uiTnlNum) + "/w" + std::to_string(m.usWeight) + "/r" +
+                            std::to_string(m.ucRole);
+                }
+                s[n] = text;
+            }
+        }
+        return s;
+    }
+
+    Chassis m_chassis{"cfgrec"};
+    std::optional<tc::Client> m_client;
+};
+
+TEST_F(ConfigRecovery, ProcessRestartComparesVrf)
+{
+    Bundle(1, TBDL_MODE_LOADBALANCING, {{11, 2, 0}, {12, 3, 0}});
+    ASSERT_TRUE(Answers(m_client->SetAddress(1, *tc::ParseIpv4("10.1.0.1")), TBDL_OK));
+    Bundle(2, TBDL_MODE_ONETOONE, {{21, 1, 0}, {22, 1, 1}});
+    Bundle(3, TBDL_MODE_LOADBALANCING, {{31, 1, 0}});
+    Bundle(4, TBDL_MODE_LOADBALANCING, {{41, 1, 0}, {42, 1, 0}});
+    Bundle(5, TBDL_MODE_ONEPLUSONE, {});
+    ASSERT_TRUE(KtbdlMatches(m_chassis, *m_client));
+    ASSERT_TRUE(StoreMatches(m_chassis, *m_client));
+    std::map<std::uint32_t, std::string> before = Summary();
+
+    /* Bundle 3's interface and member Tunnel41 move to other VRFs. */
+    ASSERT_TRUE(Exited(m_chassis.Ctl({"vrf", "bind", "Tunnel-Bundle3", "7"}), 0));
+    ASSERT_TRUE(Exited(m_chassis.Ctl({"vrf", "bind", "Tunnel41", "8"}), 0));
+    ASSERT_TRUE(Restart());
+    EXPECT_EQ(StartCause(), 1);
+
+    std::map<std::uint32_t, std::string> after = Summary();
+    EXPECT_EQ(after.count(3), 0u) << "a bundle whose interface changed VRF is discarded";
+    EXPECT_EQ(IfIndexes(m_chassis).count("Tunnel-Bundle3"), 0u) << "its interface index is released";
+    for (std::uint32_t n : {1u, 2u, 5u}) {
+        EXPECT_EQ(after[n], before[n]) << "bundle " << n;
+    }
+    tc::Outcome<tc::Shown<tc::BndDetail>> b4 = m_client->ShowBundle(4);
+    ASSERT_TRUE(b4 && b4->value);
+    EXPECT_EQ(Members(*b4->value), std::set<std::uint32_t>{42}) << "a member that changed VRF is dropped";
+    EXPECT_TRUE(StoreMatches(m_chassis, *m_client));
+    /* The kernel keeps the dropped member of bundle 4: nothing tells it
+     * to forget a member that recovery did not restore. */
+    EXPECT_TRUE(KtbdlMatches(m_chassis, *m_client, 0, {4}));
+
+    /* The freed tunnels can be bound again; the number 3 is free. */
+    EXPECT_TRUE(Answers(m_client->AddMember(1, {31, 1, 0}), TBDL_OK));
+    EXPECT_TRUE(Answers(m_client->CreateBundle(3, TBDL_MODE_LOADBALANCING, 0), TBDL_OK));
+    EXPECT_TRUE(StoreMatches(m_chassis, *m_client));
+}
+
+TEST_F(ConfigRecovery, RebootTakesTheStoredVrf)
+{
+    Bundle(2, TBDL_MODE_ONETOONE, {{21, 1, 0}, {22, 1, 1}});
+    Bundle(6, TBDL_MODE_LOADBALANCING, {});
+    std::map<std::uint32_t, std::string> before = Summary();
+    for (const char *name : {"Tunnel-Bundle2", "Tunnel-Bundle6", "Tunnel22"}) {
+        ASSERT_TRUE(Exited(m_chassis.Ctl({"vrf", "bind", name, "9"}), 0)) << name;
+    }
+    ProcRun run = m_chassis.Ctl({"reboot"});
+    ASSERT_TRUE(Exited(run, 0));
+    ASSERT_TRUE(WaitCfgAnswers(m_chassis));
+    ASSERT_TRUE(Reconnect());
+    EXPECT_EQ(StartCause(), 0);
+
+    EXPECT_EQ(Summary(), before) << "nothing was discarded";
+    EXPECT_TRUE(KtbdlMatches(m_chassis, *m_client));
+    EXPECT_TRUE(StoreMatches(m_chassis, *m_client));
+    /* The kernel, emptied by the reboot, was told the stored VRF. */
+    const std::map<std::string, std::uint32_t> ifs = IfIndexes(m_chassis);
+    Json k = m_chassis.CtlJson({"dump", "ktbdl", "--board", "0"});
+    ASSERT_TRUE(k.is_object());
+    int seen = 0;
+    for (const Json &e : k["bundles"]) {
+        if (e["ifindex"] == ifs.at("Tunnel-Bundle2") || e["ifindex"] == ifs.at("Tunnel-Bundle6")) {
+            EXPECT_EQ(e.value("vrf", -1), 0) << e.dump();
+            seen++;
+        }
+    }
+    EXPECT_EQ(seen, 2);
+}
+
+TEST_F(ConfigRecovery, ModeSwitchedOffDiscardsStoredBundles)
+{
+    Bundle(1, TBDL_MODE_LOADBALANCING, {{11, 1, 0}});
+    Bundle(2, TBDL_MODE_ONETOONE, {{21, 1, 0}, {22, 1, 1}});
+    Bundle(3, TBDL_MODE_ONEPLUSONE, {{31, 1, 0}});
+    std::map<std::uint32_t, std::string> before = Summary();
+    m_client.reset();
+    ASSERT_TRUE(m_chassis.Stop());
+    ASSERT_TRUE(StartWithDaemon(m_chassis, {"--mode", "ProtectionOnetoone=off"}));
+    ASSERT_TRUE(Reconnect());
+
+    std::map<std::uint32_t, std::string> after = Summary();
+    EXPECT_EQ(after.count(2), 0u);
+    EXPECT_EQ(after[1], before[1]);
+    EXPECT_EQ(after[3], before[3]);
+    EXPECT_EQ(IfIndexes(m_chassis).count("Tunnel-Bundle2"), 0u);
+    std::optional<Stored> stored = ReadStored(m_chassis);
+    ASSERT_TRUE(stored);
+    EXPECT_EQ(stored->bundles.count(2), 0u);
+    EXPECT_TRUE(stored->members[2].empty()) << "the members of a discarded bundle are dropped too";
+    EXPECT_TRUE(StoreMatches(m_chassis, *m_client));
+    EXPECT_TRUE(KtbdlMatches(m_chassis, *m_client));
+    EXPECT_TRUE(Answers(m_client->AddMember(1, {21, 1, 0}), TBDL_OK)) << "its tunnels are free";
+}
+
+}  // namespace

@@ -252,6 +252,21 @@ TEST(Chassis, TwoBoardsHaveRolesAndRelayTheBatchBackup)
     EXPECT_TRUE(FileContains(c.Path("board1/fake.log"), "stop value 3"));
 }
 
+TEST(Chassis, DaemonThatIgnoresTheStopIsKilledAfterTheStopTimeout)
+{
+    Chassis c;
+    c.SetEnv({"FAKE_TBDLD_IGNORE_STOP=1"});
+    ASSERT_EQ(c.Start({"--stop-timeout", "300"}).status, 0);
+    pid_t pid = c.BoardPid(0);
+    ProcRun stop = c.Ctl({"stop"});
+    EXPECT_EQ(stop.status, 0) << stop.err;
+    EXPECT_FALSE(ProcessAlive(pid));
+    std::string log = ReadFile(c.Path("chassisd.log"));
+    EXPECT_NE(log.find("did not stop within 300 ms; sending SIGKILL"), std::string::npos) << log;
+    EXPECT_NE(log.find("stopped: killed by signal 9"), std::string::npos) << log;
+    EXPECT_TRUE(FileContains(c.Path("board0/fake.log"), "stop value 3"));
+}
+
 TEST(Chassis, DaemonThatNeverReportsUpMakesStartFailAfterTheDeadline)
 {
     Chassis c;

@@ -194,7 +194,8 @@ TEST_F(ChassisPlatform, KernelCommandsBuildTheBoardsBundleTable)
     EXPECT_NE(CIOCTL(0x1234u, 0x7c0002, 36, &b, 0, 0, 0), 0u);
     EXPECT_NE(CIOCTL(0xFFFF8000u, 0x7c0009, 8, add1, 0, 0, 0), 0u);
     EXPECT_NE(CIOCTL(0xFFFF8000u, 0x7c0002, 35, &b, 0, 0, 0), 0u);
-    EXPECT_NE(CIOCTL(0xFFFF8000u, 0x7c0003, 12, add1, 0, 0, 0), 0u);
+    u32 tooLong[3] = {0x1000, 0x100, 0};
+    EXPECT_NE(CIOCTL(0xFFFF8000u, 0x7c0003, 12, tooLong, 0, 0, 0), 0u);
 
     Json k = c.CtlJson({"dump", "ktbdl", "--board", "0"});
     ASSERT_EQ(k["bundles"].size(), 1u) << k.dump();

@@ -2,7 +2,8 @@
  * emulated platform library and behaves like a board daemon towards
  * chassisd, with knobs (environment) to misbehave:
  *   FAKE_TBDLD_EXIT=N   exit with status N at once, before reporting status;
- *   FAKE_TBDLD_NO_STATUS=1  never report status 2.
+ *   FAKE_TBDLD_NO_STATUS=1  never report status 2;
+ *   FAKE_TBDLD_IGNORE_STOP=1  note the stop signal but keep running.
  * It joins the HA service, answers every HA event; on event 1 (batch
  * backup) it first sends one HA message "batch-from-<board>" to the peer.
  * It stops on SIGRTMIN + 1. What it sees goes to DIR/board<N>/fake.log, one
@@ -99,7 +100,9 @@ int main()
             signalfd_siginfo si{};
             if (read(sfd, &si, sizeof(si)) == static_cast<ssize_t>(sizeof(si))) {
                 Note("stop value " + std::to_string(si.ssi_int));
-                break;
+                if (std::getenv("FAKE_TBDLD_IGNORE_STOP") == nullptr) {
+                    break;
+                }
             }
         } else {
             HA_Dispatch(got.events, got.data.u64);

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 
 #include <gtest/gtest.h>
@@ -82,6 +83,42 @@ TEST_F(ChassisDaemon, KilledDaemonRestartsWithCauseRestartAndRecoversItsBundles)
     k = c.CtlJson({"dump", "ktbdl", "--board", "0"});
     ASSERT_EQ(k["bundles"].size(), 1u);
     EXPECT_EQ(k["bundles"][0]["members"].size(), 1u) << k.dump();
+}
+
+TEST_F(ChassisDaemon, StandbyKernelTableFollowsTheMasterAlsoAfterAReboot)
+{
+    ASSERT_EQ(c.Start({"--boards", "0,1"}).status, 0);
+    ASSERT_EQ(c.Ctl({"if", "add", "Tunnel5", "--mode", "0"}).status, 0);
+    ASSERT_EQ(c.Ctl({"if", "add", "Tunnel6", "--mode", "0", "--state", "down"}).status, 0);
+    Tbdl({"bundle", "create", "3", "--mode", "loadbalancing"});
+    Tbdl({"member", "add", "3", "--tunnel", "5"});
+    Tbdl({"member", "add", "3", "--tunnel", "6"});
+    Tbdl({"bundle", "address", "3", "10.9.9.9"});
+    Tbdl({"bundle", "create", "4", "--mode", "loadbalancing"});
+
+    /* Members as a set: the order they reached each kernel may differ. */
+    auto bundles = [&](int board) {
+        Json b = c.CtlJson({"dump", "ktbdl", "--board", std::to_string(board)})["bundles"];
+        for (Json &e : b) {
+            std::vector<uint32_t> m = e["members"].get<std::vector<uint32_t>>();
+            std::sort(m.begin(), m.end());
+            e["members"] = m;
+        }
+        return b;
+    };
+    Json master = bundles(0);
+    ASSERT_EQ(master.size(), 2u);
+    EXPECT_EQ(master[0]["address"], "10.9.9.9");
+    EXPECT_EQ(master[0]["members"].size(), 2u);
+    EXPECT_EQ(bundles(1), master) << "every kernel change reached the standby";
+
+    /* After a reboot both kernel tables start empty; the master recovers
+     * from the database and the standby is brought in step again. */
+    ASSERT_EQ(c.Ctl({"reboot"}).status, 0);
+    EXPECT_TRUE(WaitUntil([&] {
+        Json m = bundles(0), s = bundles(1);
+        return !m.empty() && m[0]["members"].size() == 2u && m == s;
+    })) << bundles(0).dump() << "\n" << bundles(1).dump();
 }
 
 TEST_F(ChassisDaemon, DatabaseThatCannotBeOpenedFailsTheStart)

@@ -1,0 +1,10 @@
+#!/bin/sh
+# Builds a Release tree of the daemon, the chassis and the tools, and runs
+# the configuration benchmark once. Arguments go to bench_config
+# (--pairs N, --echo N, --bundles N, --members N, --keep).
+set -eu
+here=$(cd "$(dirname "$0")/.." && pwd)
+build=${TBDL_BENCH_BUILD:-$here/build-bench}
+cmake -S "$here" -B "$build" -DCMAKE_BUILD_TYPE=Release -DTBDL_BUILD_TESTS=OFF -DTBDL_BUILD_BENCH=ON >/dev/null
+cmake --build "$build" --target bench_config tbdld chassisd chassisctl -j2
+exec "$build/bench/bench_config" --bin-dir "$build" "$@"

@@ -150,7 +150,10 @@ u32 tbdl_cfg_Accept(u32 uiEvents, u64 ulData)
 
     u8 aucPeer[TBDL_CFG_PEER_ADDR_LEN];
     socklen_t uiPeerLen = sizeof(aucPeer);
-    int iConn = accept((int)ulData, (struct sockaddr *)aucPeer, &uiPeerLen);
+    /* Connections are non-blocking: a peer that sends requests and never
+     * reads its replies fills its receive queue, and a reply that cannot be
+     * queued is then logged as not sent instead of stopping the loop. */
+    int iConn = accept4((int)ulData, (struct sockaddr *)aucPeer, &uiPeerLen, SOCK_NONBLOCK);
     if (iConn < 0) {
         return TBDL_E_FAILED;
     }

@@ -216,6 +216,30 @@ TEST_F(CfgServer, RequestFollowedByCloseIsHandledAndTheFailedReplyLogged)
     EXPECT_STREQ(g_apcTbdlErrStr[0], "Failed to send configuration response message.\r\n");
 }
 
+TEST_F(CfgServer, PeerThatNeverReadsDoesNotStopTheLoop)
+{
+    ASSERT_EQ(TBDL_CFG_Activate(), 0u);
+    int fd = Client();
+    /* Far more replies than a connection queues: once the peer's queue is
+     * full the replies are dropped with an ERROR, every request is still
+     * handled, and the loop keeps serving other connections. */
+    const Bytes showDebug = Request(1, 1, 0);
+    const uint32_t kRequests = 2000;
+    for (uint32_t i = 0; i < kRequests; i++) {
+        ASSERT_TRUE(Send(fd, showDebug));
+        ASSERT_TRUE(PumpUntil(m_epfd, [&] { return Unread(fd) == 0; }));
+    }
+    ASSERT_GT(g_stTbdlLogVar.uiErrTotal, 0u);
+    EXPECT_STREQ(g_apcTbdlErrStr[0], "Failed to send display response message.\r\n");
+    int other = Client();
+    EXPECT_EQ(Exchange(other, BndCreate(7)).result, 0u);
+    uint32_t queued = 0;
+    while (TryRecv(fd)) {
+        queued++;
+    }
+    EXPECT_EQ(queued + g_stTbdlLogVar.uiErrTotal, kRequests);
+}
+
 struct EventCase {
     const char *what;
     u32 events;

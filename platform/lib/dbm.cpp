@@ -7,7 +7,12 @@
  * record maximum and flags of DBM_Open; count, kind and order of a sort
  * word; the insert flag; the batch callbacks' extra arguments) have no
  * meaning here: lists are always ascending by sort word, compared as
- * stored. */
+ * stored.
+ *
+ * Every call but DBM_FreeIterator can be made to fail with chassisctl fail:
+ * it then does nothing and returns the planned value, or else its own
+ * failure value (kDbmErrStore; DBM_Open kDbmErrOpen; DBM_IsKeyExist and
+ * DBM_Len 0; DBM_BatchGetNextSortList -1). */
 #include "plat_dbm.h"
 
 #include <algorithm>
@@ -17,6 +22,7 @@
 #include <mutex>
 
 #include "chassis_env.h"
+#include "chassis_link.h"
 #include "dbm_store.h"
 #include "journal.h"
 #include "lib_log.h"
@@ -29,6 +35,7 @@ using tbdl::plat::DbmStore;
 using tbdl::plat::HexOf;
 using tbdl::plat::JournalEnabled;
 using tbdl::plat::JournalRecord;
+using tbdl::plat::link::Fails;
 
 /* Result codes of the DBM calls. */
 constexpr u32 kDbmErrHandle = 1;     /* no such open handle */
@@ -59,6 +66,18 @@ HandleTable &Handles()
 {
     static HandleTable *table = new HandleTable();
     return *table;
+}
+
+/* true when a planned failure hits pcCall now; uiRet then holds the planned
+ * value, or uiFail when none was given. */
+bool PlannedFailure(const char *pcCall, u32 uiFail, u32 &uiRet)
+{
+    int64_t lValue = uiFail;
+    if (!Fails(pcCall, &lValue)) {
+        return false;
+    }
+    uiRet = static_cast<u32>(lValue);
+    return true;
 }
 
 /* Runs fn(store) under the table lock; kDbmErrHandle for an unknown handle. */
@@ -122,7 +141,10 @@ extern "C" u32 DBM_Open(const char *pcName, const char *pcOwner, u32 uiType, con
     std::string strErr;
     u32 uiRet = kDbmErrOpen;
     u64 ulHandle = DBM_HANDLE_NONE;
-    if (strName.empty() || pulHandle == nullptr) {
+    bool bPlanned = PlannedFailure("DBM_Open", kDbmErrOpen, uiRet);
+    if (bPlanned) {
+        /* *pulHandle stays as it was */
+    } else if (strName.empty() || pulHandle == nullptr) {
         strErr = "no database name or handle";
         uiRet = kDbmErrParam;
     } else if (!stEnv.inChassis) {
@@ -139,7 +161,7 @@ extern "C" u32 DBM_Open(const char *pcName, const char *pcOwner, u32 uiType, con
             uiRet = 0;
         }
     }
-    if (uiRet != 0) {
+    if (uiRet != 0 && !bPlanned) {
         tbdl::plat::LibLogError("DBM_Open: cannot open database %s: %s", strName.c_str(), strErr.c_str());
     }
     if (JournalEnabled()) {
@@ -150,7 +172,7 @@ extern "C" u32 DBM_Open(const char *pcName, const char *pcOwner, u32 uiType, con
                        {"param", pauiParam != nullptr ? HexOf(pauiParam, 8 * sizeof(u32)) : ""},
                        {"rec_max", uiRecMax},
                        {"flag", iFlag},
-                       {"handle", uiRet == 0 ? nlohmann::json(ulHandle) : nlohmann::json()}},
+                       {"handle", ulHandle != DBM_HANDLE_NONE ? nlohmann::json(ulHandle) : nlohmann::json()}},
                       uiRet);
     }
     return uiRet;
@@ -160,7 +182,7 @@ extern "C" u32 DBM_Close(u64 ulHandle)
 {
     u32 uiRet = kDbmErrHandle;
     std::unique_ptr<DbmStore> store;
-    {
+    if (!PlannedFailure("DBM_Close", kDbmErrStore, uiRet)) {
         HandleTable &t = Handles();
         std::lock_guard<std::mutex> lock(t.mutex);
         auto it = t.stores.find(ulHandle);
@@ -180,10 +202,14 @@ extern "C" u32 DBM_Close(u64 ulHandle)
 extern "C" u32 DBM_IsKeyExist(u64 ulHandle, const void *pvKey, u32 uiKeyLen)
 {
     bool bExists = false;
-    if (KeyOk(pvKey, uiKeyLen)) {
-        (void)WithStore(ulHandle, [&](DbmStore &s) { return CodeOf(s, s.KeyExists(Bytes(pvKey, uiKeyLen), bExists)); });
+    u32 uiRet = 0;
+    if (!PlannedFailure("DBM_IsKeyExist", 0, uiRet)) {
+        if (KeyOk(pvKey, uiKeyLen)) {
+            (void)WithStore(ulHandle,
+                            [&](DbmStore &s) { return CodeOf(s, s.KeyExists(Bytes(pvKey, uiKeyLen), bExists)); });
+        }
+        uiRet = bExists ? 1 : 0;
     }
-    u32 uiRet = bExists ? 1 : 0;
     JournalKeyCall("DBM_IsKeyExist", ulHandle, pvKey, uiKeyLen, {}, uiRet);
     return uiRet;
 }
@@ -192,7 +218,9 @@ extern "C" u32 DBM_SetSortWord(u64 ulHandle, const void *pvKey, u32 uiKeyLen, u3
                                u32 uiKind, u32 uiOrder)
 {
     u32 uiRet = kDbmErrParam;
-    if (KeyOk(pvKey, uiKeyLen) && uiLen >= 1 && uiLen <= kMaxRecLen && uiOffset <= kMaxRecLen - uiLen) {
+    if (PlannedFailure("DBM_SetSortWord", kDbmErrStore, uiRet)) {
+        /* nothing set */
+    } else if (KeyOk(pvKey, uiKeyLen) && uiLen >= 1 && uiLen <= kMaxRecLen && uiOffset <= kMaxRecLen - uiLen) {
         uiRet = WithStore(ulHandle,
                           [&](DbmStore &s) { return CodeOf(s, s.SetSortWord(Bytes(pvKey, uiKeyLen), uiOffset, uiLen)); });
     }
@@ -206,7 +234,9 @@ extern "C" u32 DBM_InsertSortList(u64 ulHandle, const void *pvKey, u32 uiKeyLen,
                                   u32 uiFlag)
 {
     u32 uiRet = kDbmErrParam;
-    if (KeyOk(pvKey, uiKeyLen) && pvRec != nullptr && uiRecLen >= 1 && uiRecLen <= kMaxRecLen) {
+    if (PlannedFailure("DBM_InsertSortList", kDbmErrStore, uiRet)) {
+        /* nothing stored */
+    } else if (KeyOk(pvKey, uiKeyLen) && pvRec != nullptr && uiRecLen >= 1 && uiRecLen <= kMaxRecLen) {
         uiRet = WithStore(ulHandle, [&](DbmStore &s) {
             return CodeOf(s, s.Insert(Bytes(pvKey, uiKeyLen), Bytes(pvRec, uiRecLen)));
         });
@@ -219,7 +249,9 @@ extern "C" u32 DBM_InsertSortList(u64 ulHandle, const void *pvKey, u32 uiKeyLen,
 extern "C" u32 DBM_RemoveSortList(u64 ulHandle, const void *pvKey, u32 uiKeyLen, u32 uiRecLen, const void *pvRec)
 {
     u32 uiRet = kDbmErrParam;
-    if (KeyOk(pvKey, uiKeyLen) && pvRec != nullptr && uiRecLen >= 1 && uiRecLen <= kMaxRecLen) {
+    if (PlannedFailure("DBM_RemoveSortList", kDbmErrStore, uiRet)) {
+        /* nothing removed */
+    } else if (KeyOk(pvKey, uiKeyLen) && pvRec != nullptr && uiRecLen >= 1 && uiRecLen <= kMaxRecLen) {
         uiRet = WithStore(ulHandle, [&](DbmStore &s) {
             return CodeOf(s, s.Remove(Bytes(pvKey, uiKeyLen), Bytes(pvRec, uiRecLen)));
         });
@@ -232,7 +264,9 @@ extern "C" u32 DBM_RemoveSortList(u64 ulHandle, const void *pvKey, u32 uiKeyLen,
 extern "C" u32 DBM_Len(u64 ulHandle, const void *pvKey, u32 uiKeyLen)
 {
     u32 uiCount = 0;
-    if (KeyOk(pvKey, uiKeyLen)) {
+    if (PlannedFailure("DBM_Len", 0, uiCount)) {
+        /* the planned count */
+    } else if (KeyOk(pvKey, uiKeyLen)) {
         (void)WithStore(ulHandle, [&](DbmStore &s) { return CodeOf(s, s.Count(Bytes(pvKey, uiKeyLen), uiCount)); });
     }
     JournalKeyCall("DBM_Len", ulHandle, pvKey, uiKeyLen, {}, uiCount);
@@ -242,7 +276,9 @@ extern "C" u32 DBM_Len(u64 ulHandle, const void *pvKey, u32 uiKeyLen)
 extern "C" u32 DBM_DeleteKey(u64 ulHandle, const void *pvKey, u32 uiKeyLen)
 {
     u32 uiRet = kDbmErrParam;
-    if (KeyOk(pvKey, uiKeyLen)) {
+    if (PlannedFailure("DBM_DeleteKey", kDbmErrStore, uiRet)) {
+        /* nothing deleted */
+    } else if (KeyOk(pvKey, uiKeyLen)) {
         uiRet = WithStore(ulHandle, [&](DbmStore &s) { return CodeOf(s, s.DeleteKey(Bytes(pvKey, uiKeyLen))); });
     }
     JournalKeyCall("DBM_DeleteKey", ulHandle, pvKey, uiKeyLen, {}, uiRet);
@@ -251,17 +287,21 @@ extern "C" u32 DBM_DeleteKey(u64 ulHandle, const void *pvKey, u32 uiKeyLen)
 
 extern "C" u32 DBM_Sync(void)
 {
+    u32 uiRet = 0;
+    (void)PlannedFailure("DBM_Sync", kDbmErrStore, uiRet);
     if (JournalEnabled()) {
-        JournalRecord("DBM_Sync", nlohmann::json::object(), 0);
+        JournalRecord("DBM_Sync", nlohmann::json::object(), uiRet);
     }
-    return 0;
+    return uiRet;
 }
 
 extern "C" u32 DBM_Batch_Proc(u64 ulHandle, i32 iScope, const DBM_BATCH_ROW_S *pstRows, u32 uiRowCount)
 {
     u32 uiRet = 0;
     nlohmann::json walked = nlohmann::json::array();
-    if (iScope != -1 || (pstRows == nullptr && uiRowCount != 0)) {
+    if (PlannedFailure("DBM_Batch_Proc", kDbmErrStore, uiRet)) {
+        uiRowCount = 0; /* no row is walked */
+    } else if (iScope != -1 || (pstRows == nullptr && uiRowCount != 0)) {
         uiRet = kDbmErrParam;
     }
     for (u32 i = 0; uiRet == 0 && i < uiRowCount; ++i) {
@@ -290,6 +330,14 @@ extern "C" u32 DBM_Batch_Proc(u64 ulHandle, i32 iScope, const DBM_BATCH_ROW_S *p
 extern "C" i32 DBM_BatchGetNextSortList(u64 ulHandle, const void *pvKey, u32 uiKeyLen, void **ppvIter, u32 uiArg1,
                                         u32 uiArg2, u32 uiRecLen, u32 uiMaxRec, void *pvBuf)
 {
+    int64_t lValue = -1;
+    if (Fails("DBM_BatchGetNextSortList", &lValue)) {
+        /* the iterator, if any, is neither made nor moved */
+        JournalKeyCall("DBM_BatchGetNextSortList", ulHandle, pvKey, uiKeyLen,
+                       {{"arg1", uiArg1}, {"arg2", uiArg2}, {"rec_len", uiRecLen}, {"max_rec", uiMaxRec}},
+                       static_cast<i32>(lValue));
+        return static_cast<i32>(lValue);
+    }
     i32 iRet = -1;
     std::vector<DbmRecord> recs;
     bool bArgsOk = KeyOk(pvKey, uiKeyLen) && ppvIter != nullptr && pvBuf != nullptr && uiRecLen >= 1 &&

@@ -1,12 +1,17 @@
 /* Per-interface private data: an in-process store of one pointer per
  * interface index in each instance, kept in ascending index order so that
  * a walk can go on from any index, even one whose entry was just deleted.
- * Used from the daemon's one thread only. */
+ * Used from the daemon's one thread only.
+ *
+ * Each call can be made to fail with chassisctl fail: it then changes
+ * nothing, leaves its outputs alone and returns the planned value, or else
+ * 1 (IF_CreatePDInstance: IF_PD_INSTANCE_NONE). */
 #include "plat_if.h"
 
 #include <map>
 #include <memory>
 
+#include "chassis_link.h"
 #include "journal.h"
 
 namespace {
@@ -14,6 +19,7 @@ namespace {
 using tbdl::plat::JournalEnabled;
 using tbdl::plat::JournalRecord;
 using tbdl::plat::PtrOf;
+using tbdl::plat::link::Fails;
 
 using PdMap = std::map<u32, void *>;
 
@@ -34,6 +40,18 @@ PdMap *FindInstance(u64 ulInstance)
     return it == Store().instances.end() ? nullptr : &it->second;
 }
 
+/* true when a planned failure hits pcCall now; uiRet then holds the planned
+ * value, or 1 when none was given. */
+bool PlannedFailure(const char *pcCall, u32 &uiRet)
+{
+    int64_t lValue = 1;
+    if (!Fails(pcCall, &lValue)) {
+        return false;
+    }
+    uiRet = static_cast<u32>(lValue);
+    return true;
+}
+
 /* Sets the out-parameters from an entry; 0 when there is one. */
 u32 Yield(PdMap::const_iterator it, const PdMap &map, u32 *puiIfIndex, void **ppvData)
 {
@@ -45,14 +63,18 @@ u32 Yield(PdMap::const_iterator it, const PdMap &map, u32 *puiIfIndex, void **pp
     return 0;
 }
 
-void JournalWalk(const char *pcCall, u64 ulInstance, u32 uiFrom, u32 uiRet, u32 *puiIfIndex, void **ppvData)
+/* bFilled: the call wrote the out-parameters (a planned result of 0 does
+ * not). */
+void JournalWalk(const char *pcCall, u64 ulInstance, u32 uiFrom, u32 uiRet, bool bFilled, u32 *puiIfIndex,
+                 void **ppvData)
 {
     if (JournalEnabled()) {
+        bFilled = bFilled && uiRet == 0;
         JournalRecord(pcCall,
                       {{"instance", ulInstance},
                        {"from", uiFrom},
-                       {"ifindex", uiRet == 0 ? nlohmann::json(*puiIfIndex) : nlohmann::json()},
-                       {"data", uiRet == 0 ? PtrOf(*ppvData) : ""}},
+                       {"ifindex", bFilled ? nlohmann::json(*puiIfIndex) : nlohmann::json()},
+                       {"data", bFilled ? PtrOf(*ppvData) : ""}},
                       uiRet);
     }
 }
@@ -61,9 +83,15 @@ void JournalWalk(const char *pcCall, u64 ulInstance, u32 uiFrom, u32 uiRet, u32 
 
 extern "C" u64 IF_CreatePDInstance(u32 uiKind, u32 uiFlags, u64 ulArg1, u32 uiArg2)
 {
-    PdStore &store = Store();
-    u64 ulInstance = store.ulNextInstance++;
-    store.instances.emplace(ulInstance, PdMap());
+    int64_t lValue = static_cast<int64_t>(IF_PD_INSTANCE_NONE);
+    u64 ulInstance;
+    if (Fails("IF_CreatePDInstance", &lValue)) {
+        ulInstance = static_cast<u64>(lValue);
+    } else {
+        PdStore &store = Store();
+        ulInstance = store.ulNextInstance++;
+        store.instances.emplace(ulInstance, PdMap());
+    }
     if (JournalEnabled()) {
         JournalRecord("IF_CreatePDInstance", {{"kind", uiKind}, {"flags", uiFlags}, {"arg1", ulArg1}, {"arg2", uiArg2}},
                       ulInstance);
@@ -73,9 +101,12 @@ extern "C" u64 IF_CreatePDInstance(u32 uiKind, u32 uiFlags, u64 ulArg1, u32 uiAr
 
 extern "C" u32 IF_DestroyPDInstance(u64 ulInstance, IF_PD_FREE_PF pfnFree)
 {
-    auto it = Store().instances.find(ulInstance);
     u32 uiRet = 1;
     size_t ulFreed = 0;
+    auto it = Store().instances.end();
+    if (!PlannedFailure("IF_DestroyPDInstance", uiRet)) {
+        it = Store().instances.find(ulInstance);
+    }
     if (it != Store().instances.end()) {
         /* Take the entries out first: a free callback may call the store. */
         PdMap entries = std::move(it->second);
@@ -96,8 +127,8 @@ extern "C" u32 IF_DestroyPDInstance(u64 ulInstance, IF_PD_FREE_PF pfnFree)
 
 extern "C" u32 IF_GetPrivateData(u64 ulInstance, u32 uiIfIndex, void **ppvData)
 {
-    PdMap *pMap = FindInstance(ulInstance);
     u32 uiRet = 1;
+    PdMap *pMap = PlannedFailure("IF_GetPrivateData", uiRet) ? nullptr : FindInstance(ulInstance);
     if (pMap != nullptr && ppvData != nullptr) {
         auto it = pMap->find(uiIfIndex);
         if (it != pMap->end()) {
@@ -107,7 +138,9 @@ extern "C" u32 IF_GetPrivateData(u64 ulInstance, u32 uiIfIndex, void **ppvData)
     }
     if (JournalEnabled()) {
         JournalRecord("IF_GetPrivateData",
-                      {{"instance", ulInstance}, {"ifindex", uiIfIndex}, {"data", uiRet == 0 ? PtrOf(*ppvData) : ""}},
+                      {{"instance", ulInstance},
+                       {"ifindex", uiIfIndex},
+                       {"data", uiRet == 0 && pMap != nullptr ? PtrOf(*ppvData) : ""}},
                       uiRet);
     }
     return uiRet;
@@ -115,8 +148,8 @@ extern "C" u32 IF_GetPrivateData(u64 ulInstance, u32 uiIfIndex, void **ppvData)
 
 extern "C" u32 IF_SetPrivateData(u64 ulInstance, u32 uiIfIndex, void *pvData)
 {
-    PdMap *pMap = FindInstance(ulInstance);
     u32 uiRet = 1;
+    PdMap *pMap = PlannedFailure("IF_SetPrivateData", uiRet) ? nullptr : FindInstance(ulInstance);
     if (pMap != nullptr && pvData != nullptr && pMap->emplace(uiIfIndex, pvData).second) {
         uiRet = 0;
     }
@@ -129,8 +162,8 @@ extern "C" u32 IF_SetPrivateData(u64 ulInstance, u32 uiIfIndex, void *pvData)
 
 extern "C" u32 IF_DelPrivateData(u64 ulInstance, u32 uiIfIndex, IF_PD_FREE_PF pfnFree)
 {
-    PdMap *pMap = FindInstance(ulInstance);
     u32 uiRet = 1;
+    PdMap *pMap = PlannedFailure("IF_DelPrivateData", uiRet) ? nullptr : FindInstance(ulInstance);
     void *pvData = nullptr;
     if (pMap != nullptr) {
         auto it = pMap->find(uiIfIndex);
@@ -152,25 +185,25 @@ extern "C" u32 IF_DelPrivateData(u64 ulInstance, u32 uiIfIndex, IF_PD_FREE_PF pf
 
 extern "C" u32 IF_GetFirstPrivateData(u64 ulInstance, u32 *puiIfIndex, void **ppvData)
 {
-    PdMap *pMap = FindInstance(ulInstance);
     u32 uiRet = 1;
+    PdMap *pMap = PlannedFailure("IF_GetFirstPrivateData", uiRet) ? nullptr : FindInstance(ulInstance);
     if (pMap != nullptr && puiIfIndex != nullptr && ppvData != nullptr) {
         uiRet = Yield(pMap->begin(), *pMap, puiIfIndex, ppvData);
     }
-    JournalWalk("IF_GetFirstPrivateData", ulInstance, 0, uiRet, puiIfIndex, ppvData);
+    JournalWalk("IF_GetFirstPrivateData", ulInstance, 0, uiRet, pMap != nullptr, puiIfIndex, ppvData);
     return uiRet;
 }
 
 extern "C" u32 IF_GetNextPrivateData(u64 ulInstance, u32 *puiIfIndex, void **ppvData)
 {
-    PdMap *pMap = FindInstance(ulInstance);
     u32 uiRet = 1;
+    PdMap *pMap = PlannedFailure("IF_GetNextPrivateData", uiRet) ? nullptr : FindInstance(ulInstance);
     u32 uiFrom = puiIfIndex != nullptr ? *puiIfIndex : 0;
     if (pMap != nullptr && puiIfIndex != nullptr && ppvData != nullptr) {
         /* The first entry above the last index, whether or not that one is
          * still stored. */
         uiRet = Yield(pMap->upper_bound(uiFrom), *pMap, puiIfIndex, ppvData);
     }
-    JournalWalk("IF_GetNextPrivateData", ulInstance, uiFrom, uiRet, puiIfIndex, ppvData);
+    JournalWalk("IF_GetNextPrivateData", ulInstance, uiFrom, uiRet, pMap != nullptr, puiIfIndex, ppvData);
     return uiRet;
 }

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "chassis_env.h"
+#include "chassis_link.h"
 #include "journal.h"
 #include "lib_log.h"
 
@@ -12,7 +13,11 @@ extern "C" u32 IF_GetDataByIfType(u32 uiIfType, u32 uiDataType, void *pvOut)
 {
     u32 uiRet = 1;
     u32 uiValue = 0;
-    if (uiIfType == IF_TYPE_TUNNEL_BUNDLE && uiDataType == IF_DATA_MAX_COUNT && pvOut != nullptr) {
+    int64_t lValue = 1;
+    bool bPlanned = tbdl::plat::link::Fails("IF_GetDataByIfType", &lValue);
+    if (bPlanned) {
+        uiRet = static_cast<u32>(lValue); /* the output is left alone */
+    } else if (uiIfType == IF_TYPE_TUNNEL_BUNDLE && uiDataType == IF_DATA_MAX_COUNT && pvOut != nullptr) {
         tbdl::plat::ChassisSettings stSettings;
         std::string strErr;
         if (tbdl::plat::LoadChassisSettings(stSettings, strErr)) {
@@ -26,7 +31,7 @@ extern "C" u32 IF_GetDataByIfType(u32 uiIfType, u32 uiDataType, void *pvOut)
     if (tbdl::plat::JournalEnabled()) {
         tbdl::plat::JournalRecord("IF_GetDataByIfType",
                                   {{"if_type", uiIfType}, {"data_type", uiDataType},
-                                   {"value", uiRet == 0 ? nlohmann::json(uiValue) : nlohmann::json()}},
+                                   {"value", uiRet == 0 && !bPlanned ? nlohmann::json(uiValue) : nlohmann::json()}},
                                   uiRet);
     }
     return uiRet;

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "chassis_env.h"
+#include "chassis_link.h"
 #include "journal.h"
 #include "lib_log.h"
 
@@ -13,7 +14,11 @@ extern "C" u32 LFIB_GetInfo(void *pvInfo)
     tbdl::plat::ChassisSettings stSettings;
     std::string strErr;
     u32 uiRet = 1;
-    if (pvInfo == nullptr) {
+    int64_t lValue = 1;
+    bool bPlanned = tbdl::plat::link::Fails("LFIB_GetInfo", &lValue);
+    if (bPlanned) {
+        uiRet = static_cast<u32>(lValue); /* the record is left alone */
+    } else if (pvInfo == nullptr) {
         strErr = "no record";
     } else if (tbdl::plat::LoadChassisSettings(stSettings, strErr)) {
         auto *pucInfo = static_cast<u8 *>(pvInfo);
@@ -21,11 +26,12 @@ extern "C" u32 LFIB_GetInfo(void *pvInfo)
         pucInfo[LFIB_INFO_MAX_MEMB_OFFSET] = static_cast<u8>(stSettings.memberLimit);
         uiRet = 0;
     }
-    if (uiRet != 0) {
+    if (uiRet != 0 && !bPlanned) {
         tbdl::plat::LibLogError("LFIB_GetInfo: %s", strErr.c_str());
     }
     if (tbdl::plat::JournalEnabled()) {
-        tbdl::plat::JournalRecord("LFIB_GetInfo", {{"info", uiRet == 0 ? tbdl::plat::HexOf(pvInfo, LFIB_INFO_LEN) : ""}},
+        bool bFilled = uiRet == 0 && !bPlanned;
+        tbdl::plat::JournalRecord("LFIB_GetInfo", {{"info", bFilled ? tbdl::plat::HexOf(pvInfo, LFIB_INFO_LEN) : ""}},
                                   uiRet);
     }
     return uiRet;

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "chassis_env.h"
+#include "chassis_link.h"
 #include "journal.h"
 
 extern "C" u32 LIPC_GetHostPath(u16 usPort, char *pcPath, u32 uiLen)
@@ -14,7 +15,10 @@ extern "C" u32 LIPC_GetHostPath(u16 usPort, char *pcPath, u32 uiLen)
     const tbdl::plat::ChassisEnv &stEnv = tbdl::plat::GetChassisEnv();
     std::string strPath;
     u32 uiRet = 1;
-    if (stEnv.inChassis) {
+    int64_t lValue = 1;
+    if (tbdl::plat::link::Fails("LIPC_GetHostPath", &lValue)) {
+        uiRet = static_cast<u32>(lValue); /* the buffer is left alone */
+    } else if (stEnv.inChassis) {
         strPath = tbdl::plat::LipcPathOf(stEnv.dir, stEnv.board, usPort);
         /* The path must fit both the caller's buffer and a socket address. */
         if (pcPath != nullptr && strPath.size() < uiLen && strPath.size() < sizeof(sockaddr_un::sun_path)) {

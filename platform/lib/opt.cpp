@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "chassis_env.h"
+#include "chassis_link.h"
 #include "journal.h"
 #include "lib_log.h"
 
@@ -66,7 +67,10 @@ extern "C" u32 TBDL_Opt_Parse(u64 ulRowCount, TBDL_OPT_ROW_S *pstRows)
     std::string strErr;
     u32 uiRet = 0;
     nlohmann::json rows = nlohmann::json::array();
-    if (!tbdl::plat::LoadChassisSettings(stSettings, strErr)) {
+    int64_t lValue = 1;
+    if (tbdl::plat::link::Fails("TBDL_Opt_Parse", &lValue)) {
+        uiRet = static_cast<u32>(lValue); /* no row is filled */
+    } else if (!tbdl::plat::LoadChassisSettings(stSettings, strErr)) {
         tbdl::plat::LibLogError("TBDL_Opt_Parse: %s", strErr.c_str());
         uiRet = 1;
     } else if (pstRows == nullptr && ulRowCount != 0) {

@@ -1,15 +1,18 @@
 /* The emulated platform library against a running chassisd, called from
  * this test process as if it were a board's daemon: interfaces, bundle
  * indexes, VRF bindings, tunnel modes, the kernel bundle table, planned
- * failures, the HA channel, LSM, the journal, and a missing chassis. */
+ * failures (also of the locally served calls, and under the real daemon),
+ * the HA channel, LSM, the journal, and a missing chassis. */
 #include <poll.h>
 #include <stdlib.h>
 #include <sys/epoll.h>
 
 #include <cstring>
+#include <functional>
 
 #include <gtest/gtest.h>
 
+#include "cfg_checks.h"
 #include "chassis_env.h"
 #include "chassis_harness.h"
 #include "journal.h"
@@ -253,6 +256,125 @@ TEST_F(ChassisPlatform, PlannedFailuresHitTheNamedCallOnTheNamedBoard)
     ProcRun bad = c.Ctl({"fail", "CIOCTL", "--board", "4"});
     EXPECT_NE(bad.status, 0);
     EXPECT_NE(bad.err.find("board 4"), std::string::npos);
+}
+
+TEST_F(ChassisPlatform, PlannedDatabaseFailuresFailOnceThenTheCallWorks)
+{
+    StartChassis();
+    const u32 param[8] = {};
+    u64 handle = 77;
+    Ctl({"fail", "DBM_Open"});
+    EXPECT_NE(DBM_Open("eTEST", "TEST", 7, param, &handle, 32, -1), 0u);
+    EXPECT_EQ(handle, 77u) << "a failed open leaves the handle alone";
+    ASSERT_EQ(DBM_Open("eTEST", "TEST", 7, param, &handle, 32, -1), 0u);
+
+    const u8 key[1] = {1};
+    u8 rec[32] = {};
+    rec[23] = 5;
+    ASSERT_EQ(DBM_SetSortWord(handle, key, 1, 1, 20, 4, 0, 0), 0u);
+    Ctl({"fail", "DBM_InsertSortList", "--board", "0"});
+    EXPECT_NE(DBM_InsertSortList(handle, key, 1, 32, rec, 0), 0u);
+    EXPECT_EQ(DBM_Len(handle, key, 1), 0u) << "a failed insert stores nothing";
+    EXPECT_EQ(DBM_InsertSortList(handle, key, 1, 32, rec, 0), 0u);
+    EXPECT_EQ(DBM_Len(handle, key, 1), 1u);
+
+    Ctl({"fail", "DBM_BatchGetNextSortList"});
+    void *iter = nullptr;
+    u8 buf[4 * 32];
+    EXPECT_EQ(DBM_BatchGetNextSortList(handle, key, 1, &iter, 0, 0, 32, 4, buf), -1);
+    EXPECT_EQ(iter, nullptr) << "no iterator is made by a failed read";
+    EXPECT_EQ(DBM_BatchGetNextSortList(handle, key, 1, &iter, 0, 0, 32, 4, buf), 1);
+    DBM_FreeIterator(iter);
+
+    Ctl({"fail", "DBM_RemoveSortList", "--result", "9"});
+    EXPECT_EQ(DBM_RemoveSortList(handle, key, 1, 32, rec), 9u);
+    EXPECT_EQ(DBM_Len(handle, key, 1), 1u) << "a failed removal removes nothing";
+    Json plan = c.CtlJson({"dump", "fail"});
+    ASSERT_EQ(plan["boards"][0]["calls"].size(), 4u);
+    for (const Json &call : plan["boards"][0]["calls"]) {
+        EXPECT_EQ(call["hits"], 1) << call;
+        EXPECT_EQ(call["left"], 0) << call;
+    }
+    EXPECT_EQ(DBM_Close(handle), 0u);
+}
+
+TEST_F(ChassisPlatform, PlannedFailuresOfLocalCallsLeaveTheOutputsAlone)
+{
+    StartChassis();
+    constexpr u32 kUntouched = 0xA5A5A5A5u;
+    u32 out = kUntouched;
+    u8 info[LFIB_INFO_LEN];
+    char path[108];
+    u8 dest = 0xA5;
+    TBDL_OPT_ROW_S row{"LoadBalancing", 0, &dest, 1};
+    u64 pd = IF_CreatePDInstance(0, 0, 0, 0);
+    ASSERT_NE(pd, IF_PD_INSTANCE_NONE);
+    int datum = 0;
+    ASSERT_EQ(IF_SetPrivateData(pd, 9, &datum), 0u);
+    void *got = nullptr;
+    struct Case {
+        const char *call;
+        uint64_t fail; /* the call's own failure value */
+        std::function<uint64_t()> run;
+        std::function<bool()> untouched;
+    };
+    const Case cases[] = {
+        {"IF_GetDataByIfType", 1, [&] { return IF_GetDataByIfType(96, 13, &out); },
+         [&] { return out == kUntouched; }},
+        {"LFIB_GetInfo", 1, [&] { return LFIB_GetInfo(info); }, [&] { return info[11] == 0xA5; }},
+        {"TBDL_Opt_Parse", 1, [&] { return TBDL_Opt_Parse(1, &row); }, [&] { return dest == 0xA5; }},
+        {"LIPC_GetHostPath", 1, [&] { return LIPC_GetHostPath(2681, path, sizeof(path)); },
+         [&] { return path[0] == 'x'; }},
+        {"IF_CreatePDInstance", IF_PD_INSTANCE_NONE, [&] { return IF_CreatePDInstance(0, 0, 0, 0); },
+         [] { return true; }},
+        {"IF_GetFirstPrivateData", 1, [&] { return IF_GetFirstPrivateData(pd, &out, &got); },
+         [&] { return out == kUntouched && got == nullptr; }},
+        {"IF_SetPrivateData", 1, [&] { return IF_SetPrivateData(pd, 10, &datum); },
+         [&] { return IF_GetPrivateData(pd, 10, &got) != 0; }},
+    };
+    for (const Case &tc : cases) {
+        SCOPED_TRACE(tc.call);
+        /* Once with the call's own failure value, once with a planned one. */
+        for (const std::vector<std::string> &extra : {std::vector<std::string>{}, {"--result", "9"}}) {
+            std::vector<std::string> args{"fail", tc.call};
+            args.insert(args.end(), extra.begin(), extra.end());
+            Ctl(args);
+            out = kUntouched;
+            std::memset(info, 0xA5, sizeof(info));
+            path[0] = 'x';
+            dest = 0xA5;
+            got = nullptr;
+            EXPECT_EQ(tc.run(), extra.empty() ? tc.fail : 9u);
+            EXPECT_TRUE(tc.untouched());
+        }
+        uint64_t ok = tc.run();
+        EXPECT_TRUE(tc.fail == IF_PD_INSTANCE_NONE ? ok != tc.fail : ok == 0) << "the plan is spent: " << ok;
+    }
+    EXPECT_EQ(IF_DestroyPDInstance(pd, nullptr), 0u);
+}
+
+TEST_F(ChassisPlatform, DaemonKeepsItsBundleWhenTheDatabaseWriteFails)
+{
+    namespace cfg = tbdl::cfgtest;
+    ASSERT_TRUE(cfg::StartWithDaemon(c));
+    tbdl::client::Outcome<tbdl::client::Client> client = cfg::Connect(c);
+    ASSERT_TRUE(client) << client.error();
+    ASSERT_TRUE(cfg::Answers(client->SetDebug(true, tbdl::client::kDebugError), 0));
+
+    Ctl({"fail", "DBM_InsertSortList", "--board", "0"});
+    EXPECT_TRUE(cfg::Exited(c.Tbdlctl({"bundle", "create", "5", "--mode", "loadbalancing"}), 0))
+        << "a failed database write does not fail the change";
+    EXPECT_TRUE(c.WaitFile("board0/tbdld.log", "Failed to save tunnel bundle interface (5) to DBM."));
+    EXPECT_TRUE(cfg::Exited(c.Tbdlctl({"bundle", "create", "6", "--mode", "1:1"}), 0));
+
+    auto shown = client->ShowBundle(5);
+    ASSERT_TRUE(shown) << shown.error();
+    EXPECT_EQ(shown->uiResult, 0u) << "bundle 5 stays in the table";
+    EXPECT_TRUE(cfg::KtbdlMatches(c, *client)) << "and reached the kernel";
+    std::optional<cfg::Stored> stored = cfg::ReadStored(c);
+    ASSERT_TRUE(stored);
+    EXPECT_EQ(stored->bundles.count(5), 0u) << "its write failed";
+    EXPECT_EQ(stored->bundles.count(6), 1u) << "the next write went through";
 }
 
 /* HA callbacks of this process. */

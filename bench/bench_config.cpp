@@ -417,12 +417,13 @@ int main(int argc, char **argv)
     }
     Clock::time_point s1 = Clock::now();
     for (std::uint32_t b = 0; b < opt.bundles; b++) {
+        const std::string where = "seeding bundle " + std::to_string(b);
         if (b != 0) {
-            Expect(client.CreateBundle(b, TBDL_MODE_LOADBALANCING, 0), TBDL_OK, "seed bundle");
+            Expect(client.CreateBundle(b, TBDL_MODE_LOADBALANCING, 0), TBDL_OK, where.c_str());
         }
         for (std::uint32_t m = 0; m < opt.members; m++) {
             const tc::MembOp memb{firstTnl + b * opt.members + m, static_cast<std::uint16_t>(m + 1), 0};
-            Expect(client.AddMember(b, memb), TBDL_OK, "seed member");
+            Expect(client.AddMember(b, memb), TBDL_OK, (where + ", member Tunnel" + std::to_string(memb.uiTnlNum)).c_str());
         }
     }
     Clock::time_point s2 = Clock::now();

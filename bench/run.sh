@@ -5,6 +5,6 @@
 set -eu
 here=$(cd "$(dirname "$0")/.." && pwd)
 build=${TBDL_BENCH_BUILD:-$here/build-bench}
-cmake -S "$here" -B "$build" -DCMAKE_BUILD_TYPE=Release -DTBDL_BUILD_TESTS=OFF -DTBDL_BUILD_BENCH=ON >/dev/null
+cmake -S "$here" -B "$build" -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS_RELEASE="-O2 -DNDEBUG" -DTBDL_BUILD_TESTS=OFF -DTBDL_BUILD_BENCH=ON >/dev/null
 cmake --build "$build" --target bench_config tbdld chassisd chassisctl -j2
 exec "$build/bench/bench_config" --bin-dir "$build" "$@"

@@ -47,9 +47,17 @@ struct Options {
     bool keep = false;
 };
 
+/* Stops the chassis and removes its directory; set once the chassis runs. */
+std::function<void()> g_cleanup;
+
 [[noreturn]] void Die(const std::string &why)
 {
     std::fprintf(stderr, "bench_config: %s\n", why.c_str());
+    if (g_cleanup) {
+        std::function<void()> cleanup = std::move(g_cleanup);
+        g_cleanup = nullptr;
+        cleanup();
+    }
     std::exit(1);
 }
 
@@ -374,12 +382,23 @@ int main(int argc, char **argv)
         Die("cannot make a directory");
     }
     const std::string dir = tmpl;
+    g_cleanup = [&dir] {
+        std::error_code ec;
+        std::filesystem::remove_all(dir, ec);
+    };
     std::printf("bench_config: build %s, chassis %s\n", opt.binDir.c_str(), dir.c_str());
 
     const double echoUs = EchoMedianMicros(dir, opt.echoTrips);
     std::printf("SOCK_SEQPACKET echo round trip, median of %d     : %8.1f us\n", opt.echoTrips, echoUs);
 
     Bench bench(opt, dir);
+    g_cleanup = [&bench, &opt, &dir] {
+        bench.Stop();
+        if (!opt.keep) {
+            std::error_code ec;
+            std::filesystem::remove_all(dir, ec);
+        }
+    };
     bench.Start();
     tc::Client client = bench.Connect();
     const pid_t pid0 = bench.DaemonPid();
@@ -476,10 +495,8 @@ int main(int argc, char **argv)
     std::printf("daemon VmRSS, table loaded                       : %8ld kB (+%ld kB, VmHWM %ld kB)\n", rssLoaded,
                 rssLoaded - rssEmpty, StatusKb(newPid, "VmHWM:"));
 
-    bench.Stop();
-    if (!opt.keep) {
-        std::error_code ec;
-        std::filesystem::remove_all(dir, ec);
-    }
+    std::function<void()> cleanup = std::move(g_cleanup);
+    g_cleanup = nullptr;
+    cleanup();
     return 0;
 }

@@ -27,8 +27,7 @@ inline std::string ReadFile(const std::string &path)
 
 inline void WriteFile(const std::string &path, const std::string &text)
 {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
 inline std::vector<std::string> Lines(const std::string &text)
@@ -41,7 +40,12 @@ inline std::vector<std::string> Lines(const std::string &text)
     return lines;
 }
 
-/* Variables a test may set; all are cleared before each chassis. */
+inline void SetOrUnset(const char *name, const char *value)
+{
+    (void)(value != nullptr ? setenv(name, value, 1) : unsetenv(name));
+}
+
+/* Variables a test may set; the others are cleared for each chassis. */
 struct EnvVars {
     int board = 0;
     const char *startCause = nullptr;
@@ -57,18 +61,10 @@ public:
         char tmpl[] = "/tmp/tbdl-plat-XXXXXX";
         dir_ = mkdtemp(tmpl);
         std::filesystem::create_directories(tbdl::plat::BoardDirOf(dir_, vars.board));
-        setenv(tbdl::plat::kEnvChassisDir, dir_.c_str(), 1);
-        setenv(tbdl::plat::kEnvBoard, std::to_string(vars.board).c_str(), 1);
-        if (vars.startCause != nullptr) {
-            setenv(tbdl::plat::kEnvStartCause, vars.startCause, 1);
-        } else {
-            unsetenv(tbdl::plat::kEnvStartCause);
-        }
-        if (vars.journal) {
-            setenv(tbdl::plat::kEnvJournal, "1", 1);
-        } else {
-            unsetenv(tbdl::plat::kEnvJournal);
-        }
+        SetOrUnset(tbdl::plat::kEnvChassisDir, dir_.c_str());
+        SetOrUnset(tbdl::plat::kEnvBoard, std::to_string(vars.board).c_str());
+        SetOrUnset(tbdl::plat::kEnvStartCause, vars.startCause);
+        SetOrUnset(tbdl::plat::kEnvJournal, vars.journal ? "1" : nullptr);
         Reload();
     }
     ~TempChassis()

@@ -1,8 +1,7 @@
 /* Platform bitmaps. */
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <iterator>
+#include <set>
 
 #include "plat_bitmap.h"
 
@@ -12,14 +11,12 @@ TEST(Bitmap, SetCheckClearAcrossWordBoundaries)
 {
     void *map = Bitmap_Create(130);
     ASSERT_NE(map, nullptr);
-    const u32 bits[] = {0, 63, 64, 127, 128, 129};
+    const std::set<u32> bits = {0, 63, 64, 127, 128, 129};
     for (u32 bit : bits) {
-        EXPECT_EQ(Bitmap_Check(map, bit), 0u) << bit;
         EXPECT_EQ(Bitmap_Set(map, bit), 0u) << bit;
     }
     for (u32 bit = 0; bit < 130; ++bit) {
-        bool expected = std::find(std::begin(bits), std::end(bits), bit) != std::end(bits);
-        EXPECT_EQ(Bitmap_Check(map, bit), expected ? 1u : 0u) << bit;
+        EXPECT_EQ(Bitmap_Check(map, bit), bits.count(bit)) << bit;
     }
     EXPECT_EQ(Bitmap_Clear(map, 64), 0u);
     EXPECT_EQ(Bitmap_Check(map, 64), 0u);
@@ -28,17 +25,9 @@ TEST(Bitmap, SetCheckClearAcrossWordBoundaries)
     for (u32 bit : bits) {
         EXPECT_EQ(Bitmap_Check(map, bit), 0u) << bit;
     }
-    Bitmap_Destroy(map);
-}
-
-TEST(Bitmap, OutOfRangeAndNullAreRefused)
-{
-    void *map = Bitmap_Create(10);
-    ASSERT_NE(map, nullptr);
-    EXPECT_EQ(Bitmap_Set(map, 10), 1u);
-    EXPECT_EQ(Bitmap_Clear(map, 10), 1u);
-    EXPECT_EQ(Bitmap_Check(map, 10), 0u);
-    EXPECT_EQ(Bitmap_Set(map, 9), 0u);
+    /* Out of range and null are refused. */
+    EXPECT_EQ(Bitmap_Set(map, 130), 1u);
+    EXPECT_EQ(Bitmap_Clear(map, 130), 1u);
     EXPECT_EQ(Bitmap_Check(map, 0xffffffffu), 0u);
     EXPECT_EQ(Bitmap_Set(nullptr, 0), 1u);
     EXPECT_EQ(Bitmap_Clear(nullptr, 0), 1u);

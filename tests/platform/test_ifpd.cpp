@@ -56,18 +56,15 @@ TEST_F(PrivateDataTest, WalkDeletingTheCurrentEntryVisitsAllInAscendingOrder)
 TEST_F(PrivateDataTest, SetRefusesATakenIndexAndDelFreesOnlyWhatItRemoves)
 {
     Add(7);
-    int *second = new int(99);
-    EXPECT_NE(IF_SetPrivateData(inst_, 7, second), 0u);
-    delete second; /* refused: still the caller's */
+    int second = 99; /* refused: stays the caller's */
+    EXPECT_NE(IF_SetPrivateData(inst_, 7, &second), 0u);
     EXPECT_NE(IF_SetPrivateData(inst_, 8, nullptr), 0u);
-
     void *data = nullptr;
     ASSERT_EQ(IF_GetPrivateData(inst_, 7, &data), 0u);
     EXPECT_EQ(*static_cast<int *>(data), 7);
     void *untouched = &data;
     EXPECT_NE(IF_GetPrivateData(inst_, 8, &untouched), 0u);
     EXPECT_EQ(untouched, &data);
-
     EXPECT_NE(IF_DelPrivateData(inst_, 8, FreeInt), 0u);
     EXPECT_TRUE(g_freed.empty());
     EXPECT_EQ(IF_DelPrivateData(inst_, 7, FreeInt), 0u);
@@ -84,7 +81,6 @@ TEST_F(PrivateDataTest, InstancesAreSeparateAndDestroyFreesEverything)
     EXPECT_NE(IF_GetPrivateData(other, 1, &data), 0u);
     EXPECT_EQ(IF_DestroyPDInstance(other, FreeInt), 0u);
     EXPECT_TRUE(g_freed.empty());
-
     EXPECT_EQ(IF_DestroyPDInstance(inst_, FreeInt), 0u);
     EXPECT_EQ(g_freed, (std::vector<int>{1, 2}));
     EXPECT_NE(IF_DestroyPDInstance(inst_, FreeInt), 0u);

@@ -1,13 +1,11 @@
 /* Board log lines written by vsyslog2. */
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cstdarg>
-#include <cstring>
+#include <regex>
 #include <set>
 #include <string>
 
@@ -28,28 +26,13 @@ void Log(const char *ident, const char *type, const char *format, ...)
     va_end(args);
 }
 
-/* Splits "<time> <board> <rest>" and checks the time stamp's form
- * (UTC with microseconds). */
-bool SplitLine(const std::string &line, std::string &board, std::string &rest)
+/* "<UTC time with microseconds> <board> <rest>": the rest, or "?" when the
+ * line has another form. */
+std::string RestOf(const std::string &line, const std::string &board)
 {
-    static const char kForm[] = "dddd-dd-ddTdd:dd:dd.ddddddZ ";
-    const size_t timeLen = std::strlen(kForm);
-    if (line.size() < timeLen) {
-        return false;
-    }
-    for (size_t i = 0; i < timeLen; ++i) {
-        bool ok = kForm[i] == 'd' ? std::isdigit(static_cast<unsigned char>(line[i])) != 0 : line[i] == kForm[i];
-        if (!ok) {
-            return false;
-        }
-    }
-    size_t space = line.find(' ', timeLen);
-    if (space == std::string::npos) {
-        return false;
-    }
-    board = line.substr(timeLen, space - timeLen);
-    rest = line.substr(space + 1);
-    return true;
+    static const std::regex kForm(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z (\S+) (.*))");
+    std::smatch m;
+    return std::regex_match(line, m, kForm) && m[1] == board ? m[2].str() : "?";
 }
 
 TEST(BoardLog, OneLinePerCallWithTimeBoardIdentityTypeAndText)
@@ -59,19 +42,14 @@ TEST(BoardLog, OneLinePerCallWithTimeBoardIdentityTypeAndText)
     Log("TBDL", "ERROR", "plain newline\n");
     Log("TBDL", "ERROR", "no line end");
     Log("TBDL", "EVENT", "%s", "");
-
     std::string text = ReadFile(tbdl::plat::BoardLogPathOf(chassis.Dir(), 1));
-    std::vector<std::string> lines = Lines(text);
-    const char *rests[] = {"TBDL EVENT Bundle 7 is up.", "TBDL ERROR plain newline", "TBDL ERROR no line end",
-                           "TBDL EVENT "};
-    ASSERT_EQ(lines.size(), std::size(rests)) << text;
-    for (size_t i = 0; i < std::size(rests); ++i) {
-        SCOPED_TRACE(i);
-        std::string board, rest;
-        ASSERT_TRUE(SplitLine(lines[i], board, rest)) << lines[i];
-        EXPECT_EQ(board, "board1");
-        EXPECT_EQ(rest, rests[i]);
+    std::vector<std::string> rests;
+    for (const std::string &line : Lines(text)) {
+        rests.push_back(RestOf(line, "board1"));
     }
+    EXPECT_EQ(rests, (std::vector<std::string>{"TBDL EVENT Bundle 7 is up.", "TBDL ERROR plain newline",
+                                               "TBDL ERROR no line end", "TBDL EVENT "}))
+        << text;
     EXPECT_EQ(text.back(), '\n');
 }
 
@@ -98,16 +76,13 @@ TEST(BoardLog, LinesOfConcurrentProcessesNeverMix)
     }
     std::vector<std::string> lines = Lines(ReadFile(tbdl::plat::BoardLogPathOf(chassis.Dir(), 1)));
     ASSERT_EQ(lines.size(), static_cast<size_t>(kProcs * kLines));
-    const std::string tail = " " + filler + " end";
+    const std::regex kWhole("W EVENT (p\\d+ i\\d+) " + filler + " end");
     std::set<std::string> seen;
     for (const std::string &line : lines) {
-        std::string board, rest;
-        ASSERT_TRUE(SplitLine(line, board, rest)) << line;
-        ASSERT_EQ(board, "board1");
-        ASSERT_EQ(rest.rfind("W EVENT ", 0), 0u) << line;
-        ASSERT_GT(rest.size(), tail.size());
-        ASSERT_EQ(rest.substr(rest.size() - tail.size()), tail) << line;
-        seen.insert(rest.substr(8, rest.size() - tail.size() - 8)); /* "p<proc> i<line>" */
+        std::smatch m;
+        std::string rest = RestOf(line, "board1");
+        ASSERT_TRUE(std::regex_match(rest, m, kWhole)) << line;
+        seen.insert(m[1].str());
     }
     EXPECT_EQ(seen.size(), static_cast<size_t>(kProcs * kLines));
 }
@@ -138,12 +113,8 @@ TEST(BoardLog, CloseReopensAndOutsideAChassisLinesGoToStderr)
     unlink(tmpl);
     ASSERT_FALSE(text.empty());
     EXPECT_EQ(text.back(), '\n');
-    std::vector<std::string> lines = Lines(text);
-    ASSERT_EQ(lines.size(), 1u) << text;
-    std::string board, rest;
-    ASSERT_TRUE(SplitLine(lines[0], board, rest)) << text;
-    EXPECT_EQ(board, "board0");
-    EXPECT_EQ(rest, "TBDL ERROR to stderr 3");
+    ASSERT_EQ(Lines(text).size(), 1u) << text;
+    EXPECT_EQ(RestOf(Lines(text)[0], "board0"), "TBDL ERROR to stderr 3");
 }
 
 } // namespace

@@ -1,19 +1,15 @@
-/* Helpers shared by the configuration-channel and display tests: request
- * and TLV builders, a small driver of the daemon's event loop with
- * deadlines, and reply readers. */
+/* Helpers of the configuration-channel and display tests: byte builders for
+ * requests, replies and TLVs, and a driver of the daemon's event loop. */
 #ifndef CFG_TEST_UTIL_H
 #define CFG_TEST_UTIL_H
 
-#include <arpa/inet.h>
-#include <poll.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstring>
@@ -29,15 +25,21 @@ namespace cfgtest {
 
 using Bytes = std::vector<uint8_t>;
 
-inline Bytes Be16(uint16_t v)
+inline Bytes Be16(uint16_t v) { return {uint8_t(v >> 8), uint8_t(v)}; }
+inline Bytes Be32(uint32_t v) { return {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}; }
+
+/* A value in host order, as the handlers' records hold it. */
+template <typename T>
+Bytes Host(T v)
 {
-    return {static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v)};
+    Bytes b(sizeof(T));
+    memcpy(b.data(), &v, sizeof(T));
+    return b;
 }
 
-inline Bytes Be32(uint32_t v)
+inline uint32_t GetBe32(const Bytes &b, size_t at)
 {
-    return {static_cast<uint8_t>(v >> 24), static_cast<uint8_t>(v >> 16), static_cast<uint8_t>(v >> 8),
-            static_cast<uint8_t>(v)};
+    return (uint32_t(b.at(at)) << 24) | (uint32_t(b.at(at + 1)) << 16) | (uint32_t(b.at(at + 2)) << 8) | b.at(at + 3);
 }
 
 inline Bytes Cat(std::initializer_list<Bytes> parts)
@@ -49,43 +51,31 @@ inline Bytes Cat(std::initializer_list<Bytes> parts)
     return out;
 }
 
-/* One STLV TLV; lenOverride announces a different value length. */
+/* One TLV; lenOverride announces a different value length. */
 inline Bytes Tlv(uint16_t type, const Bytes &value, std::optional<uint16_t> lenOverride = {})
 {
     return Cat({Be16(type), Be16(lenOverride.value_or(static_cast<uint16_t>(value.size()))), value});
 }
 
-/* A request: header then payload; dataLen defaults to the payload size. */
+/* The 12-byte header of requests and replies. */
+inline Bytes Head(uint16_t cls, uint16_t len, uint32_t result, uint16_t type, uint16_t oper)
+{
+    return Cat({Be16(cls), Be16(len), Be32(result), Be16(type), Be16(oper)});
+}
+
+/* A request; dataLen defaults to the payload size. */
 inline Bytes Request(uint16_t cls, uint16_t type, uint16_t oper, const Bytes &payload = {},
                      std::optional<uint16_t> dataLen = {})
 {
-    return Cat({Be16(cls), Be16(dataLen.value_or(static_cast<uint16_t>(payload.size()))), Be32(0),
-                Be16(type), Be16(oper), payload});
+    return Cat({Head(cls, dataLen.value_or(static_cast<uint16_t>(payload.size())), 0, type, oper), payload});
 }
 
-struct Reply {
-    uint16_t cls = 0xFFFF;
-    uint16_t dataLen = 0xFFFF;
-    uint32_t result = 0;
-    uint16_t type = 0xFFFF;
-    uint16_t oper = 0xFFFF;
-    Bytes payload;
-    size_t size = 0;
-};
+inline uint32_t ResultOf(const Bytes &reply) { return reply.size() >= 12 ? GetBe32(reply, 4) : 0xDEADu; }
 
-inline Reply Decode(const Bytes &b)
+/* Key and operation TLVs that create bundle `bnd`. */
+inline Bytes BndCreateTlvs(uint32_t bnd, uint16_t mode = 1, uint16_t tnlMode = 0)
 {
-    Reply r;
-    r.size = b.size();
-    if (b.size() >= 12) {
-        r.cls = static_cast<uint16_t>((b[0] << 8) | b[1]);
-        r.dataLen = static_cast<uint16_t>((b[2] << 8) | b[3]);
-        r.result = (uint32_t(b[4]) << 24) | (uint32_t(b[5]) << 16) | (uint32_t(b[6]) << 8) | b[7];
-        r.type = static_cast<uint16_t>((b[8] << 8) | b[9]);
-        r.oper = static_cast<uint16_t>((b[10] << 8) | b[11]);
-        r.payload.assign(b.begin() + 12, b.end());
-    }
-    return r;
+    return Cat({Tlv(2, Be32(bnd)), Tlv(202, Cat({Be16(mode), Be16(tnlMode)}))});
 }
 
 /* Reads one message without waiting; nullopt when none is queued. */
@@ -93,10 +83,7 @@ inline std::optional<Bytes> TryRecv(int fd)
 {
     uint8_t buf[4096];
     ssize_t n = recv(fd, buf, sizeof(buf), MSG_DONTWAIT);
-    if (n < 0) {
-        return std::nullopt;
-    }
-    return Bytes(buf, buf + n);
+    return n < 0 ? std::nullopt : std::optional<Bytes>(Bytes(buf, buf + n));
 }
 
 inline bool Readable(int fd)
@@ -110,8 +97,8 @@ inline bool Send(int fd, const Bytes &msg)
     return send(fd, msg.data(), msg.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(msg.size());
 }
 
-/* Runs the daemon's loop (one event per wait, as the daemon does) until
- * cond holds or the deadline passes. */
+/* Runs the daemon's loop, one event per wait, until cond holds or the
+ * deadline passes. */
 inline bool PumpUntil(int epfd, const std::function<bool()> &cond, int timeoutMs = 3000)
 {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
@@ -127,20 +114,15 @@ inline bool PumpUntil(int epfd, const std::function<bool()> &cond, int timeoutMs
     return true;
 }
 
-/* Dispatches the events that are ready now, without waiting. */
 inline void PumpReady(int epfd)
 {
-    struct epoll_event ev;
-    while (epoll_wait(epfd, &ev, 1, 0) == 1) {
-        TBDL_BAS_EpollDispatch(&ev);
-    }
+    PumpUntil(epfd, [epfd] { return !Readable(epfd); });
 }
 
 inline int Connect(const std::string &path)
 {
     int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-    struct sockaddr_un addr;
-    memset(&addr, 0, sizeof(addr));
+    struct sockaddr_un addr = {};
     addr.sun_family = AF_UNIX;
     strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
     if (fd >= 0 && connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0) {
@@ -150,14 +132,11 @@ inline int Connect(const std::string &path)
     return fd;
 }
 
-/* Number of descriptors open in this process. */
 inline int OpenFdCount()
 {
     int n = 0;
     for (int fd = 0; fd < 1024; fd++) {
-        if (fcntl(fd, F_GETFD) != -1) {
-            n++;
-        }
+        n += fcntl(fd, F_GETFD) != -1 ? 1 : 0;
     }
     return n;
 }

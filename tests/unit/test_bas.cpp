@@ -1,5 +1,5 @@
 /* Base services: loop registration, periodic timers, the HA hook table and
- * the allocation fault switch. */
+ * zero-filled allocation with its fault switch. */
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -13,43 +13,6 @@
 #include "tbdl_dbg.h"
 
 namespace {
-
-/* The lowest descriptor number the next open would get. */
-int NextFd()
-{
-    int iFd = dup(0);
-    close(iFd);
-    return iFd;
-}
-
-class BasTest : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        fake::Reset();
-        TBDL_BAS_SetAllocFault(0, 0);
-        m_iEpfd = epoll_create(1);
-        ASSERT_GE(m_iEpfd, 0);
-    }
-    void TearDown() override
-    {
-        TBDL_BAS_SetAllocFault(0, 0);
-        close(m_iEpfd);
-    }
-    /* Waits up to 5 s for one event and dispatches it; false on time-out. */
-    bool DispatchOne()
-    {
-        epoll_event ev{};
-        if (epoll_wait(m_iEpfd, &ev, 1, 5000) != 1) {
-            return false;
-        }
-        TBDL_BAS_EpollDispatch(&ev);
-        return true;
-    }
-    int m_iEpfd = -1;
-};
-
-/* ---- Loop registration ---- */
 
 struct Seen {
     int iCalls = 0;
@@ -71,12 +34,47 @@ u32 CbB(u32 uiEvents, u64 ulData)
     return 0;
 }
 
+u32 NoCb(u32, u64) { return 0; }
+
+class BasTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        fake::Reset();
+        g_stSeen = {};
+        m_iEpfd = epoll_create(1);
+        ASSERT_GE(m_iEpfd, 0);
+    }
+    void TearDown() override { close(m_iEpfd); }
+
+    /* Waits up to 5 s for one event and dispatches it. */
+    bool DispatchOne()
+    {
+        epoll_event ev{};
+        if (epoll_wait(m_iEpfd, &ev, 1, 5000) != 1) {
+            return false;
+        }
+        TBDL_BAS_EpollDispatch(&ev);
+        return true;
+    }
+
+    /* Dispatches a made-up event for iFd, as a stale one would come. */
+    void DispatchStale(int iFd)
+    {
+        epoll_event ev{};
+        ev.events = EPOLLIN;
+        ev.data.fd = iFd;
+        TBDL_BAS_EpollDispatch(&ev);
+        EXPECT_EQ(0, epoll_wait(m_iEpfd, &ev, 1, 0));
+    }
+
+    int m_iEpfd = -1;
+};
+
 TEST_F(BasTest, RegistrationHandsBackReportedMaskAndRegisteredDatum)
 {
-    g_stSeen = {};
     int iEv = eventfd(1, 0); /* readable at once */
-    /* A high descriptor number is served like a low one. */
-    int iFd = fcntl(iEv, F_DUPFD, 700);
+    int iFd = fcntl(iEv, F_DUPFD, 700); /* a high number is served like a low one */
     close(iEv);
     ASSERT_GE(iFd, 700);
     TBDL_EPOLL_CB_S stCb = {EPOLLIN | EPOLLOUT, 0x8000000012345678ull, CbA};
@@ -96,79 +94,52 @@ TEST_F(BasTest, RegistrationHandsBackReportedMaskAndRegisteredDatum)
 
     /* After DEL a stale event for the descriptor calls nothing. */
     ASSERT_EQ(0, TBDL_BAS_EpollCtl(m_iEpfd, EPOLL_CTL_DEL, iFd, nullptr));
-    epoll_event ev{};
-    ev.events = EPOLLIN;
-    ev.data.fd = iFd;
-    TBDL_BAS_EpollDispatch(&ev);
+    DispatchStale(iFd);
     EXPECT_EQ(2, g_stSeen.iCalls);
-    EXPECT_EQ(0, epoll_wait(m_iEpfd, &ev, 1, 0));
     close(iFd);
 }
 
-TEST_F(BasTest, RegistrationFailuresRegisterNothing)
+TEST_F(BasTest, RefusedRegistrationKeepsNoCallback)
 {
-    g_stSeen = {};
     int iFd = eventfd(1, 0);
     TBDL_EPOLL_CB_S stCb = {EPOLLIN, 1, CbA};
-    /* The kernel refuses: -1 like epoll_ctl, and no callback is kept. */
     EXPECT_EQ(-1, TBDL_BAS_EpollCtl(m_iEpfd, EPOLL_CTL_MOD, iFd, &stCb));
     EXPECT_EQ(-1, TBDL_BAS_EpollCtl(-1, EPOLL_CTL_ADD, iFd, &stCb));
     EXPECT_EQ(-1, TBDL_BAS_EpollCtl(m_iEpfd, EPOLL_CTL_ADD, -1, &stCb));
-    epoll_event ev{};
-    ev.events = EPOLLIN;
-    ev.data.fd = iFd;
-    TBDL_BAS_EpollDispatch(&ev);
+    DispatchStale(iFd);
     EXPECT_EQ(0, g_stSeen.iCalls);
-    EXPECT_EQ(0, epoll_wait(m_iEpfd, &ev, 1, 0));
     close(iFd);
 }
 
 /* ---- Timers ---- */
 
-struct PeriodCase {
-    u32 uiMs;
-    time_t lSec;
-    long lNsec;
-};
-
-class TimerPeriod : public BasTest, public ::testing::WithParamInterface<PeriodCase> {};
-
-u32 NoCb(u32, u64)
+TEST_F(BasTest, TimerIsArmedPeriodicWithThePeriodAsFirstExpiry)
 {
-    return 0;
-}
-
-TEST_P(TimerPeriod, ArmsValueAndIntervalWithThePeriod)
-{
-    const PeriodCase &pc = GetParam();
-    i32 iFd = TBDL_BAS_StartTimer(static_cast<u32>(m_iEpfd), NoCb, pc.uiMs, 0);
-    ASSERT_GE(iFd, 0);
-    itimerspec stCur{};
-    ASSERT_EQ(0, timerfd_gettime(iFd, &stCur));
-    EXPECT_EQ(pc.lSec, stCur.it_interval.tv_sec);
-    EXPECT_EQ(pc.lNsec, stCur.it_interval.tv_nsec);
-    /* The first expiry is one period away (less what has elapsed). */
-    long long llLeft = stCur.it_value.tv_sec * 1000000000ll + stCur.it_value.tv_nsec;
-    long long llPeriod = pc.lSec * 1000000000ll + pc.lNsec;
-    EXPECT_LE(llLeft, llPeriod);
-    if (llPeriod != 0) {
-        EXPECT_GT(llLeft, llPeriod - 500000000ll);
-    } else {
-        EXPECT_EQ(0, llLeft); /* registered but never fires */
+    const struct {
+        u32 uiMs;
+        long long llNs;
+    } cases[] = {{1500, 1500000000ll}, {0, 0}, {999, 999000000ll}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.uiMs);
+        i32 iFd = TBDL_BAS_StartTimer(static_cast<u32>(m_iEpfd), NoCb, c.uiMs, 0);
+        ASSERT_GE(iFd, 0);
+        itimerspec stCur{};
+        ASSERT_EQ(0, timerfd_gettime(iFd, &stCur));
+        EXPECT_EQ(c.llNs / 1000000000, stCur.it_interval.tv_sec);
+        EXPECT_EQ(c.llNs % 1000000000, stCur.it_interval.tv_nsec);
+        /* One period away, less what has elapsed; a zero period never fires. */
+        long long llLeft = stCur.it_value.tv_sec * 1000000000ll + stCur.it_value.tv_nsec;
+        EXPECT_LE(llLeft, c.llNs);
+        EXPECT_GE(llLeft, c.llNs == 0 ? 0 : c.llNs - 500000000ll);
+        TBDL_BAS_StopTimer(static_cast<u32>(m_iEpfd), iFd);
     }
-    TBDL_BAS_StopTimer(static_cast<u32>(m_iEpfd), iFd);
 }
-
-INSTANTIATE_TEST_SUITE_P(Periods, TimerPeriod,
-                         ::testing::Values(PeriodCase{1500, 1, 500000000}, PeriodCase{0, 0, 0},
-                                           PeriodCase{999, 0, 999000000}));
 
 struct OneShot {
     i32 iTimerFd = -1;
     u32 uiEpfd = 0;
     int iFired = 0;
     u64 ulData = 0;
-    u32 uiReadRet = 1;
 };
 OneShot g_stShot;
 
@@ -176,8 +147,7 @@ OneShot g_stShot;
  * itself and forget the descriptor. */
 u32 OneShotCb(u32 uiEvents, u64 ulData)
 {
-    g_stShot.uiReadRet = TBDL_BAS_TIMERFD_Read(uiEvents, g_stShot.iTimerFd);
-    if (g_stShot.uiReadRet != 0) {
+    if (TBDL_BAS_TIMERFD_Read(uiEvents, g_stShot.iTimerFd) != 0) {
         return TBDL_E_FAILED;
     }
     g_stShot.iFired++;
@@ -192,10 +162,9 @@ TEST_F(BasTest, TimerStoppedFromItsOwnCallbackLeavesNoPendingEvent)
     g_stShot = {};
     g_stShot.uiEpfd = static_cast<u32>(m_iEpfd);
     g_stShot.iTimerFd = TBDL_BAS_StartTimer(g_stShot.uiEpfd, OneShotCb, 2, 0xFFFFFFFFu);
-    ASSERT_GE(g_stShot.iTimerFd, 0);
     i32 iOld = g_stShot.iTimerFd;
+    ASSERT_GE(iOld, 0);
     ASSERT_TRUE(DispatchOne());
-    EXPECT_EQ(0u, g_stShot.uiReadRet);
     EXPECT_EQ(1, g_stShot.iFired);
     EXPECT_EQ(0xFFFFFFFFull, g_stShot.ulData); /* zero-extended datum */
     /* Several periods later nothing is pending and the descriptor is gone. */
@@ -205,7 +174,7 @@ TEST_F(BasTest, TimerStoppedFromItsOwnCallbackLeavesNoPendingEvent)
     EXPECT_TRUE(fake::LogLines().empty());
 }
 
-TEST_F(BasTest, TimerReadNeedsInputBitAndConsumesOneExpiry)
+TEST_F(BasTest, TimerReadNeedsTheInputBitAndAnOpenTimer)
 {
     i32 iFd = TBDL_BAS_StartTimer(static_cast<u32>(m_iEpfd), NoCb, 1, 0);
     ASSERT_GE(iFd, 0);
@@ -216,19 +185,18 @@ TEST_F(BasTest, TimerReadNeedsInputBitAndConsumesOneExpiry)
     EXPECT_EQ(1, epoll_wait(m_iEpfd, &ev, 1, 0));
     EXPECT_EQ(0u, TBDL_BAS_TIMERFD_Read(EPOLLIN, iFd));
     TBDL_BAS_StopTimer(static_cast<u32>(m_iEpfd), iFd);
-    /* A closed descriptor cannot be read. */
     EXPECT_EQ(TBDL_E_FAILED, TBDL_BAS_TIMERFD_Read(EPOLLIN, iFd));
 }
 
-TEST_F(BasTest, FailedTimerStartLeavesNoDescriptor)
+TEST_F(BasTest, FailedStartLeavesNoDescriptorAndFailedStopLogsAndStillCloses)
 {
-    int iBefore = NextFd();
+    int iNext = dup(0);
+    close(iNext);
     EXPECT_EQ(-1, TBDL_BAS_StartTimer(0xFFFFFFFFu, NoCb, 1000, 0)); /* no such epoll */
-    EXPECT_EQ(iBefore, NextFd());
-}
+    int iAfter = dup(0);
+    close(iAfter);
+    EXPECT_EQ(iNext, iAfter);
 
-TEST_F(BasTest, StopOfABrokenTimerLogsAndStillCloses)
-{
     TBDL_DBG_Init();
     u32 uiType = TBDL_DBG_ERROR;
     TBDL_DBG_SetDebug(0, nullptr, 0, &uiType);
@@ -253,23 +221,6 @@ struct HookLog {
 };
 HookLog g_stHook;
 
-TBDL_BAS_HA_FUNC_S MakeHooks()
-{
-    return {[](u16 usType, const void *pv) -> u32 {
-                g_stHook.iEnc++;
-                g_stHook.usType = usType;
-                g_stHook.pvData = pv;
-                return 0x1234;
-            },
-            []() -> u16 { return 1; },
-            [](u16 usBatch) -> u32 {
-                g_stHook.iFlush++;
-                g_stHook.usBatch = usBatch;
-                return 0x5678;
-            },
-            []() -> u16 { return g_stHook.usSlave; }};
-}
-
 void ExpectEmptyHooks()
 {
     int iPayload = 0;
@@ -285,8 +236,19 @@ TEST(BasHooks, EmptyFilledAndDeregistered)
 {
     g_stHook = {};
     ExpectEmptyHooks();
-
-    TBDL_BAS_HA_FUNC_S stHooks = MakeHooks();
+    TBDL_BAS_HA_FUNC_S stHooks = {[](u16 usType, const void *pv) -> u32 {
+                                      g_stHook.iEnc++;
+                                      g_stHook.usType = usType;
+                                      g_stHook.pvData = pv;
+                                      return 0x1234;
+                                  },
+                                  []() -> u16 { return 1; },
+                                  [](u16 usBatch) -> u32 {
+                                      g_stHook.iFlush++;
+                                      g_stHook.usBatch = usBatch;
+                                      return 0x5678;
+                                  },
+                                  []() -> u16 { return g_stHook.usSlave; }};
     TBDL_BAS_RegHAFunc(&stHooks);
     int iPayload = 0;
     EXPECT_EQ(1, TBDL_BAS_HAIsMaster());
@@ -308,35 +270,20 @@ TEST(BasHooks, EmptyFilledAndDeregistered)
     ExpectEmptyHooks();
 }
 
-/* ---- Allocation ---- */
-
-TEST(BasAlloc, FaultSwitchSkipsThenFailsThenRecovers)
+TEST(BasAlloc, ZeroFilledAndTheFaultSwitchSkipsThenFails)
 {
-    struct Step {
-        u32 uiSkip, uiCount;
-        std::vector<bool> want; /* success of consecutive allocations */
-    };
-    const Step steps[] = {
-        {0, 0, {true, true}},
-        {1, 2, {true, false, false, true}},
-        {0, 0xFFFFFFFFu, {false, false, false}},
-    };
-    for (const Step &s : steps) {
-        TBDL_BAS_SetAllocFault(s.uiSkip, s.uiCount);
-        for (size_t i = 0; i < s.want.size(); i++) {
-            auto *puc = static_cast<unsigned char *>(TBDL_BAS_Zalloc(64));
-            EXPECT_EQ(s.want[i], puc != nullptr) << "skip " << s.uiSkip << " count " << s.uiCount
-                                                 << " allocation " << i;
-            for (int k = 0; puc != nullptr && k < 64; k++) {
-                ASSERT_EQ(0, puc[k]);
-            }
-            TBDL_BAS_Free(puc);
+    TBDL_BAS_SetAllocFault(1, 2);
+    std::vector<bool> vecOk;
+    for (int i = 0; i < 4; i++) {
+        auto *puc = static_cast<unsigned char *>(TBDL_BAS_Zalloc(64));
+        vecOk.push_back(puc != nullptr);
+        for (int k = 0; puc != nullptr && k < 64; k++) {
+            ASSERT_EQ(0, puc[k]);
         }
+        TBDL_BAS_Free(puc);
     }
     TBDL_BAS_SetAllocFault(0, 0);
-    void *pv = TBDL_BAS_Zalloc(1);
-    EXPECT_NE(nullptr, pv);
-    TBDL_BAS_Free(pv);
+    EXPECT_EQ((std::vector<bool>{true, false, false, true}), vecOk);
 }
 
 } // namespace

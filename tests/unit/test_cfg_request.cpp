@@ -1,7 +1,6 @@
 /* Requests on a configuration connection: framing checks, TLV parsing into
- * the handlers' records, dispatch to the real handlers and the replies.
- * Each request goes over a real SEQPACKET socket pair and is taken by the
- * connection callback, as the event loop would call it. */
+ * the handlers' records, dispatch to the real handlers and the reply bytes.
+ * Requests go over a SEQPACKET socket pair to the connection callback. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -17,32 +16,22 @@ using ::testing::ElementsAre;
 
 namespace {
 
-Bytes BndCreateTlvs(uint32_t bnd, uint16_t mode = 1, uint16_t tnlMode = 0)
-{
-    return Cat({Tlv(2, Be32(bnd)), Tlv(202, Cat({Be16(mode), Be16(tnlMode)}))});
-}
-
-Bytes MembTlvs(uint32_t bnd, uint32_t tnl, uint16_t weight, uint8_t role = 0)
-{
-    return Cat({Tlv(2, Be32(bnd)), Tlv(204, Cat({Be32(tnl), Be16(weight), Bytes{role}}))});
-}
-
-void SwitchDebugOn(u32 type)
-{
-    alignas(8) TBDL_CFG_OPER_DATA_S data = {};
-    memcpy(data.aucData, &type, sizeof(type));
-    ASSERT_EQ(TBDL_DBG_SetDebug(0, nullptr, 398, &data), 0u);
-}
-
-std::vector<std::string> UnknownTlvLines()
+/* Log lines about unknown TLVs, from the from-th log line on. */
+std::vector<std::string> UnknownTlvLines(size_t from = 0)
 {
     std::vector<std::string> out;
-    for (const std::string &l : fake::LogLines()) {
-        if (l.find("unknown TLV") != std::string::npos) {
-            out.push_back(l);
+    std::vector<std::string> all = fake::LogLines();
+    for (size_t i = from; i < all.size(); i++) {
+        if (all[i].find("unknown TLV") != std::string::npos) {
+            out.push_back(all[i]);
         }
     }
     return out;
+}
+
+std::string UnknownTlvLine(int type)
+{
+    return "EVENT Received a message with an unknown TLV (type: " + std::to_string(type) + ").";
 }
 
 class CfgRequest : public ::testing::Test {
@@ -51,7 +40,6 @@ protected:
     {
         fake::Reset();
         m_epfd = epoll_create1(0);
-        ASSERT_GE(m_epfd, 0);
         TBDL_SPEC_S spec = {1024, 8, 1, 1, 1};
         ASSERT_EQ(TBDL_DBG_Init(), 0u);
         ASSERT_EQ(TBDL_BND_Init(&spec, nullptr, m_epfd), 0u);
@@ -77,33 +65,22 @@ protected:
         close(m_epfd);
     }
 
-    /* Sends one message and lets the connection callback take it. */
-    void Deliver(const Bytes &msg)
-    {
-        ASSERT_TRUE(Send(m_cli, msg));
-        EXPECT_EQ(tbdl_cfg_RecvMsg(EPOLLIN, static_cast<u64>(m_srv)), 0u);
-    }
-
     /* The one reply to a request; fails when there is none or more. */
-    Reply Exchange(const Bytes &msg)
+    Bytes Exchange(const Bytes &msg)
     {
-        Deliver(msg);
+        EXPECT_TRUE(Send(m_cli, msg));
+        EXPECT_EQ(tbdl_cfg_RecvMsg(EPOLLIN, static_cast<u64>(m_srv)), 0u);
         std::optional<Bytes> reply = TryRecv(m_cli);
         EXPECT_TRUE(reply.has_value()) << "no reply";
         EXPECT_FALSE(TryRecv(m_cli).has_value()) << "more than one reply";
-        return Decode(reply.value_or(Bytes{}));
+        return reply.value_or(Bytes{});
     }
+
+    void SwitchEventLogOn() { ASSERT_EQ(ResultOf(Exchange(Request(0, 0, 0, Tlv(398, Be32(TBDL_DBG_EVENT))))), 0u); }
 
     int m_epfd = -1;
     int m_cli = -1;
     int m_srv = -1;
-};
-
-struct BadCase {
-    const char *what;
-    Bytes msg;
-    uint16_t type; /* expected in the reply */
-    uint16_t oper;
 };
 
 TEST_F(CfgRequest, MalformedRequestsAnswerInvalidMsgAndChangeNothing)
@@ -111,8 +88,12 @@ TEST_F(CfgRequest, MalformedRequestsAnswerInvalidMsgAndChangeNothing)
     Bytes debugOn = Request(0, 0, 0, Tlv(398, Be32(2)));
     Bytes cut = Request(0, 1, 7);
     cut.resize(11);
-    const BadCase cases[] = {
-        {"5 bytes", Bytes{0, 0, 0, 0, 0}, 0, 0},
+    const struct {
+        const char *what;
+        Bytes msg;
+        uint16_t type, oper; /* expected in the reply */
+    } cases[] = {
+        {"5 bytes", Bytes(5, 0), 0, 0},
         {"11 bytes: type and oper not there", cut, 0, 0},
         {"class 2", Request(2, 1, 7, BndCreateTlvs(1)), 1, 7},
         {"class 0xFFFF", Request(0xFFFF, 5, 9), 5, 9},
@@ -120,21 +101,14 @@ TEST_F(CfgRequest, MalformedRequestsAnswerInvalidMsgAndChangeNothing)
         {"length announces less than received", Request(0, 1, 3, BndCreateTlvs(1), 0), 1, 3},
         {"two requests in one receive", Cat({debugOn, debugOn}), 0, 0},
         {"configuration type 3", Request(0, 3, 0, Tlv(398, Be32(2))), 3, 0},
-        {"configuration type 0xFFFF", Request(0, 0xFFFF, 2), 0xFFFF, 2},
         {"display type 2", Request(1, 2, 3), 2, 3},
         {"display type 3", Request(1, 3, 3), 3, 3},
         {"display type 4", Request(1, 4, 5), 4, 5},
         {"display type 6", Request(1, 6, 3), 6, 3},
     };
-    for (const BadCase &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
-        Reply r = Exchange(c.msg);
-        EXPECT_EQ(r.size, 12u);
-        EXPECT_EQ(r.cls, 0u);
-        EXPECT_EQ(r.dataLen, 0u);
-        EXPECT_EQ(r.result, TBDL_E_INVALID_MSG);
-        EXPECT_EQ(r.type, c.type);
-        EXPECT_EQ(r.oper, c.oper);
+        EXPECT_EQ(Exchange(c.msg), Head(0, 0, TBDL_E_INVALID_MSG, c.type, c.oper));
     }
     TBDL_BND_INFO_S info = {};
     EXPECT_EQ(TBDL_BND_GetFirstBndInfo(&info), TBDL_E_NOTEXIST);
@@ -143,114 +117,79 @@ TEST_F(CfgRequest, MalformedRequestsAnswerInvalidMsgAndChangeNothing)
 
 TEST_F(CfgRequest, HeaderOnlyRequestReachesHandlerWithZeroKeyAndNoOperation)
 {
-    /* Debug handler: zero operation data means debug type 0 (ERROR). */
-    Reply r = Exchange(Request(0, 0, 0));
-    EXPECT_EQ(r.result, 0u);
+    /* Zero operation data is debug type 0 (ERROR). */
+    EXPECT_EQ(Exchange(Request(0, 0, 0)), Head(0, 0, 0, 0, 0));
     EXPECT_EQ(TBDL_DBG_GetDebug(), 1u);
-    /* Bundle handler: bundle 0 is in range, operation type 0 is refused. */
-    EXPECT_EQ(Exchange(Request(0, 1, 0)).result, TBDL_E_NOTSUPPORT);
-    EXPECT_EQ(Exchange(Request(0, 2, 0)).result, TBDL_E_NOTSUPPORT);
+    /* Bundle 0 is in range; operation type 0 is refused. */
+    EXPECT_EQ(ResultOf(Exchange(Request(0, 1, 0))), TBDL_E_NOTSUPPORT);
+    EXPECT_EQ(ResultOf(Exchange(Request(0, 2, 0))), TBDL_E_NOTSUPPORT);
 }
 
-TEST_F(CfgRequest, OnlyOperOneIsUndoAndTheReplyCarriesTheRequestOper)
+TEST_F(CfgRequest, OnlyOperOneIsUndoAndTheReplyCarriesTheHandlerResultAndOper)
 {
-    Reply r = Exchange(Request(0, 0, 2, Tlv(398, Be32(1))));
-    EXPECT_EQ(r.result, 0u);
-    EXPECT_EQ(r.type, 0u);
-    EXPECT_EQ(r.oper, 2u);
-    EXPECT_EQ(TBDL_DBG_GetDebug(), 2u);
-
-    EXPECT_EQ(Exchange(Request(0, 0, 0x8001, Tlv(398, Be32(0)))).result, 0u);
-    EXPECT_EQ(TBDL_DBG_GetDebug(), 3u);
-
-    r = Exchange(Request(0, 0, 1, Tlv(398, Be32(1))));
-    EXPECT_EQ(r.oper, 1u);
-    EXPECT_EQ(TBDL_DBG_GetDebug(), 1u);
-
-    /* The handler's own refusal goes back unchanged. */
-    EXPECT_EQ(Exchange(Request(0, 0, 0, Tlv(398, Be32(3)))).result, TBDL_E_INVALID_PARAM);
+    const struct {
+        uint16_t oper;
+        uint32_t dbgType, result, switchAfter;
+    } steps[] = {
+        {2, TBDL_DBG_EVENT, 0, 2}, {0x8001, TBDL_DBG_ERROR, 0, 3}, {1, TBDL_DBG_EVENT, 0, 1}, {0, 3, TBDL_E_INVALID_PARAM, 1}};
+    for (const auto &s : steps) {
+        SCOPED_TRACE(s.oper);
+        EXPECT_EQ(Exchange(Request(0, 0, s.oper, Tlv(398, Be32(s.dbgType)))), Head(0, 0, s.result, 0, s.oper));
+        EXPECT_EQ(TBDL_DBG_GetDebug(), s.switchAfter);
+    }
 }
 
 TEST_F(CfgRequest, ConfigurationTlvRangesLogSkipOrSetTheOperation)
 {
-    SwitchDebugOn(TBDL_DBG_EVENT);
-    fake::ClearJournal();
-
-    /* Unknown key TLVs are logged and skipped; 0, 200, 400 and 401 are
-     * skipped silently; the request goes on and creates the bundle. */
+    SwitchEventLogOn();
+    /* Key TLVs 3-199 are logged and skipped; 0, 200, 400 and 401 silently. */
     Bytes tlvs = Cat({Tlv(3, {}), Tlv(1, Be32(77)), Tlv(199, Bytes{1, 2}), BndCreateTlvs(5), Tlv(0, {9}),
                       Tlv(200, Be32(1)), Tlv(400, {}), Tlv(401, Be32(8))});
-    EXPECT_EQ(Exchange(Request(0, 1, 0, tlvs)).result, 0u);
+    EXPECT_EQ(ResultOf(Exchange(Request(0, 1, 0, tlvs))), 0u);
     TBDL_BND_INFO_S info = {};
     EXPECT_EQ(TBDL_BND_GetBndInfo(5, &info), 0u);
-    EXPECT_THAT(UnknownTlvLines(), ElementsAre("EVENT Received a message with an unknown TLV (type: 3).",
-                                               "EVENT Received a message with an unknown TLV (type: 199)."));
+    EXPECT_THAT(UnknownTlvLines(), ElementsAre(UnknownTlvLine(3), UnknownTlvLine(199)));
 
-    /* An operation TLV the channel does not decode still becomes the
-     * operation type (logged), so the bundle handler refuses it. */
-    size_t logged = UnknownTlvLines().size();
-    EXPECT_EQ(Exchange(Request(0, 1, 0, Cat({BndCreateTlvs(6), Tlv(250, Be32(1))}))).result, TBDL_E_NOTSUPPORT);
-    EXPECT_EQ(Exchange(Request(0, 1, 0, Cat({BndCreateTlvs(6), Tlv(399, {})}))).result, TBDL_E_NOTSUPPORT);
-    std::vector<std::string> lines = UnknownTlvLines();
-    lines.erase(lines.begin(), lines.begin() + static_cast<long>(logged));
-    EXPECT_THAT(lines, ElementsAre("EVENT Received a message with an unknown TLV (type: 250).",
-                                   "EVENT Received a message with an unknown TLV (type: 399)."));
+    /* An operation TLV without decoding still becomes the operation type
+     * (and is logged), so the bundle handler refuses it. */
+    size_t logged = fake::LogLines().size();
+    EXPECT_EQ(ResultOf(Exchange(Request(0, 1, 0, Cat({BndCreateTlvs(6), Tlv(250, Be32(1))})))), TBDL_E_NOTSUPPORT);
+    EXPECT_EQ(ResultOf(Exchange(Request(0, 1, 0, Cat({BndCreateTlvs(6), Tlv(399, {})})))), TBDL_E_NOTSUPPORT);
+    EXPECT_THAT(UnknownTlvLines(logged), ElementsAre(UnknownTlvLine(250), UnknownTlvLine(399)));
     EXPECT_NE(TBDL_BND_GetBndInfo(6, &info), 0u);
 }
 
-TEST_F(CfgRequest, DisplayKeyTlvRangesAndReplyHeader)
+TEST_F(CfgRequest, DisplayTlvRangesAndReplyBytes)
 {
-    SwitchDebugOn(TBDL_DBG_EVENT);
-
-    /* Around the key: operation TLVs and 401 silent, 3-199 and 402-599
-     * logged, 600 silent. */
-    ASSERT_EQ(Exchange(Request(0, 1, 0, BndCreateTlvs(9))).result, 0u);
+    SwitchEventLogOn();
+    ASSERT_EQ(ResultOf(Exchange(Request(0, 1, 0, BndCreateTlvs(9)))), 0u);
+    /* Around the key: 201-399 and 401 silent, 3-199 and 402-599 logged,
+     * 600 silent. */
     Bytes tlvs = Cat({Tlv(250, Be32(1)), Tlv(401, {}), Tlv(402, {}), Tlv(2, Be32(9)), Tlv(599, Be32(1)),
                       Tlv(600, {}), Tlv(201, {}), Tlv(4, {})});
-    Reply r = Exchange(Request(1, 0, 2, tlvs));
-    EXPECT_EQ(r.cls, 1u);
-    EXPECT_EQ(r.result, 0u);
-    EXPECT_EQ(r.type, 0u);
-    EXPECT_EQ(r.oper, 2u);
-    EXPECT_EQ(r.dataLen, 36u);
-    ASSERT_EQ(r.payload.size(), 36u);
-    EXPECT_EQ(Bytes(r.payload.begin(), r.payload.begin() + 4), Cat({Be16(402), Be16(32)}));
-    EXPECT_EQ(Bytes(r.payload.begin() + 24, r.payload.begin() + 28), Be32(9));
-    EXPECT_THAT(UnknownTlvLines(), ElementsAre("EVENT Received a message with an unknown TLV (type: 402).",
-                                               "EVENT Received a message with an unknown TLV (type: 599).",
-                                               "EVENT Received a message with an unknown TLV (type: 4)."));
+    Bytes details = Cat({Bytes(20, 0), Be32(9), Be32(0), Be16(0), Bytes{0, 1}});
+    EXPECT_EQ(Exchange(Request(1, 0, 2, tlvs)), Cat({Head(1, 36, 0, 0, 2), Tlv(402, details)}));
+    EXPECT_THAT(UnknownTlvLines(), ElementsAre(UnknownTlvLine(402), UnknownTlvLine(599), UnknownTlvLine(4)));
 
-    r = Exchange(Request(1, 1, 7));
-    EXPECT_EQ(r.type, 1u);
-    EXPECT_EQ(r.oper, 7u);
-    EXPECT_EQ(r.payload, Cat({Be16(404), Be16(4), Be32(2)}));
-
-    /* A failing display handler: header with its code and no TLV. */
-    r = Exchange(Request(1, 0, 2, Tlv(2, Be32(10))));
-    EXPECT_EQ(r.size, 12u);
-    EXPECT_EQ(r.cls, 1u);
-    EXPECT_EQ(r.dataLen, 0u);
-    EXPECT_EQ(r.result, TBDL_E_FAILED);
-    EXPECT_EQ(r.oper, 2u);
+    EXPECT_EQ(Exchange(Request(1, 1, 7)), Cat({Head(1, 8, 0, 1, 7), Tlv(404, Be32(2))}));
+    /* A failing display handler: its code and no TLV. */
+    EXPECT_EQ(Exchange(Request(1, 0, 2, Tlv(2, Be32(10)))), Head(1, 0, TBDL_E_FAILED, 0, 2));
 }
 
 TEST_F(CfgRequest, BundleRemovalUnbindsMembersBeforeTheBundleHandlerRuns)
 {
     uint32_t ifIndex = fake::AddTunnel(10);
-    ASSERT_EQ(Exchange(Request(0, 1, 0, BndCreateTlvs(1))).result, 0u);
-    ASSERT_EQ(Exchange(Request(0, 2, 0, MembTlvs(1, 10, 3))).result, 0u);
-    ASSERT_EQ(fake::PrivateData().count(ifIndex), 1u);
-
-    /* Removing the address does not touch the members. */
-    ASSERT_EQ(Exchange(Request(0, 1, 0, Cat({Tlv(2, Be32(1)), Tlv(203, Cat({Be16(2), Bytes(18, 1)}))}))).result,
-              0u);
-    ASSERT_EQ(Exchange(Request(0, 1, 1, Cat({Tlv(2, Be32(1)), Tlv(203, Bytes(20, 0))}))).result, 0u);
+    ASSERT_EQ(ResultOf(Exchange(Request(0, 1, 0, BndCreateTlvs(1)))), 0u);
+    Bytes memb = Cat({Tlv(2, Be32(1)), Tlv(204, Cat({Be32(10), Be16(3), Bytes{0}}))});
+    ASSERT_EQ(ResultOf(Exchange(Request(0, 2, 0, memb))), 0u);
+    /* Undoing the address leaves the members. */
+    Bytes addr = Cat({Tlv(2, Be32(1)), Tlv(203, Cat({Be16(2), Bytes(18, 1)}))});
+    ASSERT_EQ(ResultOf(Exchange(Request(0, 1, 0, addr))), 0u);
+    ASSERT_EQ(ResultOf(Exchange(Request(0, 1, 1, addr))), 0u);
     ASSERT_EQ(fake::PrivateData().count(ifIndex), 1u);
 
     fake::ClearJournal();
-    Reply r = Exchange(Request(0, 1, 1, BndCreateTlvs(1)));
-    EXPECT_EQ(r.result, TBDL_E_LAST_BND_DELETED);
-    EXPECT_EQ(r.oper, 1u);
+    EXPECT_EQ(Exchange(Request(0, 1, 1, BndCreateTlvs(1))), Head(0, 0, TBDL_E_LAST_BND_DELETED, 1, 1));
     std::vector<std::string> names = fake::Names({"IF_DelPrivateData", "CIOCTL", "DBM_RemoveSortList"});
     ASSERT_FALSE(names.empty());
     EXPECT_EQ(names.front(), "IF_DelPrivateData");
@@ -258,111 +197,52 @@ TEST_F(CfgRequest, BundleRemovalUnbindsMembersBeforeTheBundleHandlerRuns)
     EXPECT_EQ(fake::Db().count(Cat({Bytes{2}, Be32(1)})), 0u);
 }
 
-/* ---- TLV walk into the handler records ---- */
+/* ---- TLV walk into the handlers' records ---- */
 
-struct Parsed {
-    TBDL_CFG_KEY_S key = {};
-    TBDL_CFG_OPER_DATA_S data = {};
-    uint16_t type = 0xFFFF;
-};
-
-Parsed ParseCfg(const Bytes &payload)
+TEST(CfgParse, OperationTlvsFillTheOperationDataInHostOrder)
 {
-    Parsed p;
-    p.type = tbdl_cfg_ParseCfgTlvs(payload.data(), static_cast<u32>(payload.size()), &p.key, &p.data);
-    return p;
-}
-
-Bytes DataPrefix(const Parsed &p, size_t n)
-{
-    return Bytes(p.data.aucData, p.data.aucData + n);
-}
-
-template <typename T>
-Bytes HostBytes(T v)
-{
-    Bytes b(sizeof(T));
-    memcpy(b.data(), &v, sizeof(T));
-    return b;
-}
-
-class CfgParse : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        fake::Reset();
-        TBDL_DBG_Init();
+    fake::Reset();
+    TBDL_DBG_Init();
+    Bytes addr = Cat({Be16(2), Bytes{0xA1, 0xA2, 10, 0, 0, 1}, Bytes(12, 0xEE)});
+    Bytes memb = Tlv(204, Cat({Be32(5), Be16(6), Bytes{1}}));
+    const struct {
+        const char *what;
+        Bytes payload;
+        uint32_t key;
+        uint16_t type;
+        Bytes data; /* the first bytes of the operation data */
+    } cases[] = {
+        {"202: two u16", Cat({Tlv(2, Be32(0x01020304)), Tlv(202, Cat({Be16(4), Be16(0x0102)}))}), 0x01020304, 202,
+         Cat({Host<u16>(4), Host<u16>(0x0102), Bytes{0, 0}})},
+        {"203: family converted, 18 bytes as received", Tlv(203, addr), 0, 203,
+         Cat({Host<u16>(2), Bytes(addr.begin() + 2, addr.end()), Bytes{0}})},
+        {"204: u32, u16, u8", Tlv(204, Cat({Be32(70000), Be16(300), Bytes{2, 0x55}})), 0, 204,
+         Cat({Host<u32>(70000), Host<u16>(300), Bytes{2, 0}})},
+        {"398: u32", Tlv(398, Be32(0xA0B0C0D0)), 0, 398, Cat({Host<u32>(0xA0B0C0D0), Bytes{0}})},
+        {"201: nothing written", Tlv(201, Be32(0xFFFFFFFF)), 0, 201, Bytes(256, 0)},
+        {"202 then 204: the last operation wins", Cat({Tlv(202, Cat({Be16(2), Be16(9)})), memb}), 0, 204,
+         Cat({Host<u32>(5), Host<u16>(6), Bytes{1, 0}})},
+        {"203 then 204: only 7 bytes replaced", Cat({Tlv(203, Bytes(20, 0xAA)), memb}), 0, 204,
+         Cat({Host<u32>(5), Host<u16>(6), Bytes{1}, Bytes(13, 0xAA), Bytes{0}})},
+        {"short 204 is zero-filled to its 7 bytes", Cat({Tlv(203, Bytes(20, 0xAA)), Tlv(204, Bytes{0, 0, 0, 7, 1})}),
+         0, 204, Cat({Host<u32>(7), Host<u16>(0x0100), Bytes{0, 0xAA}})},
+        {"short key and 202", Cat({Tlv(2, Bytes{0x12, 0x34}), Tlv(202, Bytes{0})}), 0x12340000, 202, Bytes(4, 0)},
+        {"short 203", Tlv(203, Bytes{0, 2, 7}), 0, 203, Cat({Host<u16>(2), Bytes{7}, Bytes(17, 0)})},
+        {"TLV running past the payload ends the walk",
+         Cat({Tlv(2, Be32(3)), Tlv(202, Be32(0x00010000)), Tlv(2, Be32(8), 5)}), 3, 202,
+         Cat({Host<u16>(1), Host<u16>(0)})},
+        {"fragment shorter than a header is ignored", Cat({Tlv(2, Be32(4)), Bytes{0, 2, 0}}), 4, 0, {}},
+        {"the last key wins", Cat({Tlv(2, Be32(4)), Tlv(2, Be32(11))}), 11, 0, {}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        TBDL_CFG_KEY_S key = {};
+        alignas(8) TBDL_CFG_OPER_DATA_S data = {};
+        EXPECT_EQ(tbdl_cfg_ParseCfgTlvs(c.payload.data(), static_cast<u32>(c.payload.size()), &key, &data), c.type);
+        EXPECT_EQ(key.uiBndNum, c.key);
+        EXPECT_EQ(Bytes(data.aucData, data.aucData + c.data.size()), c.data);
     }
-    void TearDown() override { TBDL_DBG_Fini(); }
-};
-
-TEST_F(CfgParse, OperationValuesAreConvertedToHostOrder)
-{
-    Parsed p = ParseCfg(Cat({Tlv(2, Be32(0x01020304)), Tlv(202, Cat({Be16(4), Be16(0x0102)}))}));
-    EXPECT_EQ(p.key.uiBndNum, 0x01020304u);
-    EXPECT_EQ(p.type, 202u);
-    EXPECT_EQ(DataPrefix(p, 6), Cat({HostBytes<u16>(4), HostBytes<u16>(0x0102), Bytes{0, 0}}));
-
-    Bytes addr = Cat({Be16(2), Bytes{0xA1, 0xA2}, Bytes{10, 0, 0, 1}, Bytes(12, 0xEE)});
-    p = ParseCfg(Tlv(203, addr));
-    EXPECT_EQ(p.type, 203u);
-    EXPECT_EQ(DataPrefix(p, 21), Cat({HostBytes<u16>(2), Bytes(addr.begin() + 2, addr.end()), Bytes{0}}));
-
-    p = ParseCfg(Tlv(204, Cat({Be32(70000), Be16(300), Bytes{2}, Bytes{0x55}})));
-    EXPECT_EQ(p.type, 204u);
-    EXPECT_EQ(DataPrefix(p, 8), Cat({HostBytes<u32>(70000), HostBytes<u16>(300), Bytes{2}, Bytes{0}}));
-
-    p = ParseCfg(Tlv(398, Be32(0xA0B0C0D0)));
-    EXPECT_EQ(p.type, 398u);
-    EXPECT_EQ(DataPrefix(p, 5), Cat({HostBytes<u32>(0xA0B0C0D0), Bytes{0}}));
-
-    p = ParseCfg(Tlv(201, Be32(0xFFFFFFFF)));
-    EXPECT_EQ(p.type, 201u);
-    EXPECT_EQ(DataPrefix(p, 256), Bytes(256, 0));
-}
-
-TEST_F(CfgParse, LaterOperationWritesOverTheFirstBytesOfAnEarlierOne)
-{
-    Parsed p = ParseCfg(Cat({Tlv(202, Cat({Be16(2), Be16(9)})), Tlv(204, Cat({Be32(5), Be16(6), Bytes{1}}))}));
-    EXPECT_EQ(p.type, 204u);
-    EXPECT_EQ(DataPrefix(p, 8), Cat({HostBytes<u32>(5), HostBytes<u16>(6), Bytes{1, 0}}));
-
-    /* 203 writes 20 bytes; a following 204 replaces only its first 7. */
-    p = ParseCfg(Cat({Tlv(203, Bytes(20, 0xAA)), Tlv(204, Cat({Be32(5), Be16(6), Bytes{1}}))}));
-    EXPECT_EQ(DataPrefix(p, 21), Cat({HostBytes<u32>(5), HostBytes<u16>(6), Bytes{1}, Bytes(13, 0xAA), Bytes{0}}));
-}
-
-TEST_F(CfgParse, ShortValuesAreZeroFilledToTheWidthTheOperationReads)
-{
-    /* 204 with 5 of its 7 bytes: weight's low byte and the role read 0,
-     * and the operation still covers its 7 bytes of an earlier 203. */
-    Parsed p = ParseCfg(Cat({Tlv(203, Bytes(20, 0xAA)), Tlv(204, Bytes{0, 0, 0, 7, 0x01})}));
-    EXPECT_EQ(p.type, 204u);
-    EXPECT_EQ(DataPrefix(p, 8), Cat({HostBytes<u32>(7), HostBytes<u16>(0x0100), Bytes{0}, Bytes{0xAA}}));
-
-    p = ParseCfg(Cat({Tlv(2, Bytes{0x12, 0x34}), Tlv(202, Bytes{0})}));
-    EXPECT_EQ(p.key.uiBndNum, 0x12340000u);
-    EXPECT_EQ(p.type, 202u);
-    EXPECT_EQ(DataPrefix(p, 4), Bytes(4, 0));
-
-    p = ParseCfg(Tlv(203, Bytes{0, 2, 7}));
-    EXPECT_EQ(DataPrefix(p, 20), Cat({HostBytes<u16>(2), Bytes{7}, Bytes(17, 0)}));
-}
-
-TEST_F(CfgParse, TlvRunningPastThePayloadEndsTheWalk)
-{
-    Bytes payload = Cat({Tlv(2, Be32(3)), Tlv(202, Be32(0x00010000)), Tlv(2, Be32(8), 5)});
-    Parsed p = ParseCfg(payload);
-    EXPECT_EQ(p.key.uiBndNum, 3u);
-    EXPECT_EQ(p.type, 202u);
-
-    /* A trailing fragment shorter than a TLV header is ignored. */
-    p = ParseCfg(Cat({Tlv(2, Be32(4)), Bytes{0, 2, 0}}));
-    EXPECT_EQ(p.key.uiBndNum, 4u);
-
-    /* The last TLV 2 wins. */
-    p = ParseCfg(Cat({Tlv(2, Be32(4)), Tlv(2, Be32(11))}));
-    EXPECT_EQ(p.key.uiBndNum, 11u);
+    TBDL_DBG_Fini();
 }
 
 } // namespace

@@ -14,22 +14,21 @@ const Bytes kBndKey = {0x01};
 
 Bytes MembKey(uint32_t uiBnd)
 {
-    return {0x02, static_cast<uint8_t>(uiBnd >> 24), static_cast<uint8_t>(uiBnd >> 16),
-            static_cast<uint8_t>(uiBnd >> 8), static_cast<uint8_t>(uiBnd)};
+    return {0x02, uint8_t(uiBnd >> 24), uint8_t(uiBnd >> 16), uint8_t(uiBnd >> 8), uint8_t(uiBnd)};
 }
 
-TBDL_DBM_BND_S Bnd(u32 uiBndNum)
+u32 SetBnd(u16 usDel, u32 uiBndNum)
 {
     TBDL_DBM_BND_S st{};
     st.uiBndNum = uiBndNum;
-    return st;
+    return TBDL_DBM_SetBnd(usDel, &st);
 }
 
-TBDL_MEMB_CFG_S Memb(u32 uiTnl)
+u32 SetMemb(u16 usDel, u32 uiBnd, u32 uiTnl)
 {
     TBDL_MEMB_CFG_S st{};
     st.uiTnlNum = uiTnl;
-    return st;
+    return TBDL_DBM_SetMemb(usDel, uiBnd, &st);
 }
 
 /* Bundle numbers of the stored bundle list, in stored order. */
@@ -37,10 +36,8 @@ std::vector<uint32_t> StoredBndNums()
 {
     std::vector<uint32_t> out;
     auto it = fake::Db().find(kBndKey);
-    if (it == fake::Db().end()) {
-        return out;
-    }
-    for (const Bytes &r : it->second) {
+    for (size_t i = 0; it != fake::Db().end() && i < it->second.size(); i++) {
+        const Bytes &r = it->second[i];
         out.push_back((uint32_t{r[20]} << 24) | (uint32_t{r[21]} << 16) | (uint32_t{r[22]} << 8) | r[23]);
     }
     return out;
@@ -52,8 +49,7 @@ protected:
     {
         fake::Reset();
         TBDL_DBG_Init();
-        /* ERROR output on, so messages reach the fake's log. */
-        u32 uiType = TBDL_DBG_ERROR;
+        u32 uiType = TBDL_DBG_ERROR; /* ERROR output on: messages reach the log */
         TBDL_DBG_SetDebug(0, nullptr, 0, &uiType);
         ASSERT_EQ(0u, TBDL_DBM_Init());
         fake::ClearJournal();
@@ -65,7 +61,7 @@ protected:
     }
 };
 
-TEST(DbmOpen, OpensWithTheFixedArgumentsAndKeepsTheHandle)
+TEST(DbmOpen, OpensWithTheFixedArgumentsAndClosesOnce)
 {
     fake::Reset();
     ASSERT_EQ(0u, TBDL_DBM_Init());
@@ -73,35 +69,25 @@ TEST(DbmOpen, OpensWithTheFixedArgumentsAndKeepsTheHandle)
     EXPECT_EQ("eTBDL|TBDL", c.text);
     /* type, eight parameters, handle preset to -1, record max, flag -1 */
     EXPECT_EQ((std::vector<uint64_t>{7, 1, 0, 1, 32, 0, 0, 0, 0, ~0ull, 32, ~0ull}), c.args);
-    EXPECT_TRUE(fake::DbOpen());
-    EXPECT_NE(DBM_HANDLE_NONE, TBDL_DBM_GetHandle());
     u64 ulHandle = TBDL_DBM_GetHandle();
+    EXPECT_NE(DBM_HANDLE_NONE, ulHandle);
+    fake::FailOnce("DBM_Sync", 5);
+    EXPECT_EQ(5u, TBDL_DBM_HASync());
     TBDL_DBM_Fini();
-    EXPECT_EQ(ulHandle, fake::CallsOf("DBM_Close").at(0).args.at(0));
-    EXPECT_FALSE(fake::DbOpen());
-    EXPECT_EQ(DBM_HANDLE_NONE, TBDL_DBM_GetHandle());
-    TBDL_DBM_Fini(); /* no second close */
+    TBDL_DBM_Fini();
+    EXPECT_EQ(std::vector<uint64_t>{ulHandle}, fake::CallsOf("DBM_Close").at(0).args);
     EXPECT_EQ(1u, fake::CountOf("DBM_Close"));
-}
+    EXPECT_EQ(DBM_HANDLE_NONE, TBDL_DBM_GetHandle());
 
-TEST(DbmOpen, FailedOpenLeavesNoHandle)
-{
-    fake::Reset();
+    /* A failed open leaves no handle and nothing to close. */
     fake::FailOnce("DBM_Open", 0x77);
     EXPECT_EQ(0x77u, TBDL_DBM_Init());
     EXPECT_EQ(DBM_HANDLE_NONE, TBDL_DBM_GetHandle());
     TBDL_DBM_Fini();
-    EXPECT_EQ(0u, fake::CountOf("DBM_Close"));
+    EXPECT_EQ(1u, fake::CountOf("DBM_Close"));
 }
 
-TEST_F(DbmTest, SyncIsPassedOn)
-{
-    fake::FailOnce("DBM_Sync", 5);
-    EXPECT_EQ(5u, TBDL_DBM_HASync());
-    EXPECT_EQ(0u, TBDL_DBM_HASync());
-}
-
-TEST_F(DbmTest, BundleRecordIsStoredBigEndianWithZeroedReservedBytes)
+TEST_F(DbmTest, RecordsAreStoredBigEndianWithZeroedReservedBytes)
 {
     TBDL_DBM_BND_S st{};
     st.stAddr.usFamily = 2;
@@ -117,66 +103,52 @@ TEST_F(DbmTest, BundleRecordIsStoredBigEndianWithZeroedReservedBytes)
     st.usVrfIndex = 0x0A0B;
     st.usResv2 = 0xFFFF;
     ASSERT_EQ(0u, TBDL_DBM_SetBnd(0, &st));
-    auto c = fake::CallsOf("DBM_InsertSortList").at(0);
-    const Bytes want = {0x00, 0x02, 0xC1, 0xC2, 0x10, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16,
-                        0x17, 0x18, 0x19, 0x1A, 0x1B, 0x1C, 0x1D, 0x1E, 0x1F, 0x01, 0x02,
-                        0x03, 0x04, 0x02, 0x05, 0x00, 0x00, 0x0A, 0x0B, 0x00, 0x00};
-    EXPECT_EQ(kBndKey, c.data);
-    EXPECT_EQ(want, c.rec);
-    EXPECT_EQ((std::vector<uint64_t>{TBDL_DBM_GetHandle(), 1, 32, 0}), c.args);
-}
+    TBDL_MEMB_CFG_S stMemb{};
+    stMemb.uiTnlNum = 0x11223344;
+    stMemb.usWeight = 0x5566;
+    stMemb.ucRole = 2;
+    stMemb.ucResv = 0xEE;
+    stMemb.usVrfIndex = 0x7788;
+    stMemb.usResv = 0xEEEE;
+    ASSERT_EQ(0u, TBDL_DBM_SetMemb(0, 0x0A0B0C0D, &stMemb));
 
-TEST_F(DbmTest, MemberRecordIsStoredBigEndianUnderItsBundleKey)
-{
-    TBDL_MEMB_CFG_S st{};
-    st.uiTnlNum = 0x11223344;
-    st.usWeight = 0x5566;
-    st.ucRole = 2;
-    st.ucResv = 0xEE;
-    st.usVrfIndex = 0x7788;
-    st.usResv = 0xEEEE;
-    ASSERT_EQ(0u, TBDL_DBM_SetMemb(0, 0x0A0B0C0D, &st));
-    auto c = fake::CallsOf("DBM_InsertSortList").at(0);
-    EXPECT_EQ(MembKey(0x0A0B0C0D), c.data);
-    EXPECT_EQ((Bytes{0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x02, 0x00, 0x77, 0x88, 0x00, 0x00}), c.rec);
-    EXPECT_EQ((std::vector<uint64_t>{TBDL_DBM_GetHandle(), 5, 12, 1}), c.args);
-    auto sw = fake::CallsOf("DBM_SetSortWord").at(0);
-    EXPECT_EQ(MembKey(0x0A0B0C0D), sw.data);
-    EXPECT_EQ((std::vector<uint64_t>{TBDL_DBM_GetHandle(), 5, 1, 0, 4, 19, 0}), sw.args);
-}
-
-TEST_F(DbmTest, FirstStoreSetsTheSortWordOnceAndListsSortNumerically)
-{
-    for (u32 ui : {0x100u, 2u, 0x30u, 2u}) {
-        TBDL_DBM_BND_S st = Bnd(ui);
-        ASSERT_EQ(0u, TBDL_DBM_SetBnd(0, &st));
-    }
+    auto ins = fake::CallsOf("DBM_InsertSortList");
+    ASSERT_EQ(2u, ins.size());
+    EXPECT_EQ(kBndKey, ins[0].data);
+    EXPECT_EQ((Bytes{0x00, 0x02, 0xC1, 0xC2, 0x10, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16, 0x17, 0x18, 0x19, 0x1A, 0x1B,
+                     0x1C, 0x1D, 0x1E, 0x1F, 0x01, 0x02, 0x03, 0x04, 0x02, 0x05, 0x00, 0x00, 0x0A, 0x0B, 0x00, 0x00}),
+              ins[0].rec);
+    EXPECT_EQ((std::vector<uint64_t>{TBDL_DBM_GetHandle(), 1, 32, 0}), ins[0].args);
+    EXPECT_EQ(MembKey(0x0A0B0C0D), ins[1].data);
+    EXPECT_EQ((Bytes{0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x02, 0x00, 0x77, 0x88, 0x00, 0x00}), ins[1].rec);
+    EXPECT_EQ((std::vector<uint64_t>{TBDL_DBM_GetHandle(), 5, 12, 1}), ins[1].args);
     auto sw = fake::CallsOf("DBM_SetSortWord");
-    ASSERT_EQ(1u, sw.size());
+    ASSERT_EQ(2u, sw.size());
     EXPECT_EQ(kBndKey, sw[0].data);
     EXPECT_EQ((std::vector<uint64_t>{TBDL_DBM_GetHandle(), 1, 1, 20, 4, 19, 0}), sw[0].args);
-    /* Stored again after a change: replaced, not duplicated. */
-    EXPECT_EQ((std::vector<uint32_t>{2, 0x30, 0x100}), StoredBndNums());
+    EXPECT_EQ(MembKey(0x0A0B0C0D), sw[1].data);
+    EXPECT_EQ((std::vector<uint64_t>{TBDL_DBM_GetHandle(), 5, 1, 0, 4, 19, 0}), sw[1].args);
 }
 
-TEST_F(DbmTest, RemovingTheLastRecordDeletesTheKey)
+TEST_F(DbmTest, SortWordIsSetOnlyForANewKeyWhichGoesWithItsLastRecord)
 {
-    for (u32 ui : {7u, 9u}) {
-        TBDL_DBM_BND_S st = Bnd(ui);
-        ASSERT_EQ(0u, TBDL_DBM_SetBnd(0, &st));
+    for (u32 ui : {0x100u, 2u, 0x30u, 2u}) {
+        ASSERT_EQ(0u, SetBnd(0, ui));
     }
-    /* A removal record that carries only the bundle number. */
-    TBDL_DBM_BND_S stDel = Bnd(7);
-    EXPECT_EQ(0u, TBDL_DBM_SetBnd(1, &stDel));
-    EXPECT_EQ(std::vector<uint32_t>{9}, StoredBndNums());
+    EXPECT_EQ(1u, fake::CountOf("DBM_SetSortWord"));
+    /* Sorted numerically; stored again after a change: replaced. */
+    EXPECT_EQ((std::vector<uint32_t>{2, 0x30, 0x100}), StoredBndNums());
+
+    /* Removal records carry only the bundle number. */
+    EXPECT_EQ(0u, SetBnd(1, 0x30));
+    EXPECT_EQ(0u, SetBnd(1, 2));
+    EXPECT_EQ(std::vector<uint32_t>{0x100}, StoredBndNums());
     EXPECT_EQ(0u, fake::CountOf("DBM_DeleteKey"));
-    stDel = Bnd(9);
-    EXPECT_EQ(0u, TBDL_DBM_SetBnd(1, &stDel));
+    EXPECT_EQ(0u, SetBnd(1, 0x100));
     EXPECT_EQ(0u, fake::Db().count(kBndKey));
     EXPECT_EQ(kBndKey, fake::CallsOf("DBM_DeleteKey").at(0).data);
-    /* The key is new again: the next store sets the sort word again. */
-    TBDL_DBM_BND_S st = Bnd(3);
-    ASSERT_EQ(0u, TBDL_DBM_SetBnd(0, &st));
+    /* The key is new again. */
+    ASSERT_EQ(0u, SetBnd(0, 3));
     EXPECT_EQ(2u, fake::CountOf("DBM_SetSortWord"));
 }
 
@@ -184,24 +156,18 @@ TEST_F(DbmTest, MemberRemovalOneByOneAndAllAtOnce)
 {
     for (u32 uiBnd : {1u, 2u}) {
         for (u32 uiTnl : {300u, 4u}) {
-            TBDL_MEMB_CFG_S st = Memb(uiTnl);
-            ASSERT_EQ(0u, TBDL_DBM_SetMemb(0, uiBnd, &st));
+            ASSERT_EQ(0u, SetMemb(0, uiBnd, uiTnl));
         }
     }
-    const auto &list = fake::Db().at(MembKey(1));
-    ASSERT_EQ(2u, list.size());
-    EXPECT_EQ(4, list[0][3]); /* tunnel 4 before tunnel 300 */
-
-    TBDL_MEMB_CFG_S st = Memb(4);
-    EXPECT_EQ(0u, TBDL_DBM_SetMemb(1, 1, &st));
+    ASSERT_EQ(2u, fake::Db().at(MembKey(1)).size());
+    EXPECT_EQ(4, fake::Db().at(MembKey(1))[0][3]); /* tunnel 4 before tunnel 300 */
+    EXPECT_EQ(0u, SetMemb(1, 1, 4));
     EXPECT_EQ(1u, fake::Db().at(MembKey(1)).size());
-    st = Memb(300);
-    EXPECT_EQ(0u, TBDL_DBM_SetMemb(1, 1, &st));
+    EXPECT_EQ(0u, SetMemb(1, 1, 300));
     EXPECT_EQ(0u, fake::Db().count(MembKey(1)));
 
-    /* Remove all of bundle 2: its key goes, nothing else is touched. */
-    TBDL_DBM_BND_S stBnd = Bnd(2);
-    ASSERT_EQ(0u, TBDL_DBM_SetBnd(0, &stBnd));
+    /* All of bundle 2: its key goes, nothing else is touched. */
+    ASSERT_EQ(0u, SetBnd(0, 2));
     fake::ClearJournal();
     EXPECT_EQ(0u, TBDL_DBM_SetMemb(1, 2, nullptr));
     EXPECT_EQ((std::vector<std::string>{"DBM_DeleteKey"}), fake::Names());
@@ -210,63 +176,47 @@ TEST_F(DbmTest, MemberRemovalOneByOneAndAllAtOnce)
     EXPECT_EQ(1u, fake::Db().count(kBndKey));
 }
 
-struct FailCase {
-    const char *pcWhat;
-    const char *pcFailCall;
-    bool bMemb;
-    u16 usDel;
-    const char *pcLine; /* expected log line, or nullptr */
-};
-
 TEST_F(DbmTest, FailuresAreLoggedAsTheOperationSays)
 {
-    const FailCase cases[] = {
-        {"bundle insert", "DBM_InsertSortList", false, 0,
-         "ERROR Failed to save tunnel bundle interface (7) to DBM.\r\n"},
-        {"bundle removal", "DBM_RemoveSortList", false, 1,
-         "ERROR Failed to delete tunnel bundle interface (7) from DBM.\r\n"},
-        {"member insert", "DBM_InsertSortList", true, 0, "ERROR Failed to save member (12) to DBM.\r\n"},
-        {"member removal", "DBM_RemoveSortList", true, 1,
-         "ERROR Failed to delete member (12) from DBM.\r\n"},
-        {"bundle sort word", "DBM_SetSortWord", false, 0, nullptr},
-        {"member sort word", "DBM_SetSortWord", true, 0, nullptr},
+    const struct {
+        const char *pcFailCall;
+        bool bMemb;
+        u16 usDel;
+        const char *pcLine; /* expected log line, or nullptr */
+    } cases[] = {
+        {"DBM_InsertSortList", false, 0, "ERROR Failed to save tunnel bundle interface (7) to DBM.\r\n"},
+        {"DBM_RemoveSortList", false, 1, "ERROR Failed to delete tunnel bundle interface (7) from DBM.\r\n"},
+        {"DBM_InsertSortList", true, 0, "ERROR Failed to save member (12) to DBM.\r\n"},
+        {"DBM_RemoveSortList", true, 1, "ERROR Failed to delete member (12) from DBM.\r\n"},
+        {"DBM_SetSortWord", false, 0, nullptr},
+        {"DBM_SetSortWord", true, 0, nullptr},
     };
-    for (const FailCase &fc : cases) {
-        SCOPED_TRACE(fc.pcWhat);
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.pcFailCall) + (c.bMemb ? " member" : " bundle"));
         fake::Db().clear();
-        /* One stored record, so removals find their list. */
-        TBDL_DBM_BND_S stBnd = Bnd(7);
-        TBDL_MEMB_CFG_S stMemb = Memb(12);
-        if (fc.usDel == 1) {
-            ASSERT_EQ(0u, fc.bMemb ? TBDL_DBM_SetMemb(0, 1, &stMemb) : TBDL_DBM_SetBnd(0, &stBnd));
+        auto set = [&](u16 usDel) { return c.bMemb ? SetMemb(usDel, 1, 12) : SetBnd(usDel, 7); };
+        if (c.usDel == 1) {
+            ASSERT_EQ(0u, set(0)); /* the removal finds its list */
         }
         fake::ClearJournal();
         size_t ulLinesBefore = fake::LogLines().size();
-        fake::FailOnce(fc.pcFailCall, 0x99);
-        u32 uiRet = fc.bMemb ? TBDL_DBM_SetMemb(fc.usDel, 1, &stMemb) : TBDL_DBM_SetBnd(fc.usDel, &stBnd);
-        EXPECT_EQ(0x99u, uiRet);
+        fake::FailOnce(c.pcFailCall, 0x99);
+        EXPECT_EQ(0x99u, set(c.usDel));
         std::vector<std::string> lines = fake::LogLines();
         lines.erase(lines.begin(), lines.begin() + static_cast<long>(ulLinesBefore));
-        if (fc.pcLine != nullptr) {
-            EXPECT_EQ(std::vector<std::string>{fc.pcLine}, lines);
-        } else {
-            EXPECT_TRUE(lines.empty());
+        EXPECT_EQ(c.pcLine != nullptr ? std::vector<std::string>{c.pcLine} : std::vector<std::string>{}, lines);
+        if (c.pcLine == nullptr) {
             EXPECT_EQ(0u, fake::CountOf("DBM_InsertSortList")); /* nothing inserted */
         }
-        if (fc.usDel == 1) {
-            /* The record is still there: the list is not empty, the key stays. */
-            EXPECT_EQ(0u, fake::CountOf("DBM_DeleteKey"));
-        }
+        EXPECT_EQ(0u, fake::CountOf("DBM_DeleteKey")); /* a record is still there */
     }
 }
 
 TEST_F(DbmTest, FailedRemovalStillDeletesAnEmptyKey)
 {
-    /* The list exists but holds nothing: the removal fails, the key goes. */
     fake::DbPut(kBndKey, 20, Bytes(32, 0));
     fake::Db()[kBndKey].clear();
-    TBDL_DBM_BND_S st = Bnd(5);
-    EXPECT_NE(0u, TBDL_DBM_SetBnd(1, &st));
+    EXPECT_NE(0u, SetBnd(1, 5));
     EXPECT_EQ(1u, fake::CountOf("DBM_DeleteKey"));
     EXPECT_EQ(0u, fake::Db().count(kBndKey));
     EXPECT_EQ((std::vector<std::string>{"ERROR Failed to delete tunnel bundle interface (5) from DBM.\r\n"}),

@@ -1,6 +1,6 @@
-/* Display handlers: the exact bytes of the bundle details, counts, debug
- * switch and device limit TLVs, paging through the bundles, and the
- * answers when there is nothing to show or no room. */
+/* Display handlers: the bytes of the bundle details, counts, debug switch
+ * and device limit TLVs, paging, and the answers when there is nothing to
+ * show or no room. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -15,72 +15,54 @@ using namespace cfgtest;
 
 namespace {
 
-constexpr uint8_t kGuard = 0xEE;
-
 struct Out {
     uint32_t result = 0;
     uint16_t outLen = 0;
-    Bytes tlv;           /* the outLen bytes written */
+    Bytes tlv;            /* the outLen bytes written */
     bool overrun = false; /* something written past usBufLen */
 };
 
 Out Disp(TBDL_DISP_HANDLER_PF handler, uint16_t oper, uint32_t bnd, uint16_t bufLen = 1488)
 {
-    Bytes buf(static_cast<size_t>(bufLen) + 64, kGuard);
+    Bytes buf(static_cast<size_t>(bufLen) + 64, 0xEE);
     TBDL_CFG_KEY_S key = {bnd};
     Out o;
     o.result = handler(oper, &key, bufLen, buf.data(), &o.outLen);
     o.tlv.assign(buf.begin(), buf.begin() + std::min<size_t>(o.outLen, buf.size()));
-    for (size_t i = bufLen; i < buf.size(); i++) {
-        o.overrun |= buf[i] != kGuard;
-    }
+    o.overrun = std::any_of(buf.begin() + bufLen, buf.end(), [](uint8_t b) { return b != 0xEE; });
     return o;
+}
+
+/* Calls a configuration handler with operation data `data` (host order). */
+u32 Configure(TBDL_CFG_HANDLER_PF handler, uint32_t bnd, u16 operType, const Bytes &data)
+{
+    alignas(8) TBDL_CFG_OPER_DATA_S oper = {};
+    memcpy(oper.aucData, data.data(), data.size());
+    TBDL_CFG_KEY_S key = {bnd};
+    return handler(0, &key, operType, &oper);
 }
 
 u32 CreateBnd(uint32_t bnd, uint16_t mode = 1, uint16_t tnlMode = 0)
 {
-    alignas(8) TBDL_CFG_OPER_DATA_S data = {};
-    const u16 vals[2] = {mode, tnlMode};
-    memcpy(data.aucData, vals, sizeof(vals));
-    TBDL_CFG_KEY_S key = {bnd};
-    return TBDL_BND_Configure(0, &key, 202, &data);
+    return Configure(TBDL_BND_Configure, bnd, 202, Cat({Host(mode), Host(tnlMode)}));
 }
 
-u32 SetAddr(uint32_t bnd, const Bytes &rest18)
+u32 Bind(uint32_t bnd, uint32_t tnl, uint16_t weight)
 {
-    alignas(8) TBDL_CFG_OPER_DATA_S data = {};
-    const u16 family = 2;
-    memcpy(data.aucData, &family, sizeof(family));
-    memcpy(data.aucData + 2, rest18.data(), 18);
-    TBDL_CFG_KEY_S key = {bnd};
-    return TBDL_BND_Configure(0, &key, 203, &data);
+    return Configure(TBDL_INTF_Configure, bnd, 204, Cat({Host(tnl), Host(weight), Bytes{0}}));
 }
 
-u32 Bind(uint32_t bnd, uint32_t tnl, uint16_t weight, uint8_t role = 0)
+/* TLV 402 of a bundle without address. */
+Bytes Details(uint32_t bnd, const Bytes &members, uint32_t count, uint8_t state)
 {
-    alignas(8) TBDL_CFG_OPER_DATA_S data = {};
-    TBDL_MEMB_CFG_S cfg = {};
-    cfg.uiTnlNum = tnl;
-    cfg.usWeight = weight;
-    cfg.ucRole = role;
-    memcpy(data.aucData, &cfg, sizeof(cfg));
-    TBDL_CFG_KEY_S key = {bnd};
-    return TBDL_INTF_Configure(0, &key, 204, &data);
+    return Tlv(402, Cat({Bytes(20, 0), Be32(bnd), Be32(count), Be16(0), Bytes{state, 1}, members}));
 }
 
-/* TLV 402 value for a bundle without address. */
-Bytes Details(uint32_t bnd, const Bytes &members, uint32_t count, uint16_t tnlMode, uint8_t state, uint8_t mode)
-{
-    Bytes value = Cat({Bytes(20, 0), Be32(bnd), Be32(count), Be16(tnlMode), Bytes{state, mode}, members});
-    return Tlv(402, value);
-}
+Bytes Member(uint32_t tnl, uint16_t weight, uint8_t state) { return Cat({Be32(tnl), Be16(weight), Bytes{0, state}}); }
 
-Bytes Member(uint32_t tnl, uint16_t weight, uint8_t role, uint8_t state)
-{
-    return Cat({Be32(tnl), Be16(weight), Bytes{role, state}});
-}
+Bytes Counts(uint32_t total, uint32_t up, uint32_t down) { return Tlv(403, Cat({Be32(total), Be32(up), Be32(down)})); }
 
-class Disp_ : public ::testing::Test {
+class DispTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
@@ -105,95 +87,63 @@ protected:
     }
 };
 
-TEST_F(Disp_, DetailsOfABundleWithoutMembers)
+TEST_F(DispTest, DetailsOfABundleWithAddressAndNoMembers)
 {
     ASSERT_EQ(CreateBnd(5, 2, 0x0103), 0u);
-    Bytes rest = Cat({Bytes{0xC1, 0xC2}, Bytes{10, 1, 2, 3}, Bytes(12, 0)});
-    ASSERT_EQ(SetAddr(5, rest), 0u);
-
+    Bytes rest = Cat({Bytes{0xC1, 0xC2, 10, 1, 2, 3}, Bytes(12, 0)});
+    ASSERT_EQ(Configure(TBDL_BND_Configure, 5, 203, Cat({Host<u16>(2), rest})), 0u);
     Out o = Disp(TBDL_DISP_TnlBnd, 2, 5);
     EXPECT_EQ(o.result, 0u);
     EXPECT_EQ(o.outLen, 36u);
-    /* Only the low byte of the tunnel mode is kept by the table. */
+    /* The table keeps only the low byte of the tunnel mode. */
     EXPECT_EQ(o.tlv, Tlv(402, Cat({Be16(2), rest, Be32(5), Be32(0), Be16(0x03), Bytes{0, 2}})));
-    EXPECT_FALSE(o.overrun);
 }
 
-TEST_F(Disp_, DetailsListEightMembersNewestFirst)
+TEST_F(DispTest, DetailsListEightMembersNewestFirst)
 {
-    ASSERT_EQ(CreateBnd(1, 1, 0), 0u);
+    ASSERT_EQ(CreateBnd(1), 0u);
     Bytes members;
     for (uint32_t tnl = 11; tnl <= 18; tnl++) {
         uint8_t state = (tnl % 3 == 0) ? 0 : 1;
         fake::AddTunnel(tnl, 0, state);
         ASSERT_EQ(Bind(1, tnl, static_cast<uint16_t>(tnl * 300)), 0u);
-        members = Cat({Member(tnl, static_cast<uint16_t>(tnl * 300), 0, state), members});
+        members = Cat({Member(tnl, static_cast<uint16_t>(tnl * 300), state), members});
     }
     Out o = Disp(TBDL_DISP_TnlBnd, 2, 1);
     EXPECT_EQ(o.result, 0u);
     EXPECT_EQ(o.outLen, 100u);
-    EXPECT_EQ(o.tlv, Details(1, members, 8, 0, 1, 1));
-    EXPECT_FALSE(o.overrun);
+    EXPECT_EQ(o.tlv, Details(1, members, 8, 1));
 }
 
-TEST_F(Disp_, DetailsNeedRoomForTheWholeTlv)
-{
-    ASSERT_EQ(CreateBnd(4), 0u);
-    fake::AddTunnel(7);
-    ASSERT_EQ(Bind(4, 7, 1), 0u);
-    /* 4 header + 32 + 8 bytes. */
-    Out o = Disp(TBDL_DISP_TnlBnd, 2, 4, 44);
-    EXPECT_EQ(o.result, 0u);
-    EXPECT_EQ(o.outLen, 44u);
-    EXPECT_FALSE(o.overrun);
-
-    o = Disp(TBDL_DISP_TnlBnd, 2, 4, 43);
-    EXPECT_EQ(o.result, TBDL_E_FAILED);
-    EXPECT_EQ(o.outLen, 0u);
-    EXPECT_FALSE(o.overrun);
-
-    o = Disp(TBDL_DISP_TnlBnd, 2, 4, 3);
-    EXPECT_EQ(o.result, TBDL_E_FAILED);
-    EXPECT_FALSE(o.overrun);
-}
-
-TEST_F(Disp_, PagingWithFirstThenNextEndsInFailed)
+TEST_F(DispTest, PagingWithFirstThenNextEndsInFailed)
 {
     for (uint32_t bnd : {1023u, 3u, 10u}) {
         ASSERT_EQ(CreateBnd(bnd), 0u);
     }
     std::vector<uint32_t> seen;
     Out o = Disp(TBDL_DISP_TnlBnd, 3, 0xDEAD);
-    while (o.result == 0) {
+    for (; o.result == 0 && seen.size() < 10; o = Disp(TBDL_DISP_TnlBnd, 4, seen.back())) {
         ASSERT_EQ(o.tlv.size(), 36u);
-        uint32_t bnd = (uint32_t(o.tlv[24]) << 24) | (uint32_t(o.tlv[25]) << 16) | (uint32_t(o.tlv[26]) << 8) |
-                       o.tlv[27];
-        seen.push_back(bnd);
-        ASSERT_LT(seen.size(), 10u);
-        o = Disp(TBDL_DISP_TnlBnd, 4, bnd);
+        seen.push_back(GetBe32(o.tlv, 24));
     }
     EXPECT_EQ(o.result, TBDL_E_FAILED);
     EXPECT_EQ(o.outLen, 0u);
     EXPECT_THAT(seen, ::testing::ElementsAre(3u, 10u, 1023u));
-
     /* Next from a number that does not exist. */
-    EXPECT_EQ(Disp(TBDL_DISP_TnlBnd, 4, 0).tlv, Details(3, {}, 0, 0, 0, 1));
+    EXPECT_EQ(Disp(TBDL_DISP_TnlBnd, 4, 0).tlv, Details(3, {}, 0, 0));
 }
 
-TEST_F(Disp_, NothingToShowAnswersFailedWithoutTlv)
+TEST_F(DispTest, NothingToShowAnswersFailedWithoutTlv)
 {
+    EXPECT_EQ(Disp(TBDL_DISP_TnlBnd, 3, 0).result, TBDL_E_FAILED); /* first on an empty table */
     ASSERT_EQ(CreateBnd(2), 0u);
     const struct {
         const char *what;
         uint16_t oper;
         uint32_t bnd;
     } cases[] = {
-        {"missing bundle", 2, 3},
-        {"number beyond the table", 2, 1024},
-        {"next beyond the table", 4, 5000},
-        {"unknown selector 0", 0, 2},
-        {"unknown selector 1", 1, 2},
-        {"unknown selector 6", 6, 2},
+        {"missing bundle", 2, 3},         {"number beyond the table", 2, 1024}, {"next beyond the table", 4, 5000},
+        {"unknown selector 0", 0, 2},     {"unknown selector 1", 1, 2},         {"unknown selector 6", 6, 2},
         {"unknown selector 0xFFFF", 0xFFFF, 2},
     };
     for (const auto &c : cases) {
@@ -207,14 +157,7 @@ TEST_F(Disp_, NothingToShowAnswersFailedWithoutTlv)
     EXPECT_STREQ(g_apcTbdlErrStr[0], "The tunnel bundle interface number (%d) is invalid.\r\n");
 }
 
-TEST_F(Disp_, FirstOnAnEmptyTableAnswersFailed)
-{
-    Out o = Disp(TBDL_DISP_TnlBnd, 3, 0);
-    EXPECT_EQ(o.result, TBDL_E_FAILED);
-    EXPECT_EQ(o.outLen, 0u);
-}
-
-TEST_F(Disp_, UnreadableMemberNumberRepeatsThePreviousOne)
+TEST_F(DispTest, UnreadableMemberNumberRepeatsThePreviousOne)
 {
     ASSERT_EQ(CreateBnd(1), 0u);
     uint32_t if21 = fake::AddTunnel(21);
@@ -223,87 +166,80 @@ TEST_F(Disp_, UnreadableMemberNumberRepeatsThePreviousOne)
     ASSERT_EQ(Bind(1, 22, 2), 0u);
     /* Listed 22, 21: without 21's number the entry repeats 22. */
     fake::RemoveInterface(if21);
-    Out o = Disp(TBDL_DISP_TnlBnd, 2, 1);
-    ASSERT_EQ(o.result, 0u);
-    EXPECT_EQ(o.tlv, Details(1, Cat({Member(22, 2, 0, 1), Member(22, 1, 0, 1)}), 2, 0, 1, 1));
+    EXPECT_EQ(Disp(TBDL_DISP_TnlBnd, 2, 1).tlv, Details(1, Cat({Member(22, 2, 1), Member(22, 1, 1)}), 2, 1));
     /* Without the first entry's number it reads 0. */
     fake::RemoveInterface(if22);
-    o = Disp(TBDL_DISP_TnlBnd, 2, 1);
-    EXPECT_EQ(o.tlv, Details(1, Cat({Member(0, 2, 0, 1), Member(0, 1, 0, 1)}), 2, 0, 1, 1));
+    EXPECT_EQ(Disp(TBDL_DISP_TnlBnd, 2, 1).tlv, Details(1, Cat({Member(0, 2, 1), Member(0, 1, 1)}), 2, 1));
 }
 
-TEST_F(Disp_, Counts)
+TEST_F(DispTest, Counts)
 {
-    Out o = Disp(TBDL_DISP_TnlBnd, 5, 0xFFFFFFFF);
-    EXPECT_EQ(o.result, 0u);
-    EXPECT_EQ(o.tlv, Tlv(403, Cat({Be32(0), Be32(0), Be32(0)})));
-
+    EXPECT_EQ(Disp(TBDL_DISP_TnlBnd, 5, 0xFFFFFFFF).tlv, Counts(0, 0, 0));
     ASSERT_EQ(CreateBnd(1), 0u);
     ASSERT_EQ(CreateBnd(2), 0u);
     ASSERT_EQ(CreateBnd(900), 0u);
     fake::AddTunnel(5, 0, 1);
     ASSERT_EQ(Bind(900, 5, 1), 0u);
-
     const struct {
         const char *what;
-        uint32_t bnd;
-        uint32_t total, up, down;
+        uint32_t bnd, total, up, down;
     } cases[] = {
-        {"all", 0xFFFFFFFF, 3, 1, 2},
-        {"one that is up", 900, 1, 1, 0},
-        {"one that is down", 2, 1, 0, 1},
-        {"missing", 3, 0, 0, 0},
-        {"beyond the table", 4096, 0, 0, 0},
+        {"all", 0xFFFFFFFF, 3, 1, 2}, {"one that is up", 900, 1, 1, 0}, {"one that is down", 2, 1, 0, 1},
+        {"missing", 3, 0, 0, 0},      {"beyond the table", 4096, 0, 0, 0},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
-        o = Disp(TBDL_DISP_TnlBnd, 5, c.bnd);
+        Out o = Disp(TBDL_DISP_TnlBnd, 5, c.bnd);
         EXPECT_EQ(o.result, 0u);
         EXPECT_EQ(o.outLen, 16u);
-        EXPECT_EQ(o.tlv, Tlv(403, Cat({Be32(c.total), Be32(c.up), Be32(c.down)})));
+        EXPECT_EQ(o.tlv, Counts(c.total, c.up, c.down));
     }
-
-    o = Disp(TBDL_DISP_TnlBnd, 5, 0xFFFFFFFF, 15);
-    EXPECT_EQ(o.result, TBDL_E_FAILED);
-    EXPECT_EQ(o.outLen, 0u);
-    EXPECT_FALSE(o.overrun);
 }
 
-TEST_F(Disp_, DebugSwitchWord)
+TEST_F(DispTest, DebugSwitchWordAndDeviceLimits)
 {
     EXPECT_EQ(Disp(TBDL_DISP_Debug, 0, 0).tlv, Tlv(404, Be32(0)));
-    alignas(8) TBDL_CFG_OPER_DATA_S data = {};
-    const u32 all = TBDL_DBG_ALL;
-    memcpy(data.aucData, &all, sizeof(all));
-    ASSERT_EQ(TBDL_DBG_SetDebug(0, nullptr, 398, &data), 0u);
+    ASSERT_EQ(Configure(TBDL_DBG_SetDebug, 0, 398, Host<u32>(TBDL_DBG_ALL)), 0u);
     Out o = Disp(TBDL_DISP_Debug, 77, 12345);
     EXPECT_EQ(o.result, 0u);
     EXPECT_EQ(o.outLen, 8u);
     EXPECT_EQ(o.tlv, Tlv(404, Be32(3)));
 
-    o = Disp(TBDL_DISP_Debug, 0, 0, 7);
-    EXPECT_EQ(o.result, TBDL_E_FAILED);
-    EXPECT_EQ(o.outLen, 0u);
-    EXPECT_FALSE(o.overrun);
-}
-
-TEST_F(Disp_, DeviceLimits)
-{
     InitTable({512, 4, 1, 0, 0});
-    Out o = Disp(TBDL_DISP_TbdlSpec, 9, 9);
+    o = Disp(TBDL_DISP_TbdlSpec, 9, 9);
     EXPECT_EQ(o.result, 0u);
     EXPECT_EQ(o.outLen, 20u);
     EXPECT_EQ(o.tlv, Tlv(405, Cat({Be32(512), Be32(4), Be16(1), Be16(0), Be16(0), Be16(0)})));
-
     InitTable({1024, 8, 0, 1, 1});
-    EXPECT_EQ(Disp(TBDL_DISP_TbdlSpec, 0, 0).tlv,
-              Tlv(405, Cat({Be32(1024), Be32(8), Be16(0), Be16(1), Be16(1), Be16(0)})));
+    EXPECT_EQ(Disp(TBDL_DISP_TbdlSpec, 0, 0).tlv, Tlv(405, Cat({Be32(1024), Be32(8), Be16(0), Be16(1), Be16(1), Be16(0)})));
+}
 
-    /* No room: an empty answer, still result 0. */
-    o = Disp(TBDL_DISP_TbdlSpec, 0, 0, 19);
-    EXPECT_EQ(o.result, 0u);
-    EXPECT_EQ(o.outLen, 0u);
-    EXPECT_FALSE(o.overrun);
+TEST_F(DispTest, TooLittleRoomWritesNothingPastTheBuffer)
+{
+    ASSERT_EQ(CreateBnd(4), 0u);
+    fake::AddTunnel(7);
+    ASSERT_EQ(Bind(4, 7, 1), 0u);
+    const struct {
+        const char *what;
+        TBDL_DISP_HANDLER_PF handler;
+        uint16_t oper, bufLen;
+        uint32_t result;
+        uint16_t outLen;
+    } cases[] = {
+        {"details: exact room for 4 + 32 + 8", TBDL_DISP_TnlBnd, 2, 44, 0, 44},
+        {"details: one byte short", TBDL_DISP_TnlBnd, 2, 43, TBDL_E_FAILED, 0},
+        {"details: less than a header", TBDL_DISP_TnlBnd, 2, 3, TBDL_E_FAILED, 0},
+        {"counts", TBDL_DISP_TnlBnd, 5, 15, TBDL_E_FAILED, 0},
+        {"debug", TBDL_DISP_Debug, 0, 7, TBDL_E_FAILED, 0},
+        {"limits: empty answer, still result 0", TBDL_DISP_TbdlSpec, 0, 19, 0, 0},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        Out o = Disp(c.handler, c.oper, 4, c.bufLen);
+        EXPECT_EQ(o.result, c.result);
+        EXPECT_EQ(o.outLen, c.outLen);
+        EXPECT_FALSE(o.overrun);
+    }
 }
 
 } // namespace

@@ -126,6 +126,7 @@ struct Interface {
 };
 
 void IfLoad();
+void IfFlush(); /* writes pending interface changes now */
 uint32_t IfIndexByName(const std::string &name); /* creates bundle indexes */
 Interface *IfFind(uint32_t ifIndex);
 Interface *IfFindName(const std::string &name);

@@ -4,10 +4,11 @@
  * the operator (chassisctl); tunnel bundle interfaces ("Tunnel-Bundle<N>",
  * type 96) are made on demand when a daemon asks for their index and
  * destroyed by IF_DeleteIf. Indexes are never reused while the chassis
- * exists: tunnels count up from 0x100, bundles from 0x1000. Interfaces,
- * their VRF bindings and the counters are kept in DIR/interfaces.json
- * (rewritten atomically on every change), so a restart of chassisd keeps
- * them and their indexes. */
+ * exists: tunnels count up from 0x100, bundles from 0x1000, and tunnels
+ * beyond 0xFFF continue above the bundles' range. Interfaces, their VRF
+ * bindings and the counters are kept in DIR/interfaces.json (rewritten
+ * atomically shortly after a change and when chassisd exits), so a restart
+ * of chassisd keeps them and their indexes. */
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -24,6 +25,12 @@ namespace {
 
 constexpr uint32_t kFirstTunnelIndex = 0x100;
 constexpr uint32_t kFirstBundleIndex = 0x1000;
+/* Tunnels fill 0x100-0xFFF first, then go on above every bundle index, so
+ * the two kinds never meet: bundles stay below kTunnelOverflowIndex. */
+constexpr uint32_t kTunnelOverflowIndex = 0x1000000;
+/* Writes of the interface store are gathered for this long, so thousands of
+ * interface changes in a row do not rewrite the file thousands of times. */
+constexpr auto kSaveDelay = std::chrono::milliseconds(50);
 
 std::map<uint32_t, Interface> g_ifs;
 std::map<std::string, uint32_t> g_byName;
@@ -40,7 +47,7 @@ Json ToJson(const Interface &i)
     return j;
 }
 
-void Save()
+void SaveNow()
 {
     Json all = {{"next_tunnel", g_nextTunnel}, {"next_bundle", g_nextBundle}, {"interfaces", Json::array()}};
     for (auto &[idx, i] : g_ifs) {
@@ -57,6 +64,34 @@ void Save()
         close(fd);
     }
 }
+
+bool g_savePending = false;
+
+/* Schedules one write of the interface store; changes made meanwhile go out
+ * with it. */
+void Save()
+{
+    if (g_savePending) {
+        return;
+    }
+    g_savePending = true;
+    After(kSaveDelay, [] {
+        g_savePending = false;
+        SaveNow();
+    });
+}
+
+} // namespace
+
+void IfFlush()
+{
+    if (g_savePending) {
+        g_savePending = false;
+        SaveNow();
+    }
+}
+
+namespace {
 
 void Insert(const Interface &i)
 {
@@ -256,6 +291,9 @@ bool IfAdd(const Json &req, std::string &err)
     }
     if (req.contains("vrf") && !ParseVrf(req["vrf"], i.vrf, err)) {
         return false;
+    }
+    if (g_nextTunnel == kFirstBundleIndex) {
+        g_nextTunnel = kTunnelOverflowIndex;
     }
     i.ifIndex = g_nextTunnel++;
     Insert(i);

@@ -279,6 +279,7 @@ int main(int argc, char **argv)
         close(readyPipe[1]);
     }
     int rc = LoopRun();
+    IfFlush();
     Log("exiting with status " + std::to_string(rc));
     unlink(tbdl::plat::ChassisSocketPathOf(g_opt.dir).c_str());
     close(pidFd);

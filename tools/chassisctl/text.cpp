@@ -122,7 +122,12 @@ void PrintLsmText(const Json &r)
     for (const Json &e : r["entries"]) {
         std::string paths;
         for (const Json &p : e["paths"]) {
-            paths += (paths.empty() ? "" : " ") + Hex(p["ifindex"]) + "/w" + S(p["weight"]);
+            if (!paths.empty()) {
+                paths += ' ';
+            }
+            paths += Hex(p["ifindex"]);
+            paths += "/w";
+            paths += S(p["weight"]);
             if (p.contains("backup")) {
                 paths += "+backup " + Hex(p["backup"]["ifindex"]);
             }

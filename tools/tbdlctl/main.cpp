@@ -41,7 +41,7 @@ std::optional<tc::Tlv> ParseTlvArg(const std::string &text)
 std::string DefaultDir()
 {
     const char *env = std::getenv("TBDL_CHASSIS_DIR");
-    return env != nullptr && *env != '\0' ? env : ".";
+    return env != nullptr && *env != '\0' ? env : "./chassis";
 }
 
 }  // namespace
@@ -53,7 +53,7 @@ int main(int argc, char **argv)
     Context ctx;
     ctx.dir = DefaultDir();
     int board = -1;
-    app.add_option("--dir", ctx.dir, "chassis directory (default: $TBDL_CHASSIS_DIR or .)");
+    app.add_option("--dir", ctx.dir, "chassis directory (default: $TBDL_CHASSIS_DIR or ./chassis)");
     app.add_option("--board", board, "board whose socket to use (default: the master board)")
         ->check(CLI::Range(0, 1));
     app.add_flag("--json", ctx.json, "print JSON instead of tables");

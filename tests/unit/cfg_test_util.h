@@ -18,8 +18,15 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "fake_platform.h"
 #include "tbdl_bas.h"
-#include "tbdl_cfg_msg.h"
+#include "tbdl_bnd.h"
+#include "tbdl_cfg.h"
+#include "tbdl_dbg.h"
+#include "tbdl_dbm.h"
+#include "tbdl_intf.h"
 
 namespace cfgtest {
 
@@ -140,6 +147,41 @@ inline int OpenFdCount()
     }
     return n;
 }
+
+/* The modules a configuration request reaches, on the test's own epoll
+ * descriptor, against a freshly reset fake. */
+class CfgModules : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        fake::Reset();
+        m_epfd = epoll_create1(0);
+        TBDL_SPEC_S spec = {1024, 8, 1, 1, 1};
+        ASSERT_EQ(TBDL_DBG_Init(), 0u);
+        ASSERT_EQ(TBDL_DBM_Init(), 0u);
+        ASSERT_EQ(TBDL_BND_Init(&spec, nullptr, m_epfd), 0u);
+        ASSERT_EQ(TBDL_INTF_Init(m_epfd), 0u);
+        ASSERT_EQ(TBDL_CFG_Init(static_cast<u32>(m_epfd)), 0u);
+    }
+    void TearDown() override
+    {
+        TBDL_CFG_Deactivate();
+        TBDL_BND_ClearRunning();
+        TBDL_INTF_Fini();
+        TBDL_BND_Fini();
+        TBDL_CFG_Fini();
+        TBDL_DBM_Fini();
+        TBDL_DBG_Fini();
+        close(m_epfd);
+    }
+    static bool HasBnd(uint32_t bnd, TBDL_BND_INFO_S *info = nullptr)
+    {
+        TBDL_BND_INFO_S local = {};
+        return TBDL_BND_GetBndInfo(bnd, info != nullptr ? info : &local) == 0;
+    }
+
+    int m_epfd = -1;
+};
 
 } // namespace cfgtest
 

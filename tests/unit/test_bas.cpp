@@ -22,15 +22,10 @@ struct Seen {
 };
 Seen g_stSeen;
 
-u32 CbA(u32 uiEvents, u64 ulData)
+template <char W>
+u32 Cb(u32 uiEvents, u64 ulData)
 {
-    g_stSeen = {g_stSeen.iCalls + 1, uiEvents, ulData, 'A'};
-    return 0;
-}
-
-u32 CbB(u32 uiEvents, u64 ulData)
-{
-    g_stSeen = {g_stSeen.iCalls + 1, uiEvents, ulData, 'B'};
+    g_stSeen = {g_stSeen.iCalls + 1, uiEvents, ulData, W};
     return 0;
 }
 
@@ -77,7 +72,7 @@ TEST_F(BasTest, RegistrationHandsBackReportedMaskAndRegisteredDatum)
     int iFd = fcntl(iEv, F_DUPFD, 700); /* a high number is served like a low one */
     close(iEv);
     ASSERT_GE(iFd, 700);
-    TBDL_EPOLL_CB_S stCb = {EPOLLIN | EPOLLOUT, 0x8000000012345678ull, CbA};
+    TBDL_EPOLL_CB_S stCb = {EPOLLIN | EPOLLOUT, 0x8000000012345678ull, Cb<'A'>};
     ASSERT_EQ(0, TBDL_BAS_EpollCtl(m_iEpfd, EPOLL_CTL_ADD, iFd, &stCb));
     ASSERT_TRUE(DispatchOne());
     EXPECT_EQ('A', g_stSeen.cWho);
@@ -85,7 +80,7 @@ TEST_F(BasTest, RegistrationHandsBackReportedMaskAndRegisteredDatum)
     EXPECT_EQ(0x8000000012345678ull, g_stSeen.ulData);
 
     /* MOD replaces mask, datum and callback. */
-    TBDL_EPOLL_CB_S stMod = {EPOLLIN, 7, CbB};
+    TBDL_EPOLL_CB_S stMod = {EPOLLIN, 7, Cb<'B'>};
     ASSERT_EQ(0, TBDL_BAS_EpollCtl(m_iEpfd, EPOLL_CTL_MOD, iFd, &stMod));
     ASSERT_TRUE(DispatchOne());
     EXPECT_EQ('B', g_stSeen.cWho);
@@ -102,7 +97,7 @@ TEST_F(BasTest, RegistrationHandsBackReportedMaskAndRegisteredDatum)
 TEST_F(BasTest, RefusedRegistrationKeepsNoCallback)
 {
     int iFd = eventfd(1, 0);
-    TBDL_EPOLL_CB_S stCb = {EPOLLIN, 1, CbA};
+    TBDL_EPOLL_CB_S stCb = {EPOLLIN, 1, Cb<'A'>};
     EXPECT_EQ(-1, TBDL_BAS_EpollCtl(m_iEpfd, EPOLL_CTL_MOD, iFd, &stCb));
     EXPECT_EQ(-1, TBDL_BAS_EpollCtl(-1, EPOLL_CTL_ADD, iFd, &stCb));
     EXPECT_EQ(-1, TBDL_BAS_EpollCtl(m_iEpfd, EPOLL_CTL_ADD, -1, &stCb));
@@ -211,63 +206,47 @@ TEST_F(BasTest, FailedStartLeavesNoDescriptorAndFailedStopLogsAndStillCloses)
 
 /* ---- HA hook table ---- */
 
-struct HookLog {
-    int iEnc = 0;
-    u16 usType = 0;
-    const void *pvData = nullptr;
-    int iFlush = 0;
-    u16 usBatch = 0xFFFF;
-    u16 usSlave = 0;
-};
-HookLog g_stHook;
+std::vector<std::string> g_vecHookCalls;
+const void *g_pvHookData = nullptr;
+u16 g_usSlave = 0;
 
-void ExpectEmptyHooks()
-{
-    int iPayload = 0;
-    EXPECT_EQ(0, TBDL_BAS_HAIsMaster());
-    EXPECT_EQ(0, TBDL_BAS_HAExistSlaveService());
-    EXPECT_EQ(0u, TBDL_BAS_EncHAMsg(1, &iPayload));
-    EXPECT_EQ(0u, TBDL_BAS_FlushHAMsg());
-    EXPECT_EQ(0, g_stHook.iEnc);
-    EXPECT_EQ(0, g_stHook.iFlush);
-}
+const TBDL_BAS_HA_FUNC_S kHooks = {[](u16 usType, const void *pv) -> u32 {
+                                       g_vecHookCalls.push_back("enc " + std::to_string(usType));
+                                       g_pvHookData = pv;
+                                       return 0x1234;
+                                   },
+                                   []() -> u16 { return 1; },
+                                   [](u16 usBatch) -> u32 {
+                                       g_vecHookCalls.push_back("flush " + std::to_string(usBatch));
+                                       return 0x5678;
+                                   },
+                                   []() -> u16 { return g_usSlave; }};
 
 TEST(BasHooks, EmptyFilledAndDeregistered)
 {
-    g_stHook = {};
-    ExpectEmptyHooks();
-    TBDL_BAS_HA_FUNC_S stHooks = {[](u16 usType, const void *pv) -> u32 {
-                                      g_stHook.iEnc++;
-                                      g_stHook.usType = usType;
-                                      g_stHook.pvData = pv;
-                                      return 0x1234;
-                                  },
-                                  []() -> u16 { return 1; },
-                                  [](u16 usBatch) -> u32 {
-                                      g_stHook.iFlush++;
-                                      g_stHook.usBatch = usBatch;
-                                      return 0x5678;
-                                  },
-                                  []() -> u16 { return g_stHook.usSlave; }};
-    TBDL_BAS_RegHAFunc(&stHooks);
     int iPayload = 0;
+    auto expectEmpty = [&] {
+        EXPECT_EQ(0, TBDL_BAS_HAIsMaster());
+        EXPECT_EQ(0, TBDL_BAS_HAExistSlaveService());
+        EXPECT_EQ(0u, TBDL_BAS_EncHAMsg(1, &iPayload));
+        EXPECT_EQ(0u, TBDL_BAS_FlushHAMsg());
+    };
+    g_usSlave = 1;
+    expectEmpty();
+    TBDL_BAS_RegHAFunc(&kHooks);
     EXPECT_EQ(1, TBDL_BAS_HAIsMaster());
-    /* No standby service: nothing is encoded. */
+    g_usSlave = 0; /* no standby service: nothing is encoded */
+    EXPECT_EQ(0, TBDL_BAS_HAExistSlaveService());
     EXPECT_EQ(0u, TBDL_BAS_EncHAMsg(2, &iPayload));
-    EXPECT_EQ(0, g_stHook.iEnc);
-    g_stHook.usSlave = 1;
+    g_usSlave = 1;
     EXPECT_EQ(1, TBDL_BAS_HAExistSlaveService());
     EXPECT_EQ(0x1234u, TBDL_BAS_EncHAMsg(3, &iPayload));
-    EXPECT_EQ(1, g_stHook.iEnc);
-    EXPECT_EQ(3, g_stHook.usType);
-    EXPECT_EQ(&iPayload, g_stHook.pvData);
+    EXPECT_EQ(&iPayload, g_pvHookData);
     EXPECT_EQ(0x5678u, TBDL_BAS_FlushHAMsg());
-    EXPECT_EQ(0, g_stHook.usBatch); /* a real-time flush, not a batch */
-
     TBDL_BAS_DeregHAFunc();
-    g_stHook = {};
-    g_stHook.usSlave = 1;
-    ExpectEmptyHooks();
+    expectEmpty();
+    /* The flush is a real-time one (0), not a batch. */
+    EXPECT_EQ((std::vector<std::string>{"enc 3", "flush 0"}), g_vecHookCalls);
 }
 
 TEST(BasAlloc, ZeroFilledAndTheFaultSwitchSkipsThenFails)

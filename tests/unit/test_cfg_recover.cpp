@@ -6,11 +6,6 @@
 
 #include "cfg/tbdl_cfg_priv.h"
 #include "cfg_test_util.h"
-#include "fake_platform.h"
-#include "tbdl_bnd.h"
-#include "tbdl_dbg.h"
-#include "tbdl_dbm.h"
-#include "tbdl_intf.h"
 
 using namespace cfgtest;
 using ::testing::ElementsAre;
@@ -53,39 +48,17 @@ std::vector<Bytes> FetchedKeys()
     return out;
 }
 
-bool HasBnd(uint32_t bnd, TBDL_BND_INFO_S *info = nullptr)
-{
-    TBDL_BND_INFO_S local = {};
-    return TBDL_BND_GetBndInfo(bnd, info != nullptr ? info : &local) == 0;
-}
-
-class CfgRecover : public ::testing::Test {
+class CfgRecover : public CfgModules {
 protected:
     void SetUp() override
     {
-        fake::Reset();
-        m_epfd = epoll_create1(0);
-        TBDL_SPEC_S spec = {1024, 8, 1, 1, 1};
-        ASSERT_EQ(TBDL_DBG_Init(), 0u);
-        ASSERT_EQ(TBDL_DBM_Init(), 0u);
-        ASSERT_EQ(TBDL_BND_Init(&spec, nullptr, m_epfd), 0u);
-        ASSERT_EQ(TBDL_INTF_Init(m_epfd), 0u);
+        CfgModules::SetUp();
+        m_bootDuringWalk.clear();
         /* The boot flag as each block is fetched. */
         fake::OnCall("DBM_BatchGetNextSortList",
                      [this](const fake::Call &) { m_bootDuringWalk.push_back(TBDL_INTF_IsSystemBoot()); });
     }
 
-    void TearDown() override
-    {
-        TBDL_BND_ClearRunning();
-        TBDL_INTF_Fini();
-        TBDL_BND_Fini();
-        TBDL_DBM_Fini();
-        TBDL_DBG_Fini();
-        close(m_epfd);
-    }
-
-    int m_epfd = -1;
     std::vector<u16> m_bootDuringWalk;
 };
 
@@ -171,7 +144,6 @@ TEST_F(CfgRecover, SystemBootFlagIsSetOnlyDuringTheWalkOfABoot)
         SCOPED_TRACE(c.what);
         TearDown();
         SetUp();
-        m_bootDuringWalk.clear();
         PutBnd(1, 1, 0);
         PutBnd(2, 1, 5);
         fake::Config().startCause = c.cause;

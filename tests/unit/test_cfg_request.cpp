@@ -6,10 +6,6 @@
 
 #include "cfg/tbdl_cfg_priv.h"
 #include "cfg_test_util.h"
-#include "fake_platform.h"
-#include "tbdl_bnd.h"
-#include "tbdl_dbg.h"
-#include "tbdl_intf.h"
 
 using namespace cfgtest;
 using ::testing::ElementsAre;
@@ -34,35 +30,22 @@ std::string UnknownTlvLine(int type)
     return "EVENT Received a message with an unknown TLV (type: " + std::to_string(type) + ").";
 }
 
-class CfgRequest : public ::testing::Test {
+class CfgRequest : public CfgModules {
 protected:
     void SetUp() override
     {
-        fake::Reset();
-        m_epfd = epoll_create1(0);
-        TBDL_SPEC_S spec = {1024, 8, 1, 1, 1};
-        ASSERT_EQ(TBDL_DBG_Init(), 0u);
-        ASSERT_EQ(TBDL_BND_Init(&spec, nullptr, m_epfd), 0u);
-        ASSERT_EQ(TBDL_INTF_Init(m_epfd), 0u);
-        ASSERT_EQ(TBDL_CFG_Init(static_cast<u32>(m_epfd)), 0u);
+        CfgModules::SetUp();
         ASSERT_EQ(TBDL_CFG_Activate(), 0u);
         int fds[2];
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fds), 0);
         m_cli = fds[0];
         m_srv = fds[1];
     }
-
     void TearDown() override
     {
         close(m_cli);
         close(m_srv);
-        TBDL_CFG_Deactivate();
-        TBDL_BND_ClearRunning();
-        TBDL_INTF_Fini();
-        TBDL_BND_Fini();
-        TBDL_CFG_Fini();
-        TBDL_DBG_Fini();
-        close(m_epfd);
+        CfgModules::TearDown();
     }
 
     /* The one reply to a request; fails when there is none or more. */
@@ -78,7 +61,6 @@ protected:
 
     void SwitchEventLogOn() { ASSERT_EQ(ResultOf(Exchange(Request(0, 0, 0, Tlv(398, Be32(TBDL_DBG_EVENT))))), 0u); }
 
-    int m_epfd = -1;
     int m_cli = -1;
     int m_srv = -1;
 };
@@ -146,8 +128,7 @@ TEST_F(CfgRequest, ConfigurationTlvRangesLogSkipOrSetTheOperation)
     Bytes tlvs = Cat({Tlv(3, {}), Tlv(1, Be32(77)), Tlv(199, Bytes{1, 2}), BndCreateTlvs(5), Tlv(0, {9}),
                       Tlv(200, Be32(1)), Tlv(400, {}), Tlv(401, Be32(8))});
     EXPECT_EQ(ResultOf(Exchange(Request(0, 1, 0, tlvs))), 0u);
-    TBDL_BND_INFO_S info = {};
-    EXPECT_EQ(TBDL_BND_GetBndInfo(5, &info), 0u);
+    EXPECT_TRUE(HasBnd(5));
     EXPECT_THAT(UnknownTlvLines(), ElementsAre(UnknownTlvLine(3), UnknownTlvLine(199)));
 
     /* An operation TLV without decoding still becomes the operation type
@@ -156,7 +137,7 @@ TEST_F(CfgRequest, ConfigurationTlvRangesLogSkipOrSetTheOperation)
     EXPECT_EQ(ResultOf(Exchange(Request(0, 1, 0, Cat({BndCreateTlvs(6), Tlv(250, Be32(1))})))), TBDL_E_NOTSUPPORT);
     EXPECT_EQ(ResultOf(Exchange(Request(0, 1, 0, Cat({BndCreateTlvs(6), Tlv(399, {})})))), TBDL_E_NOTSUPPORT);
     EXPECT_THAT(UnknownTlvLines(logged), ElementsAre(UnknownTlvLine(250), UnknownTlvLine(399)));
-    EXPECT_NE(TBDL_BND_GetBndInfo(6, &info), 0u);
+    EXPECT_FALSE(HasBnd(6));
 }
 
 TEST_F(CfgRequest, DisplayTlvRangesAndReplyBytes)

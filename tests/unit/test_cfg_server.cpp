@@ -12,20 +12,10 @@
 
 #include "cfg/tbdl_cfg_priv.h"
 #include "cfg_test_util.h"
-#include "fake_platform.h"
-#include "tbdl_bnd.h"
-#include "tbdl_dbg.h"
-#include "tbdl_intf.h"
 
 using namespace cfgtest;
 
 namespace {
-
-bool BundleExists(uint32_t bnd)
-{
-    TBDL_BND_INFO_S info = {};
-    return TBDL_BND_GetBndInfo(bnd, &info) == 0;
-}
 
 /* 0: no such path; otherwise the file type bits. */
 mode_t PathType(const std::string &path)
@@ -43,34 +33,21 @@ int Unread(int fd)
 
 bool IsClosed(int fd) { return fcntl(fd, F_GETFD) == -1; }
 
-class CfgServer : public ::testing::Test {
+class CfgServer : public CfgModules {
 protected:
     void SetUp() override
     {
-        fake::Reset();
+        CfgModules::SetUp();
         m_path = fake::HostPath(TBDL_CFG_PORT);
-        m_epfd = epoll_create1(0);
-        TBDL_SPEC_S spec = {1024, 8, 1, 1, 1};
-        ASSERT_EQ(TBDL_DBG_Init(), 0u);
-        ASSERT_EQ(TBDL_BND_Init(&spec, nullptr, m_epfd), 0u);
-        ASSERT_EQ(TBDL_INTF_Init(m_epfd), 0u);
-        ASSERT_EQ(TBDL_CFG_Init(static_cast<u32>(m_epfd)), 0u);
         m_baseFds = OpenFdCount();
     }
-
     void TearDown() override
     {
         for (int fd : m_clients) {
             close(fd);
         }
         PumpReady(m_epfd);
-        TBDL_CFG_Deactivate();
-        TBDL_BND_ClearRunning();
-        TBDL_INTF_Fini();
-        TBDL_BND_Fini();
-        TBDL_CFG_Fini();
-        TBDL_DBG_Fini();
-        close(m_epfd);
+        CfgModules::TearDown();
     }
 
     /* Connects a client; with accept, lets the loop accept it. */
@@ -98,7 +75,6 @@ protected:
     }
 
     std::string m_path;
-    int m_epfd = -1;
     int m_baseFds = 0;
     std::vector<int> m_clients;
 };
@@ -165,7 +141,7 @@ TEST_F(CfgServer, DeactivateClosesTheListenerAndSilencesOpenConnections)
     ASSERT_TRUE(Send(fd, Request(0, 1, 0, BndCreateTlvs(2))));
     EXPECT_TRUE(PumpUntil(m_epfd, [&] { return Unread(fd) == 0; }));
     EXPECT_FALSE(Readable(fd));
-    EXPECT_FALSE(BundleExists(2));
+    EXPECT_FALSE(HasBnd(2));
 
     /* The peer's close still ends the connection. */
     CloseClient(fd);
@@ -183,7 +159,7 @@ TEST_F(CfgServer, RequestFollowedByCloseIsHandledAndTheFailedReplyLogged)
     int fd = Client();
     ASSERT_TRUE(Send(fd, kCreate3));
     CloseClient(fd);
-    EXPECT_TRUE(PumpUntil(m_epfd, [&] { return BundleExists(3) && OpenFdCount() == listenFds; }));
+    EXPECT_TRUE(PumpUntil(m_epfd, [&] { return HasBnd(3) && OpenFdCount() == listenFds; }));
     EXPECT_EQ(g_stTbdlLogVar.uiErrTotal, 1u);
     EXPECT_STREQ(g_apcTbdlErrStr[0], "Failed to send configuration response message.\r\n");
 }
@@ -232,7 +208,7 @@ TEST_F(CfgServer, ConnectionEventMasks)
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fds), 0);
         ASSERT_TRUE(!c.sent || Send(fds[0], Request(0, 1, 0, BndCreateTlvs(++bnd))));
         EXPECT_EQ(tbdl_cfg_RecvMsg(c.events, static_cast<u64>(fds[1])), 0u);
-        EXPECT_EQ(BundleExists(bnd), c.answered);
+        EXPECT_EQ(HasBnd(bnd), c.answered);
         if (c.answered) {
             EXPECT_EQ(TryRecv(fds[0]), Head(0, 0, 0, 1, 0));
         }

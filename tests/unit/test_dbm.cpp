@@ -89,27 +89,12 @@ TEST(DbmOpen, OpensWithTheFixedArgumentsAndClosesOnce)
 
 TEST_F(DbmTest, RecordsAreStoredBigEndianWithZeroedReservedBytes)
 {
-    TBDL_DBM_BND_S st{};
-    st.stAddr.usFamily = 2;
-    st.stAddr.aucCarried[0] = 0xC1;
-    st.stAddr.aucCarried[1] = 0xC2;
+    TBDL_DBM_BND_S st = {{2, {0xC1, 0xC2}, {}}, 0x01020304, 2, 5, 0xFFFF, 0x0A0B, 0xFFFF};
     for (int i = 0; i < 16; i++) {
         st.stAddr.aucAddr[i] = static_cast<u8>(0x10 + i);
     }
-    st.uiBndNum = 0x01020304;
-    st.ucMode = 2;
-    st.ucTnlMode = 5;
-    st.usResv1 = 0xFFFF;
-    st.usVrfIndex = 0x0A0B;
-    st.usResv2 = 0xFFFF;
     ASSERT_EQ(0u, TBDL_DBM_SetBnd(0, &st));
-    TBDL_MEMB_CFG_S stMemb{};
-    stMemb.uiTnlNum = 0x11223344;
-    stMemb.usWeight = 0x5566;
-    stMemb.ucRole = 2;
-    stMemb.ucResv = 0xEE;
-    stMemb.usVrfIndex = 0x7788;
-    stMemb.usResv = 0xEEEE;
+    TBDL_MEMB_CFG_S stMemb = {0x11223344, 0x5566, 2, 0xEE, 0x7788, 0xEEEE};
     ASSERT_EQ(0u, TBDL_DBM_SetMemb(0, 0x0A0B0C0D, &stMemb));
 
     auto ins = fake::CallsOf("DBM_InsertSortList");

@@ -6,10 +6,6 @@
 
 #include "cfg_test_util.h"
 #include "disp/tbdl_disp_priv.h"
-#include "fake_platform.h"
-#include "tbdl_bnd.h"
-#include "tbdl_dbg.h"
-#include "tbdl_intf.h"
 
 using namespace cfgtest;
 
@@ -62,28 +58,12 @@ Bytes Member(uint32_t tnl, uint16_t weight, uint8_t state) { return Cat({Be32(tn
 
 Bytes Counts(uint32_t total, uint32_t up, uint32_t down) { return Tlv(403, Cat({Be32(total), Be32(up), Be32(down)})); }
 
-class DispTest : public ::testing::Test {
+class DispTest : public CfgModules {
 protected:
-    void SetUp() override
-    {
-        fake::Reset();
-        InitTable({1024, 8, 1, 1, 1});
-        ASSERT_EQ(TBDL_DBG_Init(), 0u);
-        ASSERT_EQ(TBDL_INTF_Init(-1), 0u);
-    }
-
-    void TearDown() override
-    {
-        TBDL_BND_ClearRunning();
-        TBDL_INTF_Fini();
-        TBDL_BND_Fini();
-        TBDL_DBG_Fini();
-    }
-
     void InitTable(TBDL_SPEC_S spec)
     {
         TBDL_BND_Fini();
-        ASSERT_EQ(TBDL_BND_Init(&spec, nullptr, -1), 0u);
+        ASSERT_EQ(TBDL_BND_Init(&spec, nullptr, m_epfd), 0u);
     }
 };
 

@@ -148,6 +148,17 @@ inline int OpenFdCount()
     return n;
 }
 
+/* One field of every recorded call of a platform function, in call order. */
+template <typename T>
+std::vector<T> CallField(const std::string &name, T fake::Call::*field)
+{
+    std::vector<T> out;
+    for (const fake::Call &c : fake::CallsOf(name)) {
+        out.push_back(c.*field);
+    }
+    return out;
+}
+
 /* The modules a configuration request reaches, on the test's own epoll
  * descriptor, against a freshly reset fake. */
 class CfgModules : public ::testing::Test {

@@ -19,6 +19,7 @@ struct Seen {
     u32 uiEvents = 0;
     u64 ulData = 0;
     char cWho = 0;
+    bool operator==(const Seen &) const = default;
 };
 Seen g_stSeen;
 
@@ -75,17 +76,13 @@ TEST_F(BasTest, RegistrationHandsBackReportedMaskAndRegisteredDatum)
     TBDL_EPOLL_CB_S stCb = {EPOLLIN | EPOLLOUT, 0x8000000012345678ull, Cb<'A'>};
     ASSERT_EQ(0, TBDL_BAS_EpollCtl(m_iEpfd, EPOLL_CTL_ADD, iFd, &stCb));
     ASSERT_TRUE(DispatchOne());
-    EXPECT_EQ('A', g_stSeen.cWho);
-    EXPECT_EQ(static_cast<u32>(EPOLLIN | EPOLLOUT), g_stSeen.uiEvents);
-    EXPECT_EQ(0x8000000012345678ull, g_stSeen.ulData);
+    EXPECT_EQ((Seen{1, EPOLLIN | EPOLLOUT, 0x8000000012345678ull, 'A'}), g_stSeen);
 
     /* MOD replaces mask, datum and callback. */
     TBDL_EPOLL_CB_S stMod = {EPOLLIN, 7, Cb<'B'>};
     ASSERT_EQ(0, TBDL_BAS_EpollCtl(m_iEpfd, EPOLL_CTL_MOD, iFd, &stMod));
     ASSERT_TRUE(DispatchOne());
-    EXPECT_EQ('B', g_stSeen.cWho);
-    EXPECT_EQ(static_cast<u32>(EPOLLIN), g_stSeen.uiEvents);
-    EXPECT_EQ(7u, g_stSeen.ulData);
+    EXPECT_EQ((Seen{2, EPOLLIN, 7, 'B'}), g_stSeen);
 
     /* After DEL a stale event for the descriptor calls nothing. */
     ASSERT_EQ(0, TBDL_BAS_EpollCtl(m_iEpfd, EPOLL_CTL_DEL, iFd, nullptr));

@@ -30,23 +30,7 @@ void PutMemb(uint32_t bnd, uint32_t tnl, uint16_t weight)
 }
 
 /* Names looked up while restoring: bundles, then member tunnels. */
-std::vector<std::string> Lookups()
-{
-    std::vector<std::string> out;
-    for (const fake::Call &c : fake::CallsOf("IF_GetIfIndexByFullName")) {
-        out.push_back(c.text);
-    }
-    return out;
-}
-
-std::vector<Bytes> FetchedKeys()
-{
-    std::vector<Bytes> out;
-    for (const fake::Call &c : fake::CallsOf("DBM_BatchGetNextSortList")) {
-        out.push_back(c.data);
-    }
-    return out;
-}
+std::vector<std::string> Lookups() { return CallField("IF_GetIfIndexByFullName", &fake::Call::text); }
 
 class CfgRecover : public CfgModules {
 protected:
@@ -82,12 +66,8 @@ TEST_F(CfgRecover, BundlesComeInBlocksOfTenInStoredOrderWithNumbersConverted)
     }
     TBDL_CFG_Recovery();
 
-    std::vector<int32_t> counts;
-    for (const fake::Call &c : fake::CallsOf("DBM_BatchGetNextSortList")) {
-        counts.push_back(static_cast<int32_t>(c.result));
-        EXPECT_EQ(c.data, kBndKey);
-    }
-    EXPECT_THAT(counts, ElementsAre(10, 10, 5, 0));
+    EXPECT_EQ(CallField("DBM_BatchGetNextSortList", &fake::Call::result), (std::vector<uint64_t>{10, 10, 5, 0}));
+    EXPECT_EQ(CallField("DBM_BatchGetNextSortList", &fake::Call::data), std::vector<Bytes>(4, kBndKey));
     std::vector<std::string> want;
     for (uint32_t i = 0; i < 25; i++) {
         want.push_back("Tunnel-Bundle" + std::to_string(i * 3));
@@ -172,7 +152,8 @@ TEST_F(CfgRecover, EveryRecordIsHandedOnWhateverTheOwnerAnswers)
     TBDL_CFG_Recovery();
     EXPECT_FALSE(HasBnd(3));
     EXPECT_TRUE(HasBnd(4));
-    EXPECT_THAT(FetchedKeys(), ElementsAre(kBndKey, kBndKey, MembKey(3), MembKey(3), MembKey(4), MembKey(4)));
+    EXPECT_THAT(CallField("DBM_BatchGetNextSortList", &fake::Call::data),
+                ElementsAre(kBndKey, kBndKey, MembKey(3), MembKey(3), MembKey(4), MembKey(4)));
 }
 
 TEST_F(CfgRecover, FailedFetchEndsTheListAndFreesTheIterator)

@@ -113,7 +113,11 @@ TEST_F(CfgRequest, OnlyOperOneIsUndoAndTheReplyCarriesTheHandlerResultAndOper)
         uint16_t oper;
         uint32_t dbgType, result, switchAfter;
     } steps[] = {
-        {2, TBDL_DBG_EVENT, 0, 2}, {0x8001, TBDL_DBG_ERROR, 0, 3}, {1, TBDL_DBG_EVENT, 0, 1}, {0, 3, TBDL_E_INVALID_PARAM, 1}};
+        {2, TBDL_DBG_EVENT, 0, 2},
+        {0x8001, TBDL_DBG_ERROR, 0, 3},
+        {1, TBDL_DBG_EVENT, 0, 1},
+        {0, 3, TBDL_E_INVALID_PARAM, 1},
+    };
     for (const auto &s : steps) {
         SCOPED_TRACE(s.oper);
         EXPECT_EQ(Exchange(Request(0, 0, s.oper, Tlv(398, Be32(s.dbgType)))), Head(0, 0, s.result, 0, s.oper));

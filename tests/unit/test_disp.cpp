@@ -191,7 +191,8 @@ TEST_F(DispTest, DebugSwitchWordAndDeviceLimits)
     EXPECT_EQ(o.outLen, 20u);
     EXPECT_EQ(o.tlv, Tlv(405, Cat({Be32(512), Be32(4), Be16(1), Be16(0), Be16(0), Be16(0)})));
     InitTable({1024, 8, 0, 1, 1});
-    EXPECT_EQ(Disp(TBDL_DISP_TbdlSpec, 0, 0).tlv, Tlv(405, Cat({Be32(1024), Be32(8), Be16(0), Be16(1), Be16(1), Be16(0)})));
+    EXPECT_EQ(Disp(TBDL_DISP_TbdlSpec, 0, 0).tlv,
+              Tlv(405, Cat({Be32(1024), Be32(8), Be16(0), Be16(1), Be16(1), Be16(0)})));
 }
 
 TEST_F(DispTest, TooLittleRoomWritesNothingPastTheBuffer)

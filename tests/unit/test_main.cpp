@@ -14,6 +14,7 @@
 #include <functional>
 #include <future>
 #include <thread>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -105,12 +106,11 @@ protected:
         return stResult.get();
     }
 
+    /* Descriptors and stop flags back at their initial values. */
     void ExpectGlobalsReset()
     {
-        EXPECT_EQ(-1, g_iTbdlEpollFd);
-        EXPECT_EQ(-1, g_iTbdlScmSignalFd);
-        EXPECT_EQ(0, g_bTbdlIsStopProcess);
-        EXPECT_EQ(0, g_bTbdlNormalStop);
+        EXPECT_EQ(std::make_tuple(-1, -1, 0, 0), std::make_tuple(g_iTbdlEpollFd, g_iTbdlScmSignalFd,
+                                                                 int(g_bTbdlIsStopProcess), int(g_bTbdlNormalStop)));
     }
 
     int m_iIfEvFd = -1;
@@ -159,11 +159,10 @@ TEST_F(MainTest, LimitsComeFromThePlatform)
         std::copy(std::begin(c.ausModes), std::end(c.ausModes), fake::Config().modes);
         StopWhenUp(3);
         EXPECT_EQ(0, Run());
-        EXPECT_EQ(c.uiWantBnd, g_stTbdlSpecConf.uiMaxBndNum);
-        EXPECT_EQ(c.uiWantMemb, g_stTbdlSpecConf.uiMaxMembNum);
-        EXPECT_EQ(c.ausModes[0], g_stTbdlSpecConf.usLoadBalancing);
-        EXPECT_EQ(c.ausModes[1], g_stTbdlSpecConf.usProtectionOnetoone);
-        EXPECT_EQ(c.ausModes[2], g_stTbdlSpecConf.usProtectionOneplusone);
+        const TBDL_SPEC_S &st = g_stTbdlSpecConf;
+        EXPECT_EQ(std::make_tuple(c.uiWantBnd, c.uiWantMemb, c.ausModes[0], c.ausModes[1], c.ausModes[2]),
+                  std::make_tuple(st.uiMaxBndNum, st.uiMaxMembNum, st.usLoadBalancing, st.usProtectionOnetoone,
+                                  st.usProtectionOneplusone));
     }
     EXPECT_EQ((std::vector<uint64_t>{96, 13}), fake::CallsOf("IF_GetDataByIfType").at(0).args);
     auto opt = fake::CallsOf("TBDL_Opt_Parse").at(0);
@@ -182,21 +181,10 @@ TEST_F(MainTest, OnlyValueThreeIsAnOrderlyStop)
         SCOPED_TRACE(c.pcWhat);
         TearDown();
         SetUp();
-        /* LSM can connect. */
-        int iLsmFd = eventfd(0, EFD_CLOEXEC);
-        fake::FailAlways("LSM_RegProtocolHandler", static_cast<uint64_t>(iLsmFd));
         StopWhenUp(c.iValue);
         EXPECT_EQ(0, Run());
         EXPECT_EQ(std::vector<u16>{c.usWantNormal}, m_vecStopFlagAtDeactivation);
         ExpectGlobalsReset();
-        /* Once connected to LSM, the withdrawal at an orderly stop is an
-         * empty smoothing cycle before leaving it. */
-        std::vector<std::string> names = fake::Names();
-        auto up = std::find(names.begin(), names.end(), "SERVICE_SetStatus");
-        if (std::find(names.begin(), up, "LSM_RegProtocolHandler") != up) {
-            EXPECT_EQ(c.usWantNormal == 1 ? 2 : 0, std::count(up, names.end(), "LSM_SendGrEvent"));
-        }
-        close(iLsmFd);
     }
 }
 

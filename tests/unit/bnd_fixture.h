@@ -1,6 +1,6 @@
-/* Shared fixture of the bundle table tests: the table on a real epoll
- * descriptor against the recording fake, with HA hooks, KTBDL commands,
- * database writes and bundle callbacks recorded into one ordered trace. */
+/* Shared fixture of the bundle table, member and HA tests: the table on a
+ * real epoll descriptor against the recording fake, with HA hooks, KTBDL
+ * commands, database writes and bundle callbacks in one ordered trace. */
 #ifndef BND_FIXTURE_H
 #define BND_FIXTURE_H
 
@@ -8,6 +8,7 @@
 #include <sys/epoll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -22,64 +23,78 @@
 
 namespace bndtest {
 
-/* The ordered trace: "HA<type>", "HAF", "K<cmd hex>", "EV<ev>:<num>",
- * "DB+<num>", "DB-<num>". */
-inline std::vector<std::string> g_trace;
-/* Payloads handed to the HA encoder, by message. */
-inline std::vector<std::vector<uint8_t>> g_haPayloads;
+using fake::Bytes;
+using Trace = std::vector<std::string>;
+/* "HA<type>", "HAF" (flush), "K<cmd hex>", "EV<ev>:<num>", "DB+<num>", "DB-<num>" (bundle records;
+ * "DB+?", "DB-?" for member records). */
+inline Trace g_trace;
+inline std::vector<Bytes> g_haPayloads; /* payloads handed to the HA encoder */
 
 inline u32 HaEnc(u16 usType, const void *pData)
 {
-    size_t len = (usType == 1) ? sizeof(TBDL_KBND_S) : sizeof(TBDL_KMEMB_S);
     const uint8_t *p = static_cast<const uint8_t *>(pData);
     g_trace.push_back("HA" + std::to_string(usType));
-    g_haPayloads.emplace_back(p, p + len);
+    g_haPayloads.emplace_back(p, p + (usType == 1 ? sizeof(TBDL_KBND_S) : sizeof(TBDL_KMEMB_S)));
     return 0;
 }
 inline u16 HaYes(void) { return 1; }
 inline u32 HaFlush(u16) { g_trace.push_back("HAF"); return 0; }
-
 inline void BndEv(u32 uiEvent, u32 uiBndNum)
 {
     g_trace.push_back("EV" + std::to_string(uiEvent) + ":" + std::to_string(uiBndNum));
 }
-
-inline uint32_t BeWord(const std::vector<uint8_t> &b, size_t off)
+/* A bundle record's number is the big-endian word at offset 20. */
+inline void DbTrace(const char *pcOp, const fake::Call &c)
 {
-    if (b.size() < off + 4) {
-        return 0xFFFFFFFFu;
-    }
-    return (uint32_t(b[off]) << 24) | (uint32_t(b[off + 1]) << 16) | (uint32_t(b[off + 2]) << 8) | b[off + 3];
+    const uint8_t *p = c.rec.size() >= 24 ? &c.rec[20] : nullptr;
+    g_trace.push_back(pcOp + (p ? std::to_string(u32(p[0] << 24 | p[1] << 16 | p[2] << 8 | p[3])) : "?"));
 }
 
-inline std::string Hex(uint64_t v)
+inline Bytes Be32(u32 ui) { return {uint8_t(ui >> 24), uint8_t(ui >> 16), uint8_t(ui >> 8), uint8_t(ui)}; }
+inline Bytes Cat(std::initializer_list<Bytes> parts)
 {
-    char buf[24];
-    snprintf(buf, sizeof(buf), "%llx", (unsigned long long)v);
-    return buf;
+    Bytes out;
+    for (const auto &p : parts) {
+        out.insert(out.end(), p.begin(), p.end());
+    }
+    return out;
+}
+template <class T> Bytes BytesOf(const T &t) { return Bytes((const uint8_t *)&t, (const uint8_t *)&t + sizeof(T)); }
+template <class T> T As(const Bytes &b)
+{
+    T t{};
+    EXPECT_EQ(b.size(), sizeof(T));
+    memcpy(&t, b.data(), std::min(b.size(), sizeof(T)));
+    return t;
+}
+inline bool Logged(const std::string &line)
+{
+    auto v = fake::LogLines();
+    return std::find(v.begin(), v.end(), line) != v.end();
 }
 
 class BndTest : public ::testing::Test {
 protected:
     int epfd = -1;
-    TBDL_SPEC_S spec{1024, 8, 1, 1, 1};
 
     void SetUp() override
     {
         fake::Reset();
         g_trace.clear();
         g_haPayloads.clear();
-        TBDL_BAS_SetAllocFault(0, 0);
         TBDL_DBG_Init();
         g_stTbdlLogVar.uiDebugSwitch = 3;
         TBDL_DBM_Init();
         static const TBDL_BAS_HA_FUNC_S hooks = {HaEnc, HaYes, HaFlush, HaYes};
         TBDL_BAS_RegHAFunc(&hooks);
-        fake::OnCall("CIOCTL", [](const fake::Call &c) { g_trace.push_back("K" + Hex(c.args.at(1))); });
-        fake::OnCall("DBM_InsertSortList",
-                     [](const fake::Call &c) { g_trace.push_back("DB+" + std::to_string(BeWord(c.rec, 20))); });
-        fake::OnCall("DBM_RemoveSortList",
-                     [](const fake::Call &c) { g_trace.push_back("DB-" + std::to_string(BeWord(c.rec, 20))); });
+        fake::OnCall("CIOCTL", [](const fake::Call &c) {
+            EXPECT_EQ(c.args.at(0), TBDL_KTBDL_DEV);
+            char b[16];
+            snprintf(b, sizeof(b), "K%llx", (unsigned long long)c.args.at(1));
+            g_trace.push_back(b);
+        });
+        fake::OnCall("DBM_InsertSortList", [](const fake::Call &c) { DbTrace("DB+", c); });
+        fake::OnCall("DBM_RemoveSortList", [](const fake::Call &c) { DbTrace("DB-", c); });
         epfd = epoll_create1(0);
         ASSERT_GE(epfd, 0);
     }
@@ -96,9 +111,12 @@ protected:
         close(epfd);
     }
 
+    /* (Re)creates an empty table with the given mode switches and limits. */
     void Init(u16 lb = 1, u16 one2one = 1, u16 one4one = 1, u32 maxBnd = 1024, u32 maxMemb = 8)
     {
-        spec = TBDL_SPEC_S{maxBnd, maxMemb, lb, one2one, one4one};
+        TBDL_BND_ClearRunning();
+        TBDL_BND_Fini();
+        TBDL_SPEC_S spec{maxBnd, maxMemb, lb, one2one, one4one};
         ASSERT_EQ(TBDL_BND_Init(&spec, BndEv, epfd), TBDL_OK);
     }
 
@@ -118,30 +136,37 @@ protected:
     }
     static u32 Delete(u32 num) { return Cfg(1, num, TBDL_TLV_OP_BND); }
 
-    /* Adds a tunnel interface with the given tunnel mode and binds it. */
+    /* Adds interface "Tunnel<tnlNum>" with the given tunnel mode as a member; returns its index. */
     static u32 AddMemb(u32 num, u32 tnlNum, u8 role = 0, u8 state = 1, u16 weight = 1, u32 tnlMode = 0,
-                       u32 *pIfIndex = nullptr)
+                       u32 expect = TBDL_OK)
     {
         TBDL_MEMB_INFO_S m{fake::AddTunnel(tnlNum, tnlMode), weight, role, state};
-        if (pIfIndex != nullptr) {
-            *pIfIndex = m.uiIfIndex;
-        }
-        return TBDL_BND_ProcMembEv(num, TBDL_MEMB_EV_ADD, &m);
+        EXPECT_EQ(TBDL_BND_ProcMembEv(num, TBDL_MEMB_EV_ADD, &m), expect) << "Tunnel" << tnlNum;
+        return m.uiIfIndex;
+    }
+    static u32 MembEv(u32 num, u32 ev, u32 ifIndex, u8 state = 0, u16 weight = 0, u8 role = 0)
+    {
+        TBDL_MEMB_INFO_S m{ifIndex, weight, role, state};
+        return TBDL_BND_ProcMembEv(num, ev, &m);
     }
 
-    static TBDL_BND_INFO_S Snap(u32 num, std::vector<TBDL_MEMB_INFO_S> *members = nullptr)
+    static TBDL_BND_INFO_S Snap(u32 num)
     {
-        static TBDL_MEMB_INFO_S arr[TBDL_SNAPSHOT_MEMB_MAX];
         TBDL_BND_INFO_S info{};
-        info.pstMembInfo = arr;
         EXPECT_EQ(TBDL_BND_GetBndInfo(num, &info), TBDL_OK);
-        if (members != nullptr) {
-            members->assign(arr, arr + info.usMembNum);
-        }
         return info;
     }
+    static std::vector<TBDL_MEMB_INFO_S> Members(u32 num)
+    {
+        std::vector<TBDL_MEMB_INFO_S> m(TBDL_SNAPSHOT_MEMB_MAX);
+        TBDL_BND_INFO_S info{};
+        info.pstMembInfo = m.data();
+        EXPECT_EQ(TBDL_BND_GetBndInfo(num, &info), TBDL_OK);
+        m.resize(info.usMembNum);
+        return m;
+    }
 
-    /* Calls the trace only from now on. */
+    /* Trace and journal from now on only. */
     static void Mark()
     {
         g_trace.clear();
@@ -149,33 +174,22 @@ protected:
         fake::ClearJournal();
     }
 
-    static bool Logged(const std::string &line)
-    {
-        for (const std::string &l : fake::LogLines()) {
-            if (l == line) {
-                return true;
-            }
-        }
-        return false;
-    }
-
-    /* Last KTBDL bundle update payload. */
     static TBDL_KBND_S LastKbnd()
     {
-        TBDL_KBND_S k{};
         auto calls = fake::CallsOf("CIOCTL");
-        for (auto it = calls.rbegin(); it != calls.rend(); ++it) {
-            if (it->args.at(1) == TBDL_KCMD_BND_UPDATE) {
-                EXPECT_EQ(it->data.size(), sizeof(k));
-                memcpy(&k, it->data.data(), sizeof(k));
-                break;
-            }
-        }
-        return k;
+        auto it = std::find_if(calls.rbegin(), calls.rend(),
+                               [](const fake::Call &c) { return c.args.at(1) == TBDL_KCMD_BND_UPDATE; });
+        return As<TBDL_KBND_S>(it == calls.rend() ? Bytes{} : it->data);
+    }
+
+    /* Waits (5 s at most) for one event on the loop and dispatches it as the main loop would. */
+    void Pump()
+    {
+        struct epoll_event ev{};
+        ASSERT_EQ(epoll_wait(epfd, &ev, 1, 5000), 1) << "no event within the deadline";
+        TBDL_BAS_EpollDispatch(&ev);
     }
 };
-
-using Trace = std::vector<std::string>;
 
 } // namespace bndtest
 

@@ -1,6 +1,6 @@
 /* Bundle configuration: create/delete with the hold timer, and the address. */
-#include <sys/timerfd.h>
 #include <fcntl.h>
+#include <sys/timerfd.h>
 
 #include "bnd_fixture.h"
 
@@ -19,18 +19,10 @@ TEST_F(BndCfg, NumberCheckedBeforeOperationType)
     EXPECT_EQ(Cfg(0, 15, TBDL_TLV_OP_MEMB), TBDL_E_NOTSUPPORT);
 }
 
-struct CreateRow {
-    const char *what;
-    u8 devModes;    /* bits of the enabled modes */
-    u16 existing;   /* mode of an existing bundle 4, 0 = none */
-    u16 requested;
-    u32 expect;
-    u8 storedMode;  /* mode of bundle 4 afterwards */
-};
-
 TEST_F(BndCfg, CreateByModeAndExistence)
 {
-    const CreateRow rows[] = {
+    /* Enabled mode bits, mode of an existing bundle 4 (0: none), requested mode, result, mode of 4 afterwards. */
+    const struct { const char *what; u8 devModes; u16 existing, requested; u32 expect; u8 storedMode; } rows[] = {
         {"new, supported", 7, 0, 4, TBDL_OK, 4},
         {"mode 0 never supported", 7, 0, 0, TBDL_E_MODE_NOTSUPPORT, 0},
         {"mode not enabled", 1, 0, 2, TBDL_E_MODE_NOTSUPPORT, 0},
@@ -41,7 +33,7 @@ TEST_F(BndCfg, CreateByModeAndExistence)
         {"other protection mode", 7, 2, 4, TBDL_E_BND_MODE_CONFLICT, 2},
         {"protection on a balancing bundle", 7, 1, 2, TBDL_E_BND_MODE_CONFLICT, 1},
     };
-    for (const CreateRow &r : rows) {
+    for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
         Init(r.devModes & 1, (r.devModes >> 1) & 1, (r.devModes >> 2) & 1);
         if (r.existing != 0) {
@@ -53,11 +45,7 @@ TEST_F(BndCfg, CreateByModeAndExistence)
         const TBDL_BND_S *bnd = g_stTbdlGlobalVar.ppstBnd[4];
         EXPECT_EQ(bnd ? bnd->ucMode : 0, r.storedMode);
         EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, cnt + (r.expect == TBDL_OK ? 1 : 0));
-        if (r.expect != TBDL_OK) {
-            EXPECT_TRUE(g_trace.empty());
-        }
-        TBDL_BND_ClearRunning();
-        TBDL_BND_Fini();
+        EXPECT_EQ(g_trace.empty(), r.expect != TBDL_OK);
     }
 }
 
@@ -66,43 +54,25 @@ TEST_F(BndCfg, CreateAnnouncesPushesAndSaves)
     Init();
     ASSERT_EQ(Create(9, 2, 0x0305), TBDL_OK);
     EXPECT_EQ(g_trace, (Trace{"EV0:9", "HA1", "HAF", "K7c0002", "DB+9"}));
-
-    const TBDL_BND_S *bnd = g_stTbdlGlobalVar.ppstBnd[9];
-    ASSERT_NE(bnd, nullptr);
-    EXPECT_EQ(bnd->ucTnlMode, 5);
-    EXPECT_EQ(bnd->ucState, 0);
-    EXPECT_EQ(bnd->uiIfIndex, fake::FindInterface("Tunnel-Bundle9")->ifIndex);
-
     /* The HA message carries the same 36 bytes as the kernel command. */
-    auto k = fake::CallsOf("CIOCTL").at(0);
-    EXPECT_EQ(k.args.at(0), TBDL_KTBDL_DEV);
-    EXPECT_EQ(k.args.at(2), 36u);
-    EXPECT_EQ(k.data, g_haPayloads.at(0));
+    EXPECT_EQ(fake::CallsOf("CIOCTL").at(0).data, g_haPayloads.at(0));
     TBDL_KBND_S kb = LastKbnd();
-    EXPECT_EQ(kb.uiIfIndex, bnd->uiIfIndex);
-    EXPECT_EQ(kb.uiTnlMode, 5u);
-    EXPECT_EQ(kb.uiState, 0u);
-    EXPECT_TRUE(Logged("EVENT Updated the information of tunnel bundle interface " +
-                       std::to_string(bnd->uiIfIndex) + " to KTBDL.\r\n"));
+    u32 ifIndex = fake::FindInterface("Tunnel-Bundle9")->ifIndex;
+    EXPECT_EQ(std::make_tuple(kb.uiIfIndex, kb.uiTnlMode, kb.uiState), std::make_tuple(ifIndex, 5u, 0u));
+    EXPECT_TRUE(Logged("EVENT Updated the information of tunnel bundle interface " + std::to_string(ifIndex) +
+                       " to KTBDL.\r\n"));
+    auto rec = fake::CallsOf("DBM_InsertSortList").at(0).rec; /* mode and tunnel mode stored */
+    EXPECT_EQ(Bytes(rec.begin() + 24, rec.begin() + 26), (Bytes{2, 5}));
 
-    auto rec = fake::CallsOf("DBM_InsertSortList").at(0).rec;
-    ASSERT_EQ(rec.size(), 32u);
-    EXPECT_EQ(rec[24], 2);
-    EXPECT_EQ(rec[25], 5);
-}
-
-TEST_F(BndCfg, CreateFailuresLeaveSlotEmpty)
-{
-    Init();
+    Mark();
     fake::FailOnce("IF_GetIfIndexByFullName", 0);
     EXPECT_EQ(Create(6, 1), TBDL_E_FAILED);
     EXPECT_TRUE(Logged("ERROR Failed to create ifindex for tunnel bundle interface (6).\r\n"));
-
     TBDL_BAS_SetAllocFault(0, 1);
     EXPECT_EQ(Create(6, 1), TBDL_E_NOMEM);
     TBDL_BAS_SetAllocFault(0, 0);
     EXPECT_EQ(g_stTbdlGlobalVar.ppstBnd[6], nullptr);
-    EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 0u);
+    EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 1u);
     EXPECT_TRUE(g_trace.empty());
 }
 
@@ -111,30 +81,20 @@ TEST_F(BndCfg, DeleteRemovesMembersThenAnnouncesThenDeletesRecord)
     Init();
     ASSERT_EQ(Create(1, 1), TBDL_OK);
     ASSERT_EQ(Create(2, 1), TBDL_OK);
-    u32 a, b;
-    ASSERT_EQ(AddMemb(1, 10, 0, 1, 1, 0, &a), TBDL_OK);
-    ASSERT_EQ(AddMemb(1, 11, 0, 1, 1, 0, &b), TBDL_OK);
-
+    AddMemb(1, 10);
+    u32 b = AddMemb(1, 11);
     /* The callback still sees the emptied, down bundle. */
-    static TBDL_BND_INFO_S seen;
+    static std::pair<size_t, u8> seen; /* members and state */
     g_stTbdlGlobalVar.pfBndEvCb = [](u32 ev, u32 num) {
-        static TBDL_MEMB_INFO_S arr[8];
-        seen = TBDL_BND_INFO_S{};
-        seen.pstMembInfo = arr;
-        seen.usMembNum = 99;
-        EXPECT_EQ(TBDL_BND_GetBndInfo(num, &seen), TBDL_OK);
+        seen = {Members(num).size(), Snap(num).ucState};
         BndEv(ev, num);
     };
     Mark();
     EXPECT_EQ(Delete(1), TBDL_OK);
     EXPECT_EQ(g_trace, (Trace{"K7c0004", "HA3", "HAF", "K7c0004", "HA3", "HAF", "EV2:1", "DB-1"}));
-    EXPECT_EQ(seen.usMembNum, 0);
-    EXPECT_EQ(seen.ucState, 0);
-    /* Newest member first. */
-    TBDL_KMEMB_S km;
-    memcpy(&km, g_haPayloads.at(0).data(), sizeof(km));
-    EXPECT_EQ(km.uiMembIfIndex, b);
-    EXPECT_EQ(km.uiBndIfIndex, fake::FindInterface("Tunnel-Bundle1")->ifIndex);
+    EXPECT_EQ(seen, std::make_pair(size_t(0), u8(0)));
+    u32 bndIf = fake::FindInterface("Tunnel-Bundle1")->ifIndex;
+    EXPECT_EQ(g_haPayloads.at(0), BytesOf(TBDL_KMEMB_S{bndIf, b})) << "newest member first";
     EXPECT_EQ(g_stTbdlGlobalVar.ppstBnd[1], nullptr);
     EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 1u);
     EXPECT_EQ(g_stTbdlGlobalVar.iTimerFd, -1) << "not the last bundle: no hold";
@@ -145,64 +105,41 @@ TEST_F(BndCfg, DeleteRemovesMembersThenAnnouncesThenDeletesRecord)
     EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 1u);
 }
 
-/* Waits (with a deadline) for the hold timer's event and hands it to the
- * loop's dispatcher, as the main loop would. */
-static bool DispatchOne(int epfd)
+/* The hold after the last deletion ends at ClearRunning or at the timer's
+ * first expiry. */
+TEST_F(BndCfg, HoldAfterLastDeletion)
 {
-    struct epoll_event ev{};
-    int n = epoll_wait(epfd, &ev, 1, 5000);
-    if (n != 1) {
-        return false;
+    Init();
+    for (bool byTimer : {false, true}) {
+        SCOPED_TRACE(byTimer ? "timer" : "ClearRunning");
+        ASSERT_EQ(Create(3, 1), TBDL_OK);
+        EXPECT_EQ(Delete(3), TBDL_E_LAST_BND_DELETED);
+        EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, TBDL_BND_CNT_HOLD);
+        int tfd = g_stTbdlGlobalVar.iTimerFd;
+        struct itimerspec cur{};
+        ASSERT_EQ(timerfd_gettime(tfd, &cur), 0);
+        EXPECT_EQ(std::make_pair(cur.it_interval.tv_sec, cur.it_interval.tv_nsec), std::make_pair(time_t(30), 0L));
+        EXPECT_GT(cur.it_value.tv_sec, 25);
+        EXPECT_EQ(Create(3, 1), TBDL_E_BND_HOLD);
+        EXPECT_EQ(Create(4, 2), TBDL_E_BND_HOLD);
+
+        Mark();
+        if (byTimer) {
+            struct itimerspec soon{{30, 0}, {0, 1000000}};
+            ASSERT_EQ(timerfd_settime(tfd, 0, &soon, nullptr), 0);
+            Pump();
+        } else {
+            TBDL_BND_ClearRunning();
+        }
+        EXPECT_TRUE(g_trace.empty());
+        EXPECT_EQ(g_stTbdlGlobalVar.iTimerFd, -1);
+        EXPECT_EQ(fcntl(tfd, F_GETFD), -1) << "timer descriptor closed";
+        EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 0u);
+        EXPECT_EQ(Create(3, 1), TBDL_OK);
+        EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 1u);
+        EXPECT_EQ(Delete(3), TBDL_E_LAST_BND_DELETED);
+        TBDL_BND_ClearRunning();
     }
-    TBDL_BAS_EpollDispatch(&ev);
-    return true;
-}
-
-TEST_F(BndCfg, HoldAfterLastDeletionEndsAtFirstExpiry)
-{
-    Init();
-    ASSERT_EQ(Create(3, 1), TBDL_OK);
-    EXPECT_EQ(Delete(3), TBDL_E_LAST_BND_DELETED);
-    EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, TBDL_BND_CNT_HOLD);
-    int tfd = g_stTbdlGlobalVar.iTimerFd;
-    ASSERT_GE(tfd, 0);
-
-    struct itimerspec cur{};
-    ASSERT_EQ(timerfd_gettime(tfd, &cur), 0);
-    EXPECT_EQ(cur.it_interval.tv_sec, 30);
-    EXPECT_EQ(cur.it_interval.tv_nsec, 0);
-    EXPECT_GT(cur.it_value.tv_sec, 25);
-
-    EXPECT_EQ(Create(3, 1), TBDL_E_BND_HOLD);
-    EXPECT_EQ(Create(4, 2), TBDL_E_BND_HOLD);
-
-    /* Bring the expiry forward and let the loop run the callback. */
-    struct itimerspec soon{};
-    soon.it_value.tv_nsec = 1000000;
-    soon.it_interval.tv_sec = 30;
-    ASSERT_EQ(timerfd_settime(tfd, 0, &soon, nullptr), 0);
-    ASSERT_TRUE(DispatchOne(epfd));
-
-    EXPECT_EQ(g_stTbdlGlobalVar.iTimerFd, -1);
-    EXPECT_EQ(fcntl(tfd, F_GETFD), -1) << "timer descriptor closed";
-    EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 0u);
-    EXPECT_EQ(Create(3, 1), TBDL_OK);
-    EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 1u);
-}
-
-TEST_F(BndCfg, ClearRunningEndsHold)
-{
-    Init();
-    ASSERT_EQ(Create(3, 1), TBDL_OK);
-    ASSERT_EQ(Delete(3), TBDL_E_LAST_BND_DELETED);
-    int tfd = g_stTbdlGlobalVar.iTimerFd;
-    Mark();
-    TBDL_BND_ClearRunning();
-    EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 0u);
-    EXPECT_EQ(g_stTbdlGlobalVar.iTimerFd, -1);
-    EXPECT_EQ(fcntl(tfd, F_GETFD), -1);
-    EXPECT_TRUE(g_trace.empty());
-    EXPECT_EQ(Create(3, 1), TBDL_OK);
 }
 
 TBDL_ADDR_S Addr(u16 family, std::initializer_list<u8> bytes, u8 carried = 0)
@@ -214,20 +151,11 @@ TBDL_ADDR_S Addr(u16 family, std::initializer_list<u8> bytes, u8 carried = 0)
     return a;
 }
 
-struct AddrRow {
-    const char *what;
-    TBDL_ADDR_S before;
-    u16 undo;
-    TBDL_ADDR_S request;
-    u32 expect;
-    TBDL_ADDR_S after;
-};
-
 TEST_F(BndCfg, AddressSetAndRemove)
 {
-    const TBDL_ADDR_S none{};
-    const TBDL_ADDR_S v4 = Addr(2, {10, 0, 0, 1});
-    const AddrRow rows[] = {
+    using A = TBDL_ADDR_S;
+    const A none{}, v4 = Addr(2, {10, 0, 0, 1});
+    const struct { const char *what; A before; u16 undo; A req; u32 res; A after; } rows[] = {
         {"set on a bundle without address", none, 0, Addr(2, {10, 0, 0, 1}, 7), TBDL_OK, Addr(2, {10, 0, 0, 1}, 7)},
         {"same IPv4 again", v4, 0, Addr(2, {10, 0, 0, 1}), TBDL_E_NOCHANGE, v4},
         {"only 4 bytes compared for IPv4", v4, 0, Addr(2, {10, 0, 0, 1, 9, 9}), TBDL_E_NOCHANGE, v4},
@@ -237,38 +165,30 @@ TEST_F(BndCfg, AddressSetAndRemove)
         {"remove without address", none, 1, none, TBDL_E_NOCHANGE, none},
         {"remove", v4, 1, none, TBDL_OK, none},
     };
-    for (const AddrRow &r : rows) {
-        SCOPED_TRACE(r.what);
-        Init();
-        ASSERT_EQ(Create(8, 1), TBDL_OK);
-        g_stTbdlGlobalVar.ppstBnd[8]->stAddr = r.before;
-        Mark();
-        EXPECT_EQ(Cfg(r.undo, 8, TBDL_TLV_OP_ADDR, &r.request, sizeof(r.request)), r.expect);
-        EXPECT_EQ(memcmp(&g_stTbdlGlobalVar.ppstBnd[8]->stAddr, &r.after, sizeof(r.after)), 0);
-        if (r.expect == TBDL_OK) {
-            /* No members: no callback, but KTBDL and the database hear of it. */
-            EXPECT_EQ(g_trace, (Trace{"HA1", "HAF", "K7c0002", "DB+8"}));
-            TBDL_KBND_S kb = LastKbnd();
-            EXPECT_EQ(memcmp(&kb.stAddr, &r.after, sizeof(r.after)), 0);
-            EXPECT_EQ(memcmp(fake::CallsOf("DBM_InsertSortList").at(0).rec.data() + 2, &r.after.aucCarried, 18), 0);
-        } else {
-            EXPECT_TRUE(g_trace.empty());
-        }
-        TBDL_BND_ClearRunning();
-        TBDL_BND_Fini();
-    }
-}
-
-TEST_F(BndCfg, AddressOnBundleWithMembersAnnouncesUpdate)
-{
     Init();
     ASSERT_EQ(Create(8, 1), TBDL_OK);
-    EXPECT_EQ(Cfg(0, 9, TBDL_TLV_OP_ADDR, nullptr), TBDL_E_NOTEXIST);
-    ASSERT_EQ(AddMemb(8, 1), TBDL_OK);
+    for (const auto &r : rows) {
+        SCOPED_TRACE(r.what);
+        g_stTbdlGlobalVar.ppstBnd[8]->stAddr = r.before;
+        Mark();
+        EXPECT_EQ(Cfg(r.undo, 8, TBDL_TLV_OP_ADDR, &r.req, sizeof(r.req)), r.res);
+        EXPECT_EQ(memcmp(&g_stTbdlGlobalVar.ppstBnd[8]->stAddr, &r.after, sizeof(r.after)), 0);
+        if (r.res != TBDL_OK) {
+            EXPECT_TRUE(g_trace.empty());
+            continue;
+        }
+        /* No members: no callback, but KTBDL and the database hear of it. */
+        EXPECT_EQ(g_trace, (Trace{"HA1", "HAF", "K7c0002", "DB+8"}));
+        TBDL_KBND_S kb = LastKbnd();
+        EXPECT_EQ(memcmp(&kb.stAddr, &r.after, sizeof(r.after)), 0);
+        EXPECT_EQ(memcmp(fake::CallsOf("DBM_InsertSortList").at(0).rec.data() + 2, &r.after.aucCarried, 18), 0);
+    }
+    EXPECT_EQ(Cfg(0, 9, TBDL_TLV_OP_ADDR), TBDL_E_NOTEXIST);
+    AddMemb(8, 1);
     Mark();
     TBDL_ADDR_S a = Addr(2, {192, 168, 1, 1});
     EXPECT_EQ(Cfg(0, 8, TBDL_TLV_OP_ADDR, &a, sizeof(a)), TBDL_OK);
-    EXPECT_EQ(g_trace, (Trace{"EV1:8", "HA1", "HAF", "K7c0002", "DB+8"}));
+    EXPECT_EQ(g_trace, (Trace{"EV1:8", "HA1", "HAF", "K7c0002", "DB+8"})) << "with members: announced";
 }
 
 } // namespace

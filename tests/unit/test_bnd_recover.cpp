@@ -1,6 +1,6 @@
 /* Rebuilding bundles from stored records. */
-#include "plat_if.h"
 #include "bnd_fixture.h"
+#include "plat_if.h"
 
 using namespace bndtest;
 
@@ -10,173 +10,98 @@ class BndRecover : public BndTest {
 protected:
     static TBDL_DBM_BND_S Rec(u32 num, u8 mode, u16 vrf = 0)
     {
-        TBDL_DBM_BND_S r{};
-        r.stAddr.usFamily = 2;
-        r.stAddr.aucCarried[1] = 0x5a;
-        r.stAddr.aucAddr[0] = 10;
-        r.stAddr.aucAddr[3] = 9;
-        r.uiBndNum = num;
-        r.ucMode = mode;
-        r.ucTnlMode = 3;
-        r.usVrfIndex = vrf;
-        return r;
+        return TBDL_DBM_BND_S{{2, {0, 0x5a}, {10, 0, 0, 9}}, num, mode, 3, 0, vrf, 0};
     }
-    static u32 BndIf(u32 num)
-    {
-        return IF_GetIfIndexByFullName(("Tunnel-Bundle" + std::to_string(num)).c_str());
-    }
-    static std::string RecoverFailed(u32 num)
-    {
-        return "ERROR Failed to recover tunnel bundle interface (" + std::to_string(num) + ") from DBM.\r\n";
-    }
-    /* The record was discarded: interface index destroyed, stored record
-     * deleted, in that order. */
-    static void ExpectDiscarded(u32 num, u32 ifIndex)
-    {
-        EXPECT_EQ(fake::Names({"IF_DeleteIf", "DBM_RemoveSortList"}),
-                  (std::vector<std::string>{"IF_DeleteIf", "DBM_RemoveSortList"}));
-        auto del = fake::CallsOf("IF_DeleteIf").at(0);
-        EXPECT_EQ(del.args.at(0), 1u);
-        u32 key[2] = {ifIndex, 0};
-        EXPECT_EQ(del.data, std::vector<uint8_t>((uint8_t *)key, (uint8_t *)key + 8));
-        EXPECT_EQ(BeWord(fake::CallsOf("DBM_RemoveSortList").at(0).rec, 20), num);
-    }
+    static u32 BndIf(u32 num) { return IF_GetIfIndexByFullName(("Tunnel-Bundle" + std::to_string(num)).c_str()); }
 };
 
-TEST_F(BndRecover, RestoresDownBundleWithoutSendingAnything)
+TEST_F(BndRecover, RestoredBundleIsDownAndSilent)
 {
     Init();
     TBDL_DBM_BND_S r = Rec(12, 2);
     u32 ifIndex = BndIf(12);
     Mark();
     EXPECT_EQ(TBDL_BND_RecoverBnd(&r), TBDL_OK);
-    EXPECT_TRUE(g_trace.empty());
-    EXPECT_EQ(fake::CountOf("DBM_InsertSortList") + fake::CountOf("DBM_RemoveSortList"), 0u);
+    EXPECT_TRUE(g_trace.empty()) << "no callback, KTBDL, HA or database";
 
-    std::vector<TBDL_MEMB_INFO_S> m;
-    TBDL_BND_INFO_S info = Snap(12, &m);
+    TBDL_BND_INFO_S info = Snap(12);
     EXPECT_EQ(memcmp(&info.stAddr, &r.stAddr, sizeof(r.stAddr)), 0);
-    EXPECT_EQ(info.uiIfIndex, ifIndex);
-    EXPECT_EQ(info.ucMode, 2);
-    EXPECT_EQ(info.ucTnlMode, 3);
-    EXPECT_EQ(info.ucState, 0);
-    EXPECT_TRUE(m.empty());
+    EXPECT_EQ(std::make_tuple(info.uiBndNum, info.uiIfIndex, info.ucMode, info.ucTnlMode, info.ucState),
+              std::make_tuple(12u, ifIndex, u8(2), u8(3), u8(0)));
+    EXPECT_TRUE(Members(12).empty());
     EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 1u);
 
-    /* KTBDL hears of it at the refresh. */
-    TBDL_BND_RefreshBnd();
-    EXPECT_EQ(g_trace, (Trace{"HA1", "HAF", "K7c0002"}));
-    TBDL_KBND_S kb = LastKbnd();
-    EXPECT_EQ(memcmp(&kb.stAddr, &r.stAddr, sizeof(r.stAddr)), 0);
-
     /* A second record for a bundle already in the table leaves it alone. */
-    Mark();
     TBDL_DBM_BND_S again = Rec(12, 4);
     EXPECT_NE(TBDL_BND_RecoverBnd(&again), TBDL_OK);
     EXPECT_EQ(Snap(12).ucMode, 2);
     EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 1u);
-    EXPECT_EQ(fake::CountOf("IF_DeleteIf") + fake::CountOf("DBM_RemoveSortList"), 0u);
 }
 
-TEST_F(BndRecover, UnsupportedModeIsDiscarded)
-{
-    Init(1, 0, 0);
-    TBDL_DBM_BND_S r = Rec(3, 2);
-    u32 ifIndex = BndIf(3);
-    Mark();
-    EXPECT_EQ(TBDL_BND_RecoverBnd(&r), TBDL_E_MODE_NOTSUPPORT);
-    ExpectDiscarded(3, ifIndex);
-    EXPECT_TRUE(Logged(RecoverFailed(3)));
-    EXPECT_EQ(g_stTbdlGlobalVar.ppstBnd[3], nullptr);
-    EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 0u);
-}
+enum Fault { NONE, NO_IFINDEX, DESTROY_FAILS, ALLOC_FAILS };
 
-TEST_F(BndRecover, FailedChecksAddUp)
+/* Only load balancing is enabled. A discarded record loses its interface
+ * index, then its stored record, and the failure is logged. */
+TEST_F(BndRecover, RestoreOrDiscard)
 {
-    Init(1, 0, 0, 1024);
-    TBDL_DBM_BND_S r = Rec(2000, 4);
-    u32 ifIndex = BndIf(2000);
-    Mark();
-    EXPECT_EQ(TBDL_BND_RecoverBnd(&r), 0x85150012u);
-    ExpectDiscarded(2000, ifIndex);
-    EXPECT_TRUE(Logged(RecoverFailed(2000)));
-}
-
-struct VrfRow {
-    const char *what;
-    u16 boot;
-    u16 stored;
-    u16 current; /* what L3VPN reports for the bundle interface */
-    u32 expect;
-};
-
-TEST_F(BndRecover, VrfComparedUnlessSystemBoot)
-{
-    const VrfRow rows[] = {
-        {"boot takes the stored VRF", 1, 7, 3, TBDL_OK},
-        {"restart, VRF moved", 0, 7, 3, TBDL_E_FAILED},
-        {"restart, VRF lost", 0, 7, 0, TBDL_E_FAILED},
-        {"restart, same VRF", 0, 7, 7, TBDL_OK},
-        {"restart, no VRF on either side", 0, 0, 0, TBDL_OK},
+    /* current: the VRF L3VPN reports for the bundle interface */
+    const struct { const char *what; u32 num; u8 mode; u16 boot, stored, current; Fault fault; u32 expect; } rows[] = {
+        {"boot takes the stored VRF", 1, 1, 1, 7, 3, NONE, TBDL_OK},
+        {"restart, same VRF", 2, 1, 0, 7, 7, NONE, TBDL_OK},
+        {"restart, no VRF on either side", 3, 1, 0, 0, 0, NONE, TBDL_OK},
+        {"restart, VRF moved", 4, 1, 0, 7, 3, NONE, TBDL_E_FAILED},
+        {"restart, VRF lost", 5, 1, 0, 7, 0, NONE, TBDL_E_FAILED},
+        {"mode not enabled", 6, 2, 1, 0, 0, NONE, TBDL_E_MODE_NOTSUPPORT},
+        {"failed checks add up", 2000, 4, 0, 0, 0, NONE, 0x85150012u},
+        {"no interface index", 7, 1, 0, 0, 0, NO_IFINDEX, TBDL_E_FAILED},
+        {"index cannot be destroyed", 8, 2, 0, 0, 0, DESTROY_FAILS, TBDL_E_MODE_NOTSUPPORT},
+        {"no memory: released without the message", 9, 1, 0, 0, 0, ALLOC_FAILS, TBDL_E_NOMEM},
     };
-    u32 num = 0;
-    for (const VrfRow &r : rows) {
+    Init(1, 0, 0);
+    for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
-        Init();
+        fake::ClearFailures();
         TBDL_INTF_SetSystemBoot(r.boot);
-        TBDL_DBM_BND_S rec = Rec(++num, 1, r.stored);
-        u32 ifIndex = BndIf(num);
+        TBDL_DBM_BND_S rec = Rec(r.num, r.mode, r.stored);
+        u32 ifIndex = BndIf(r.num);
         fake::SetVrf(ifIndex, r.current);
         Mark();
-        EXPECT_EQ(TBDL_BND_RecoverBnd(&rec), r.expect);
-        EXPECT_EQ(fake::CountOf("L3VPN_GetVrfIndexByIfIndex"), r.boot ? 0u : 1u);
-        if (r.expect == TBDL_OK) {
-            EXPECT_EQ(Snap(num).usVrfIndex, r.stored);
-        } else {
-            ExpectDiscarded(num, ifIndex);
-            EXPECT_TRUE(Logged(RecoverFailed(num)));
+        if (r.fault == NO_IFINDEX) {
+            fake::FailAlways("IF_GetIfIndexByFullName", 0);
         }
-        TBDL_BND_ClearRunning();
-        TBDL_BND_Fini();
+        if (r.fault == DESTROY_FAILS) {
+            fake::FailOnce("IF_DeleteIf", 0);
+        }
+        TBDL_BAS_SetAllocFault(0, r.fault == ALLOC_FAILS);
+        EXPECT_EQ(TBDL_BND_RecoverBnd(&rec), r.expect);
+        TBDL_BAS_SetAllocFault(0, 0);
+        EXPECT_EQ(fake::CountOf("L3VPN_GetVrfIndexByIfIndex"), (r.boot || r.fault == NO_IFINDEX) ? 0u : 1u);
+        std::string num = std::to_string(r.num);
+        EXPECT_EQ(Logged("ERROR Failed to recover tunnel bundle interface (" + num + ") from DBM.\r\n"),
+                  r.expect != TBDL_OK && r.fault != ALLOC_FAILS);
+        EXPECT_EQ(Logged("ERROR Failed to destroy ifindex for tunnel bundle interface (" + num + ").\r\n"),
+                  r.fault == DESTROY_FAILS);
+        if (r.expect == TBDL_OK) {
+            EXPECT_EQ(Snap(r.num).usVrfIndex, r.stored);
+            EXPECT_TRUE(g_trace.empty());
+            continue;
+        }
+        if (r.num < 1024) {
+            EXPECT_EQ(g_stTbdlGlobalVar.ppstBnd[r.num], nullptr);
+        }
+        EXPECT_EQ(g_trace, (Trace{"DB-" + num}));
+        std::vector<std::string> want = {"IF_DeleteIf", "DBM_RemoveSortList"};
+        if (r.fault == NO_IFINDEX) {
+            want.erase(want.begin());
+        } else {
+            auto del = fake::CallsOf("IF_DeleteIf").at(0);
+            EXPECT_EQ(del.args.at(0), 1u);
+            u32 key[2] = {ifIndex, 0};
+            EXPECT_EQ(del.data, fake::Bytes((uint8_t *)key, (uint8_t *)key + 8));
+        }
+        EXPECT_EQ(fake::Names({"IF_DeleteIf", "DBM_RemoveSortList"}), want);
     }
-}
-
-TEST_F(BndRecover, NoInterfaceIndex)
-{
-    Init();
-    TBDL_DBM_BND_S r = Rec(4, 1);
-    fake::FailAlways("IF_GetIfIndexByFullName", 0);
-    EXPECT_EQ(TBDL_BND_RecoverBnd(&r), TBDL_E_FAILED);
-    EXPECT_EQ(fake::CountOf("IF_DeleteIf"), 0u);
-    EXPECT_EQ(fake::CountOf("L3VPN_GetVrfIndexByIfIndex"), 0u);
-    EXPECT_EQ(fake::CountOf("DBM_RemoveSortList"), 1u);
-    EXPECT_TRUE(Logged(RecoverFailed(4)));
-}
-
-TEST_F(BndRecover, DestroyFailureIsReported)
-{
-    Init(1, 0, 0);
-    TBDL_DBM_BND_S r = Rec(4, 2);
-    fake::FailOnce("IF_DeleteIf", 0);
-    EXPECT_EQ(TBDL_BND_RecoverBnd(&r), TBDL_E_MODE_NOTSUPPORT);
-    EXPECT_TRUE(Logged("ERROR Failed to destroy ifindex for tunnel bundle interface (4).\r\n"));
-    EXPECT_EQ(fake::CountOf("DBM_RemoveSortList"), 1u);
-    EXPECT_TRUE(Logged(RecoverFailed(4)));
-}
-
-TEST_F(BndRecover, AllocationFailureReleasesWithoutRecoveryMessage)
-{
-    Init();
-    TBDL_DBM_BND_S r = Rec(6, 1);
-    u32 ifIndex = BndIf(6);
-    Mark();
-    TBDL_BAS_SetAllocFault(0, 1);
-    EXPECT_EQ(TBDL_BND_RecoverBnd(&r), TBDL_E_NOMEM);
-    TBDL_BAS_SetAllocFault(0, 0);
-    ExpectDiscarded(6, ifIndex);
-    EXPECT_FALSE(Logged(RecoverFailed(6)));
-    EXPECT_EQ(g_stTbdlGlobalVar.ppstBnd[6], nullptr);
-    EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 0u);
+    EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 3u);
 }
 
 } // namespace

@@ -1,126 +1,64 @@
 /* Member binding: binds, weight updates and refusals, unbinding, removal
  * of a bundle's memberships, recovery of stored members, life cycle. */
-#include <arpa/inet.h>
-
-#include <cstring>
 #include <map>
-#include <optional>
-#include <string>
-#include <vector>
 
-#include <gtest/gtest.h>
-
-#include "fake_platform.h"
+#include "bnd_fixture.h"
 #include "intf/tbdl_intf_priv.h"
-#include "tbdl_bas.h"
-#include "tbdl_bnd.h"
-#include "tbdl_dbm.h"
+
+using namespace bndtest;
 
 namespace {
 
-fake::Bytes MembKey(u32 uiBndNum)
-{
-    return {0x02, static_cast<uint8_t>(uiBndNum >> 24), static_cast<uint8_t>(uiBndNum >> 16),
-            static_cast<uint8_t>(uiBndNum >> 8), static_cast<uint8_t>(uiBndNum)};
-}
+Bytes MembKey(u32 num) { return Cat({{0x02}, Be32(num)}); }
 
 /* Stored (big-endian) form of a member record. */
-fake::Bytes StoredMemb(u32 uiTnl, u16 usWeight, u8 ucRole, u16 usVrf)
+Bytes StoredMemb(u32 tnl, u16 weight, u8 role, u16 vrf)
 {
-    return {static_cast<uint8_t>(uiTnl >> 24), static_cast<uint8_t>(uiTnl >> 16),
-            static_cast<uint8_t>(uiTnl >> 8),  static_cast<uint8_t>(uiTnl),
-            static_cast<uint8_t>(usWeight >> 8), static_cast<uint8_t>(usWeight),
-            ucRole, 0, static_cast<uint8_t>(usVrf >> 8), static_cast<uint8_t>(usVrf), 0, 0};
+    return Cat({Be32(tnl), {uint8_t(weight >> 8), uint8_t(weight), role, 0, uint8_t(vrf >> 8), uint8_t(vrf), 0, 0}});
 }
 
-std::vector<fake::Bytes> StoredMembers(u32 uiBndNum)
+std::vector<Bytes> StoredMembers(u32 num)
 {
-    auto it = fake::Db().find(MembKey(uiBndNum));
-    return it == fake::Db().end() ? std::vector<fake::Bytes>{} : it->second;
+    auto it = fake::Db().find(MembKey(num));
+    return it == fake::Db().end() ? std::vector<Bytes>{} : it->second;
 }
 
-class IntfTest : public ::testing::Test {
+class IntfTest : public BndTest {
 protected:
-    void SetUp() override { Start(); }
-    void TearDown() override { Stop(); }
-
-    void Start()
+    void SetUp() override
     {
-        fake::Reset();
-        ASSERT_EQ(TBDL_DBM_Init(), 0u);
-        TBDL_SPEC_S stSpec = {1024, 8, 1, 1, 1};
-        ASSERT_EQ(TBDL_BND_Init(&stSpec, nullptr, -1), 0u);
-        ASSERT_EQ(TBDL_INTF_Init(-1), 0u);
+        BndTest::SetUp();
+        Init();
+        ASSERT_EQ(TBDL_INTF_Init(epfd), 0u);
     }
-
-    void Stop()
+    void TearDown() override
     {
-        TBDL_BAS_SetAllocFault(0, 0);
         TBDL_INTF_Fini();
-        TBDL_BND_ClearRunning();
-        TBDL_BND_Fini();
-        TBDL_DBM_Fini();
+        BndTest::TearDown();
     }
 
-    /* Puts a bundle into the table with the given VRF. */
-    static void MakeBnd(u32 uiBndNum, u8 ucMode, u16 usVrf, u8 ucTnlMode = 0)
+    static void MakeBnd(u32 num, u8 mode, u16 vrf, u8 tnlMode = 0)
     {
-        TBDL_DBM_BND_S stRec;
-        std::memset(&stRec, 0, sizeof(stRec));
-        stRec.uiBndNum = uiBndNum;
-        stRec.ucMode = ucMode;
-        stRec.ucTnlMode = ucTnlMode;
-        stRec.usVrfIndex = usVrf;
-        TBDL_INTF_SetSystemBoot(1);
-        ASSERT_EQ(TBDL_BND_RecoverBnd(&stRec), 0u);
-        TBDL_INTF_SetSystemBoot(0);
+        ASSERT_EQ(Create(num, mode, tnlMode), TBDL_OK);
+        g_stTbdlGlobalVar.ppstBnd[num]->usVrfIndex = vrf;
     }
 
-    /* A bind request as the configuration channel hands it over. */
-    static u32 Bind(u32 uiBndNum, u32 uiTnl, u16 usWeight = 1, u8 ucRole = 0,
-                    TBDL_CFG_OPER_DATA_S *pstArea = nullptr)
+    /* A member request as the configuration channel hands it over. */
+    static u32 Memb(u16 undo, u32 num, u32 tnl, u16 weight = 1, u8 role = 0)
     {
-        TBDL_CFG_OPER_DATA_S stLocal;
-        TBDL_CFG_OPER_DATA_S *pst = pstArea != nullptr ? pstArea : &stLocal;
-        std::memset(pst, 0, sizeof(*pst));
-        TBDL_MEMB_CFG_S stCfg = {uiTnl, usWeight, ucRole, 0, 0, 0};
-        std::memcpy(pst->aucData, &stCfg, sizeof(stCfg));
-        TBDL_CFG_KEY_S stKey = {uiBndNum};
-        return TBDL_INTF_Configure(0, &stKey, TBDL_TLV_OP_MEMB, pst);
+        TBDL_CFG_OPER_DATA_S area{};
+        TBDL_MEMB_CFG_S cfg = {tnl, weight, role, 0, 0, 0};
+        memcpy(area.aucData, &cfg, sizeof(cfg));
+        TBDL_CFG_KEY_S key = {num};
+        return TBDL_INTF_Configure(undo, &key, TBDL_TLV_OP_MEMB, &area);
     }
-
-    static u32 Unbind(u32 uiBndNum, u32 uiTnl)
+    /* The dispatcher's call ahead of every undo request of a bundle. */
+    static u32 BndUndo(u32 num, u16 op)
     {
-        TBDL_CFG_OPER_DATA_S stArea;
-        std::memset(&stArea, 0, sizeof(stArea));
-        TBDL_MEMB_CFG_S stCfg = {uiTnl, 0, 0, 0, 0, 0};
-        std::memcpy(stArea.aucData, &stCfg, sizeof(stCfg));
-        TBDL_CFG_KEY_S stKey = {uiBndNum};
-        return TBDL_INTF_Configure(1, &stKey, TBDL_TLV_OP_MEMB, &stArea);
+        TBDL_CFG_KEY_S key = {num};
+        return TBDL_INTF_Configure(1, &key, op, nullptr);
     }
-
-    static std::optional<TBDL_INTF_PD_S> Pd(u32 uiIfIndex)
-    {
-        auto it = fake::PrivateData().find(uiIfIndex);
-        if (it == fake::PrivateData().end()) {
-            return std::nullopt;
-        }
-        return *static_cast<TBDL_INTF_PD_S *>(it->second);
-    }
-
-    /* Bundle members as the table lists them. */
-    static std::vector<TBDL_MEMB_INFO_S> Members(u32 uiBndNum)
-    {
-        std::vector<TBDL_MEMB_INFO_S> vec(TBDL_SNAPSHOT_MEMB_MAX);
-        TBDL_BND_INFO_S stInfo;
-        std::memset(&stInfo, 0, sizeof(stInfo));
-        stInfo.pstMembInfo = vec.data();
-        if (TBDL_BND_GetBndInfo(uiBndNum, &stInfo) != 0) {
-            return {};
-        }
-        vec.resize(stInfo.usMembNum);
-        return vec;
-    }
+    static u32 Bind(u32 num, u32 tnl, u16 weight = 1, u8 role = 0) { return Memb(0, num, tnl, weight, role); }
 
     /* Which bundle each private-data entry names. */
     static std::map<u32, u32> PdMap()
@@ -131,304 +69,190 @@ protected:
         }
         return map;
     }
+    static const TBDL_INTF_PD_S &Pd(u32 ifIndex)
+    {
+        return *static_cast<TBDL_INTF_PD_S *>(fake::PrivateData().at(ifIndex));
+    }
 };
 
-TEST_F(IntfTest, BindRecordsMembershipStoresMemberAndWritesVrfBack)
+TEST_F(IntfTest, BindRecordsMembershipStoresMemberAndRebindUpdatesWeight)
 {
     MakeBnd(3, TBDL_MODE_LOADBALANCING, 5);
-    u32 uiIf = fake::AddTunnel(7, 0, /*state*/ 1, /*vrf*/ 5);
-    fake::ClearJournal();
-
-    TBDL_CFG_OPER_DATA_S stArea;
-    ASSERT_EQ(Bind(3, 7, 10, 0, &stArea), 0u);
-
-    auto names = fake::CallsOf("IF_GetIfIndexByFullName");
-    ASSERT_FALSE(names.empty());
-    EXPECT_EQ(names[0].text, "Tunnel7");
-
-    TBDL_MEMB_CFG_S stCfg;
-    std::memcpy(&stCfg, stArea.aucData, sizeof(stCfg));
-    EXPECT_EQ(stCfg.usVrfIndex, 5) << "the handler adds the VRF into the operation data";
-
-    auto pd = Pd(uiIf);
-    ASSERT_TRUE(pd.has_value());
-    EXPECT_EQ(pd->uiBndNum, 3u);
-    EXPECT_EQ(pd->usVrfIndex, 5);
-    EXPECT_EQ(pd->cVrfMark, 0);
-
-    auto memb = Members(3);
-    ASSERT_EQ(memb.size(), 1u);
-    EXPECT_EQ(memb[0].uiIfIndex, uiIf);
-    EXPECT_EQ(memb[0].usWeight, 10);
-    EXPECT_EQ(memb[0].ucState, 1) << "initial state from interface data item 31";
-
-    EXPECT_EQ(StoredMembers(3), std::vector<fake::Bytes>{StoredMemb(7, 10, 0, 5)});
-}
-
-TEST_F(IntfTest, NewPrivateDataTakesCurrentBatchMarkAndDownState)
-{
-    MakeBnd(3, TBDL_MODE_LOADBALANCING, 0);
-    u32 uiIf = fake::AddTunnel(7, 0, /*state*/ 0x100, 0);
+    u32 if7 = fake::AddTunnel(7, 0, /*state*/ 1, /*vrf*/ 5);
+    u32 if8 = fake::AddTunnel(8, 0, /*state*/ 0x100, /*vrf*/ 5);
     g_stIntfGlobalVar.cVrfMark = 42;
-    ASSERT_EQ(Bind(3, 7), 0u);
-    EXPECT_EQ(Pd(uiIf)->cVrfMark, 42);
-    EXPECT_EQ(Members(3)[0].ucState, 0) << "only the low byte of data item 31 counts";
+    Mark();
+    ASSERT_EQ(Bind(3, 7, 10), 0u);
+    EXPECT_EQ(fake::CallsOf("IF_GetIfIndexByFullName").at(0).text, "Tunnel7");
+    const TBDL_INTF_PD_S &pd = Pd(if7);
+    EXPECT_EQ(std::make_tuple(pd.uiBndNum, pd.usVrfIndex, pd.cVrfMark), std::make_tuple(3u, u16(5), i8(42)));
+    EXPECT_EQ(StoredMembers(3), std::vector<Bytes>{StoredMemb(7, 10, 0, 5)});
+
+    ASSERT_EQ(Bind(3, 8, 20), 0u);
+    auto m = Members(3);
+    ASSERT_EQ(m.size(), 2u);
+    EXPECT_EQ(std::make_tuple(m[1].uiIfIndex, m[1].usWeight, m[1].ucState), std::make_tuple(if7, u16(10), u8(1)))
+        << "initial state from interface data item 31";
+    EXPECT_EQ(std::make_pair(m[0].uiIfIndex, m[0].ucState), std::make_pair(if8, u8(0))) << "only its low byte counts";
+
+    EXPECT_EQ(Bind(3, 7, 30), 0u) << "weight update";
+    EXPECT_EQ(Members(3)[1].usWeight, 30);
+    EXPECT_EQ(StoredMembers(3), (std::vector<Bytes>{StoredMemb(7, 30, 0, 5), StoredMemb(8, 20, 0, 5)}));
 }
 
-/* Every refused bind leaves private data, stored members and the kernel
- * table as they were. */
+/* Every refused bind leaves private data, stored members, the kernel and the
+ * standby as they were. */
 TEST_F(IntfTest, RefusedBindsLeaveNoTrace)
 {
-    struct Case {
-        const char *pcWhat;
-        u32 uiBndNum;
-        u32 uiTnl;
-        u8 ucRole;
-        u32 uiExpect;
+    MakeBnd(3, TBDL_MODE_LOADBALANCING, 5);
+    MakeBnd(4, TBDL_MODE_ONETOONE, 5);
+    MakeBnd(5, TBDL_MODE_LOADBALANCING, 5);
+    MakeBnd(6, TBDL_MODE_LOADBALANCING, 0);
+    for (u32 tnl : {1u, 2u, 4u, 5u}) {
+        fake::AddTunnel(tnl, 0, 1, 5);
+    }
+    fake::AddTunnel(3, 0, 1, 7);
+    fake::AddTunnel(6, /*tnlMode*/ 3, 1, 5);
+    ASSERT_EQ(Bind(3, 1), 0u);
+    ASSERT_EQ(Bind(3, 4), 0u);
+    ASSERT_EQ(Bind(4, 5), 0u);
+    fake::SetVrf(fake::FindInterface("Tunnel4")->ifIndex, 0);
+    const auto pdBefore = PdMap();
+    const auto dbBefore = fake::Db();
+
+    /* fail: the platform call that fails once, "alloc" for the allocator */
+    const struct { const char *what; u32 num, tnl; u16 weight; u8 role; u32 expect; const char *fail; } cases[] = {
+        {"member of bundle 3, same VRF, bind to 5", 5, 1, 1, 0, TBDL_E_MEMB_IN_OTHER_BND, nullptr},
+        {"member of bundle 3, now other VRF, bind to 6 (VRF test first)", 6, 4, 1, 0, TBDL_E_VRF_MISMATCH, nullptr},
+        {"bundle 9 does not exist", 9, 2, 1, 0, TBDL_E_NOTEXIST, nullptr},
+        {"bundle number out of range", 5000, 2, 1, 0, TBDL_E_NOTEXIST, nullptr},
+        {"interface VRF differs from the bundle's", 6, 3, 1, 0, TBDL_E_VRF_MISMATCH, nullptr},
+        {"no interface Tunnel99", 3, 99, 1, 0, TBDL_E_FAILED, nullptr},
+        {"bundle table refuses the role", 5, 2, 1, 1, TBDL_E_MEMB_ROLE, nullptr},
+        {"bundle table refuses the tunnel mode", 5, 6, 1, 0, TBDL_E_TNL_MODE_MISMATCH, nullptr},
+        {"rebind with the same weight", 3, 1, 1, 0, TBDL_E_NOCHANGE, nullptr},
+        {"rebind in a protection mode", 4, 5, 9, 0, TBDL_E_NOCHANGE, nullptr},
+        {"the store refuses the private data (freed: leak check)", 5, 2, 1, 0, 0x77, "IF_SetPrivateData"},
+        {"no memory for the private data", 5, 2, 1, 0, TBDL_E_NOMEM, "alloc"},
     };
-    const Case astCases[] = {
-        {"member of bundle 3, same VRF, bind to 5", 5, 1, 0, TBDL_E_MEMB_IN_OTHER_BND},
-        {"member of bundle 3, now other VRF, bind to 6 (VRF test first)", 6, 4, 0,
-         TBDL_E_VRF_MISMATCH},
-        {"bundle 9 does not exist", 9, 2, 0, TBDL_E_NOTEXIST},
-        {"bundle number out of range", 5000, 2, 0, TBDL_E_NOTEXIST},
-        {"interface VRF differs from the bundle's", 6, 3, 0, TBDL_E_VRF_MISMATCH},
-        {"no interface Tunnel99", 3, 99, 0, TBDL_E_FAILED},
-        {"bundle table refuses the role", 5, 2, 1, TBDL_E_MEMB_ROLE},
-        {"bundle table refuses the tunnel mode", 5, 6, 0, TBDL_E_TNL_MODE_MISMATCH},
-    };
-
-    for (const Case &c : astCases) {
-        SCOPED_TRACE(c.pcWhat);
-        Stop();
-        Start();
-        MakeBnd(3, TBDL_MODE_LOADBALANCING, 5);
-        MakeBnd(5, TBDL_MODE_LOADBALANCING, 5);
-        MakeBnd(6, TBDL_MODE_LOADBALANCING, 0);
-        u32 uiIf1 = fake::AddTunnel(1, 0, 1, 5);
-        fake::AddTunnel(2, 0, 1, 5);
-        fake::AddTunnel(3, 0, 1, 7);
-        u32 uiIf4 = fake::AddTunnel(4, 0, 1, 5);
-        fake::AddTunnel(6, /*tnlMode*/ 3, 1, 5);
-        ASSERT_EQ(Bind(3, 1), 0u);
-        ASSERT_EQ(Bind(3, 4), 0u);
-        fake::SetVrf(uiIf4, 0);
-
-        auto pdBefore = PdMap();
-        auto dbBefore = fake::Db();
-        auto kBefore = fake::Ktbdl();
-
-        EXPECT_EQ(Bind(c.uiBndNum, c.uiTnl, 1, c.ucRole), c.uiExpect);
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        Mark();
+        if (c.fail != nullptr && strcmp(c.fail, "alloc") != 0) {
+            fake::FailOnce(c.fail, c.expect);
+        }
+        TBDL_BAS_SetAllocFault(0, c.fail != nullptr && strcmp(c.fail, "alloc") == 0);
+        EXPECT_EQ(Bind(c.num, c.tnl, c.weight, c.role), c.expect);
+        TBDL_BAS_SetAllocFault(0, 0);
+        EXPECT_TRUE(g_trace.empty()) << "nothing sent or saved";
         EXPECT_EQ(PdMap(), pdBefore);
         EXPECT_EQ(fake::Db(), dbBefore);
-        EXPECT_EQ(fake::Ktbdl().size(), kBefore.size());
-        for (auto &kv : kBefore) {
-            EXPECT_EQ(fake::Ktbdl()[kv.first].members, kv.second.members);
-        }
-        EXPECT_EQ(Pd(uiIf1)->uiBndNum, 3u);
     }
 }
 
-TEST_F(IntfTest, InterfaceRefusedByBundleTableCanJoinAnotherBundle)
+TEST_F(IntfTest, UnbindAndBundleRemoval)
 {
-    MakeBnd(3, TBDL_MODE_ONETOONE, 0);
+    MakeBnd(3, TBDL_MODE_LOADBALANCING, 0);
     MakeBnd(4, TBDL_MODE_LOADBALANCING, 0);
-    fake::AddTunnel(1);
-    fake::AddTunnel(2);
-    u32 uiIf3 = fake::AddTunnel(3);
-    ASSERT_EQ(Bind(3, 1, 1, 0), 0u);
-    ASSERT_EQ(Bind(3, 2, 1, 1), 0u);
-    EXPECT_EQ(Bind(3, 3, 1, 2), TBDL_E_MEMB_FULL);
-    EXPECT_FALSE(Pd(uiIf3).has_value());
-    EXPECT_EQ(Bind(4, 3), 0u);
-    EXPECT_EQ(Pd(uiIf3)->uiBndNum, 4u);
-}
-
-TEST_F(IntfTest, RebindIsWeightUpdateOnlyInLoadBalancing)
-{
-    MakeBnd(3, TBDL_MODE_LOADBALANCING, 0);
-    MakeBnd(4, TBDL_MODE_ONETOONE, 0);
-    u32 uiIf1 = fake::AddTunnel(1);
-    fake::AddTunnel(2);
-    ASSERT_EQ(Bind(3, 1, 10), 0u);
-    ASSERT_EQ(Bind(4, 2, 10), 0u);
-
-    EXPECT_EQ(Bind(3, 1, 20), 0u);
-    EXPECT_EQ(Members(3)[0].usWeight, 20);
-    EXPECT_EQ(StoredMembers(3), std::vector<fake::Bytes>{StoredMemb(1, 20, 0, 0)});
-
-    fake::ClearJournal();
-    EXPECT_EQ(Bind(3, 1, 20), TBDL_E_NOCHANGE);
-    EXPECT_EQ(Bind(4, 2, 30), TBDL_E_NOCHANGE);
-    EXPECT_EQ(StoredMembers(4), std::vector<fake::Bytes>{StoredMemb(2, 10, 0, 0)});
-    EXPECT_EQ(fake::CountOf("DBM_InsertSortList"), 0u);
-    EXPECT_EQ(fake::CountOf("IF_DelPrivateData"), 0u) << "a refused weight update keeps the membership";
-    EXPECT_EQ(Pd(uiIf1)->uiBndNum, 3u);
-}
-
-TEST_F(IntfTest, StoreRefusalAndAllocationFailureLeaveNothingBehind)
-{
-    MakeBnd(3, TBDL_MODE_LOADBALANCING, 0);
-    u32 uiIf = fake::AddTunnel(1);
-
-    fake::FailOnce("IF_SetPrivateData", 0x77);
-    EXPECT_EQ(Bind(3, 1), 0x77u); /* the refused record is freed (leak check) */
-
-    TBDL_BAS_SetAllocFault(0, 1);
-    EXPECT_EQ(Bind(3, 1), TBDL_E_NOMEM);
-    TBDL_BAS_SetAllocFault(0, 0);
-
-    EXPECT_FALSE(Pd(uiIf).has_value());
-    EXPECT_TRUE(Members(3).empty());
-    EXPECT_TRUE(StoredMembers(3).empty());
-}
-
-TEST_F(IntfTest, UnbindAnswersZeroAndOnlyTouchesRealMembers)
-{
-    MakeBnd(3, TBDL_MODE_LOADBALANCING, 0);
-    u32 uiIf1 = fake::AddTunnel(1);
-    u32 uiIf2 = fake::AddTunnel(2);
-    fake::AddTunnel(5);
+    std::map<u32, u32> ifs;
+    for (u32 tnl : {1u, 2u, 3u, 5u}) {
+        ifs[tnl] = fake::AddTunnel(tnl);
+    }
     ASSERT_EQ(Bind(3, 1), 0u);
     ASSERT_EQ(Bind(3, 2), 0u);
-
-    fake::ClearJournal();
-    EXPECT_EQ(Unbind(3, 7), 0u) << "no interface Tunnel7";
-    EXPECT_EQ(Unbind(3, 5), 0u) << "Tunnel5 is not a member";
+    ASSERT_EQ(Bind(3, 3), 0u);
+    ASSERT_EQ(Bind(4, 5), 0u);
+    Mark();
+    EXPECT_EQ(Memb(1, 3, 7), 0u) << "no interface Tunnel7";
+    EXPECT_EQ(Memb(1, 3, 5), 0u) << "Tunnel5 is not a member of 3";
+    EXPECT_EQ(BndUndo(3, TBDL_TLV_OP_MEMB), 0u) << "no member record";
+    EXPECT_TRUE(g_trace.empty());
     EXPECT_EQ(fake::CountOf("IF_DelPrivateData"), 0u);
-    EXPECT_EQ(fake::CountOf("DBM_RemoveSortList"), 0u);
-    EXPECT_EQ(fake::CountOf("CIOCTL"), 0u);
-    EXPECT_EQ(StoredMembers(3).size(), 2u);
+    EXPECT_EQ(StoredMembers(3).size(), 3u);
 
-    EXPECT_EQ(Unbind(3, 1), 0u);
-    EXPECT_FALSE(Pd(uiIf1).has_value());
-    EXPECT_TRUE(Pd(uiIf2).has_value());
-    ASSERT_EQ(Members(3).size(), 1u);
-    EXPECT_EQ(Members(3)[0].uiIfIndex, uiIf2);
-    EXPECT_EQ(StoredMembers(3), std::vector<fake::Bytes>{StoredMemb(2, 1, 0, 0)});
-}
+    EXPECT_EQ(Memb(1, 3, 1), 0u);
+    EXPECT_EQ(PdMap(), (std::map<u32, u32>{{ifs[2], 3}, {ifs[3], 3}, {ifs[5], 4}}));
+    EXPECT_EQ(Members(3).size(), 2u);
+    EXPECT_EQ(StoredMembers(3), (std::vector<Bytes>{StoredMemb(2, 1, 0, 0), StoredMemb(3, 1, 0, 0)}));
 
-TEST_F(IntfTest, BundleRemovalDropsItsMembershipsAndMemberRecords)
-{
-    MakeBnd(3, TBDL_MODE_LOADBALANCING, 0);
-    MakeBnd(4, TBDL_MODE_LOADBALANCING, 0);
-    fake::AddTunnel(1);
-    fake::AddTunnel(2);
-    u32 uiIf3 = fake::AddTunnel(3);
-    ASSERT_EQ(Bind(3, 1), 0u);
-    ASSERT_EQ(Bind(3, 2), 0u);
-    ASSERT_EQ(Bind(4, 3), 0u);
-
-    TBDL_CFG_KEY_S stKey = {3};
-    EXPECT_EQ(TBDL_INTF_Configure(1, &stKey, TBDL_TLV_OP_BND, nullptr), 0u);
-
-    EXPECT_EQ(PdMap(), (std::map<u32, u32>{{uiIf3, 4}}));
+    /* The undo of a bundle drops its memberships and member records; the
+     * bundle table removes the members with the bundle afterwards. */
+    EXPECT_EQ(BndUndo(3, TBDL_TLV_OP_BND), 0u);
+    EXPECT_EQ(PdMap(), (std::map<u32, u32>{{ifs[5], 4}}));
     EXPECT_EQ(fake::Db().count(MembKey(3)), 0u);
     EXPECT_EQ(StoredMembers(4).size(), 1u);
-    EXPECT_EQ(Members(3).size(), 2u) << "the bundle table removes the bundle itself afterwards";
-
-    /* The other undo requests of bundles: no member record, or not ours. */
-    EXPECT_EQ(TBDL_INTF_Configure(1, &stKey, TBDL_TLV_OP_MEMB, nullptr), 0u);
-    EXPECT_EQ(TBDL_INTF_Configure(1, &stKey, TBDL_TLV_OP_ADDR, nullptr), TBDL_E_NOTSUPPORT);
-    /* Removal of a bundle that does not exist answers 0 as well. */
-    stKey.uiBndNum = 9;
-    EXPECT_EQ(TBDL_INTF_Configure(1, &stKey, TBDL_TLV_OP_BND, nullptr), 0u);
+    EXPECT_EQ(Members(3).size(), 2u);
+    EXPECT_EQ(BndUndo(3, TBDL_TLV_OP_ADDR), TBDL_E_NOTSUPPORT);
+    EXPECT_EQ(BndUndo(9, TBDL_TLV_OP_BND), 0u) << "no such bundle";
 }
 
 TEST_F(IntfTest, RecoveryOfStoredMembers)
 {
-    struct Case {
-        const char *pcWhat;
-        bool bInterface;   /* Tunnel7 exists */
-        u16 usIfVrf;       /* its current VRF */
-        u16 usBoot;        /* system-boot flag during recovery */
-        u32 uiBndNum;      /* bundle the record is stored under */
-        u32 uiExpect;
-        bool bRecordKept;
-        bool bBound;
-    };
-    const Case astCases[] = {
+    /* Whether Tunnel7 exists, its current VRF, the boot flag, the bundle the record is stored under, result,
+     * whether the record stays, whether the member is bound. */
+    const struct { const char *what; bool intf; u16 ifVrf, boot; u32 num, expect; bool kept, bound; } cases[] = {
         {"interface missing: record kept, nothing bound", false, 5, 0, 3, 0, true, false},
         {"same VRF after restart: bound", true, 5, 0, 3, 0, true, true},
         {"VRF moved after restart: record dropped", true, 9, 0, 3, TBDL_E_FAILED, false, false},
         {"system boot: stored VRF used as it is", true, 9, 1, 3, 0, true, true},
         {"bundle gone: record dropped", true, 5, 0, 8, TBDL_E_NOTEXIST, false, false},
     };
-
-    for (const Case &c : astCases) {
-        SCOPED_TRACE(c.pcWhat);
-        Stop();
-        Start();
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
+        TearDown();
+        SetUp();
         MakeBnd(3, TBDL_MODE_LOADBALANCING, 5);
-        u32 uiIf = c.bInterface ? fake::AddTunnel(7, 0, 1, c.usIfVrf) : 0;
-        fake::DbPut(MembKey(c.uiBndNum), 0, StoredMemb(7, 4, 0, 5));
+        u32 ifIndex = c.intf ? fake::AddTunnel(7, 0, 1, c.ifVrf) : 0;
+        fake::DbPut(MembKey(c.num), 0, StoredMemb(7, 4, 0, 5));
         fake::ClearJournal();
-
-        TBDL_MEMB_CFG_S stStored = {7, 4, 0, 0, 5, 0};
-        TBDL_INTF_SetSystemBoot(c.usBoot);
-        EXPECT_EQ(TBDL_INTF_RecoverMemb(c.uiBndNum, &stStored), c.uiExpect);
+        TBDL_MEMB_CFG_S stored = {7, 4, 0, 0, 5, 0};
+        TBDL_INTF_SetSystemBoot(c.boot);
+        EXPECT_EQ(TBDL_INTF_RecoverMemb(c.num, &stored), c.expect);
         TBDL_INTF_SetSystemBoot(0);
-
-        EXPECT_EQ(StoredMembers(c.uiBndNum).size(), c.bRecordKept ? 1u : 0u);
-        EXPECT_EQ(fake::PrivateData().size(), c.bBound ? 1u : 0u);
-        EXPECT_EQ(Members(3).size(), c.bBound ? 1u : 0u);
-        if (c.bBound) {
-            EXPECT_EQ(Pd(uiIf)->usVrfIndex, 5);
-            EXPECT_EQ(StoredMembers(3), std::vector<fake::Bytes>{StoredMemb(7, 4, 0, 5)});
+        EXPECT_EQ(StoredMembers(c.num).size(), c.kept ? 1u : 0u);
+        EXPECT_EQ(PdMap().size(), c.bound ? 1u : 0u);
+        EXPECT_EQ(Members(3).size(), c.bound ? 1u : 0u);
+        if (c.bound) {
+            EXPECT_EQ(Pd(ifIndex).usVrfIndex, 5);
+            EXPECT_EQ(StoredMembers(3), std::vector<Bytes>{StoredMemb(7, 4, 0, 5)});
         }
-        if (c.usBoot != 0) {
+        if (c.boot != 0) {
             EXPECT_EQ(fake::CountOf("L3VPN_GetVrfIndexByIfIndex"), 0u);
         }
     }
 }
 
-TEST_F(IntfTest, LifeCycleOfThePrivateDataInstance)
-{
-    Stop();
-    fake::Reset();
-    fake::FailOnce("IF_CreatePDInstance", ~0ull);
-    EXPECT_EQ(TBDL_INTF_Init(11), TBDL_E_NOMEM);
-    EXPECT_EQ(g_stIntfGlobalVar.ulPdInstance, ~0ull);
-    EXPECT_EQ(g_stIntfGlobalVar.iEpollFd, 11);
-    TBDL_INTF_Fini();
-    EXPECT_EQ(fake::CountOf("IF_DestroyPDInstance"), 0u);
-
-    auto c = fake::CallsOf("IF_CreatePDInstance").at(0);
-    EXPECT_EQ(c.args, (std::vector<uint64_t>{2, 0, ~0ull, 0xFFFFFFFFull}));
-
-    /* Fini with live members: the store frees them (leak check). */
-    Start();
-    MakeBnd(3, TBDL_MODE_LOADBALANCING, 0);
-    fake::AddTunnel(1);
-    ASSERT_EQ(Bind(3, 1), 0u);
-    TBDL_INTF_SetSystemBoot(1);
-    TBDL_INTF_Fini();
-    EXPECT_EQ(fake::CountOf("IF_DestroyPDInstance"), 1u);
-    EXPECT_EQ(g_stIntfGlobalVar.ulPdInstance, ~0ull);
-    EXPECT_EQ(g_stIntfGlobalVar.iEpollFd, -1);
-    EXPECT_EQ(TBDL_INTF_IsSystemBoot(), 0);
-    ASSERT_EQ(TBDL_INTF_Init(-1), 0u);
-}
-
-TEST_F(IntfTest, DeactivationDropsEveryMembershipAndActivationClearsBoot)
+TEST_F(IntfTest, LifeCycle)
 {
     MakeBnd(3, TBDL_MODE_LOADBALANCING, 0);
-    MakeBnd(4, TBDL_MODE_LOADBALANCING, 0);
-    fake::AddTunnel(1);
-    fake::AddTunnel(2);
-    fake::AddTunnel(3);
-    ASSERT_EQ(Bind(3, 1), 0u);
-    ASSERT_EQ(Bind(3, 2), 0u);
-    ASSERT_EQ(Bind(4, 3), 0u);
-
+    for (u32 tnl : {1u, 2u}) {
+        fake::AddTunnel(tnl);
+        ASSERT_EQ(Bind(3, tnl), 0u);
+    }
+    /* Deactivation drops every membership but not the stored configuration. */
     TBDL_INTF_Deactivate();
     EXPECT_TRUE(fake::PrivateData().empty());
     EXPECT_EQ(Members(3).size(), 2u) << "the bundle table is cleared by its own step";
-    EXPECT_EQ(StoredMembers(3).size(), 2u) << "stored configuration survives deactivation";
-
+    EXPECT_EQ(StoredMembers(3).size(), 2u);
     TBDL_INTF_SetSystemBoot(1);
     EXPECT_EQ(TBDL_INTF_Activate(), 0u);
+    EXPECT_EQ(TBDL_INTF_IsSystemBoot(), 0) << "activation clears the boot flag";
+
+    /* Fini with a live member: the store frees it (leak check). */
+    ASSERT_EQ(MembEv(3, TBDL_MEMB_EV_DEL, fake::FindInterface("Tunnel1")->ifIndex), TBDL_OK);
+    ASSERT_EQ(Bind(3, 1), 0u);
+    TBDL_INTF_SetSystemBoot(1);
+    fake::ClearJournal();
+    TBDL_INTF_Fini();
+    EXPECT_EQ(fake::CountOf("IF_DestroyPDInstance"), 1u);
     EXPECT_EQ(TBDL_INTF_IsSystemBoot(), 0);
+
+    fake::FailOnce("IF_CreatePDInstance", ~0ull);
+    EXPECT_EQ(TBDL_INTF_Init(epfd), TBDL_E_NOMEM);
+    EXPECT_EQ(fake::CallsOf("IF_CreatePDInstance").at(0).args, (std::vector<uint64_t>{2, 0, ~0ull, 0xFFFFFFFFull}));
+    TBDL_INTF_Fini();
+    EXPECT_EQ(fake::CountOf("IF_DestroyPDInstance"), 1u) << "no instance: nothing destroyed";
+    ASSERT_EQ(TBDL_INTF_Init(epfd), 0u);
 }
 
 } // namespace

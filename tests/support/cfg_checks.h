@@ -1,8 +1,6 @@
-/* Checks shared by the configuration system tests: a client on the master
- * board, tunnel interfaces made with chassisctl, and the comparison of the
- * daemon's bundle table (as its displays show it) with a board's kernel
- * table and with the stored records. Header-only: it needs the client
- * library, which only the system test binaries link. */
+/* Checks shared by the configuration system tests: the daemon's bundle
+ * table (as displayed) compared with a board's kernel table and with the
+ * stored records. Header-only: only system test binaries link the client. */
 #ifndef TBDL_TEST_CFG_CHECKS_H
 #define TBDL_TEST_CFG_CHECKS_H
 
@@ -50,12 +48,8 @@ inline testing::AssertionResult Exited(const ProcRun &run, int status)
                                        << run.out << "\nstderr: " << run.err;
 }
 
-/* A client on the chassis's master board; a failed connection fails the
- * calling test through the empty outcome. */
-inline tc::Outcome<tc::Client> Connect(const Chassis &chassis)
-{
-    return tc::Client::Connect(chassis.dir(), std::nullopt);
-}
+/* A client on the chassis's master board. */
+inline tc::Outcome<tc::Client> Connect(const Chassis &chassis) { return tc::Client::Connect(chassis.dir(), std::nullopt); }
 
 /* Waits until the master board's configuration socket answers a display. */
 inline bool WaitCfgAnswers(const Chassis &chassis, int timeoutMs = 15000)
@@ -94,15 +88,8 @@ inline std::map<std::string, std::uint32_t> IfIndexes(const Chassis &chassis)
     return m;
 }
 
-inline std::string BndName(std::uint32_t n)
-{
-    return "Tunnel-Bundle" + std::to_string(n);
-}
-
-inline std::string TnlName(std::uint32_t n)
-{
-    return "Tunnel" + std::to_string(n);
-}
+inline std::string BndName(std::uint32_t n) { return "Tunnel-Bundle" + std::to_string(n); }
+inline std::string TnlName(std::uint32_t n) { return "Tunnel" + std::to_string(n); }
 
 /* The daemon's table as its paged display shows it, by bundle number. */
 inline std::optional<std::map<std::uint32_t, tc::BndDetail>> Table(tc::Client &client)
@@ -185,10 +172,7 @@ inline testing::AssertionResult KtbdlMatches(const Chassis &chassis, tc::Client 
                 << j["members"] << "; ";
         }
     }
-    if (!bad.str().empty()) {
-        return testing::AssertionFailure() << bad.str();
-    }
-    return testing::AssertionSuccess();
+    return bad.str().empty() ? testing::AssertionSuccess() : testing::AssertionFailure() << bad.str();
 }
 
 /* Stored records, decoded from chassisctl's database dump. */
@@ -306,10 +290,7 @@ inline testing::AssertionResult StoreMatches(const Chassis &chassis, tc::Client 
             bad << "members of " << BndName(n) << " stored without the bundle; ";
         }
     }
-    if (!bad.str().empty()) {
-        return testing::AssertionFailure() << bad.str();
-    }
-    return testing::AssertionSuccess();
+    return bad.str().empty() ? testing::AssertionSuccess() : testing::AssertionFailure() << bad.str();
 }
 
 /* Starts a chassis with the real board daemon and waits until the master's

@@ -1,9 +1,8 @@
-/* System tests of chassisd and chassisctl as the service manager, with the
- * stand-in board daemon: start-up and status, orderly stop with value 3,
- * restart of a daemon that died, start-up failures with back-off, bad
- * settings and directories, and the HA service between two boards. */
+/* chassisd and chassisctl as the service manager, with the stand-in board
+ * daemon: start-up, status, restart and reboot, orderly stop with value 3,
+ * restart after a crash, start-up failures, bad settings, and HA between
+ * two boards. */
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -14,19 +13,20 @@ namespace {
 
 using namespace tbdl::systest;
 
+bool Has(const std::string &text, const std::string &what)
+{
+    return text.find(what) != std::string::npos;
+}
 
-TEST(Chassis, StartsBoardReportsUpAndStopsInOrderWithValue3)
+TEST(Chassis, LifecycleFromStartThroughRestartAndRebootToOrderlyStop)
 {
     Chassis c;
     ProcRun start = c.Start({"--boards", "0", "--bundle-slots", "64"});
     ASSERT_EQ(start.status, 0) << start.err;
-
     /* The settings file is written before the daemon starts. */
     Json settings = Json::parse(ReadFile(c.Path("chassis.json")), nullptr, false);
     ASSERT_TRUE(settings.is_object());
     EXPECT_EQ(settings["bundle_slots"], 64);
-    EXPECT_EQ(settings["boards"], Json::array({0}));
-
     Json b = c.Board(0);
     ASSERT_TRUE(b.is_object());
     EXPECT_EQ(b["state"], "up");
@@ -34,79 +34,55 @@ TEST(Chassis, StartsBoardReportsUpAndStopsInOrderWithValue3)
     EXPECT_EQ(b["role"], "master");
     EXPECT_EQ(b["start_cause"], 0);
     EXPECT_EQ(b["cfg_socket"], c.Path("board0/cfg.sock"));
-    pid_t pid = b["pid"].get<pid_t>();
-    EXPECT_TRUE(ProcessAlive(pid));
-    EXPECT_TRUE(FileContains(c.Path("board0/fake.log"), "start cause 0"));
+    EXPECT_TRUE(Has(c.Ctl({"status"}).out, "master"));
 
-    ProcRun text = c.Ctl({"status"});
-    EXPECT_EQ(text.status, 0);
-    EXPECT_NE(text.out.find("master"), std::string::npos) << text.out;
+    /* A second chassisd on the same directory is refused. */
+    ProcRun second = RunProcess({BuildPath("platform/chassisd"), "--dir", c.dir(), "--daemon", Chassis::FakeDaemon()});
+    EXPECT_NE(second.status, 0);
+    EXPECT_TRUE(Has(second.err, "another chassisd")) << second.err;
+    EXPECT_TRUE(Has(c.Start().err, "already running"));
 
-    pid_t chassisd = c.ChassisdPid();
+    pid_t first = c.BoardPid(0);
+    ASSERT_EQ(c.Ctl({"board", "restart", "0"}).status, 0);
+    EXPECT_NE(c.BoardPid(0), first);
+    EXPECT_EQ(c.Board(0)["start_cause"], 1);
+    ASSERT_EQ(c.Ctl({"reboot"}).status, 0);
+    EXPECT_EQ(c.Board(0)["start_cause"], 0);
+    std::string fake = ReadFile(c.Path("board0/fake.log"));
+    EXPECT_TRUE(Has(fake, "start cause 0\nstop value 3\nstart cause 1\nstop value 3\nstart cause 0")) << fake;
+
+    pid_t pid = c.BoardPid(0), chassisd = c.ChassisdPid();
     ProcRun stop = c.Ctl({"stop"});
     EXPECT_EQ(stop.status, 0) << stop.err;
     EXPECT_FALSE(ProcessAlive(chassisd));
     EXPECT_FALSE(ProcessAlive(pid));
-    EXPECT_TRUE(FileContains(c.Path("board0/fake.log"), "stop value 3"));
+    EXPECT_EQ(CountOccurrences(ReadFile(c.Path("board0/fake.log")), "stop value 3"), 3u);
     EXPECT_NE(access(c.Path("chassisd.sock").c_str(), F_OK), 0);
     std::string log = ReadFile(c.Path("chassisd.log"));
-    EXPECT_NE(log.find("stopped: exited with status 0"), std::string::npos) << log;
-    EXPECT_NE(log.find("exiting with status 0"), std::string::npos) << log;
-
-    /* A second stop finds nothing to stop. */
+    EXPECT_TRUE(Has(log, "stopped: exited with status 0")) << log;
+    EXPECT_TRUE(Has(log, "exiting with status 0")) << log;
     ProcRun again = c.Ctl({"stop"});
     EXPECT_NE(again.status, 0);
-    EXPECT_NE(again.err.find("not running"), std::string::npos) << again.err;
+    EXPECT_TRUE(Has(again.err, "not running")) << again.err;
 }
 
 TEST(Chassis, DaemonThatDiesIsRestartedWithCauseRestart)
 {
-    struct Case {
-        const char *how;
-        bool viaCtl;
-    };
-    for (const Case &k : {Case{"kill -9", false}, Case{"chassisctl board kill", true}}) {
-        SCOPED_TRACE(k.how);
+    for (bool viaCtl : {false, true}) {
+        SCOPED_TRACE(viaCtl ? "chassisctl board kill" : "kill -9");
         Chassis c;
         ASSERT_EQ(c.Start().status, 0);
         pid_t first = c.BoardPid(0);
         ASSERT_GT(first, 0);
-        if (k.viaCtl) {
-            ASSERT_EQ(c.Ctl({"board", "kill", "0"}).status, 0);
-        } else {
-            ASSERT_EQ(kill(first, SIGKILL), 0);
-        }
-        ASSERT_TRUE(c.WaitBoard(0, [&](const Json &b) {
-            return b["pid"].get<pid_t>() != first && b["state"] == "up";
-        }));
+        ASSERT_EQ(viaCtl ? c.Ctl({"board", "kill", "0"}).status : kill(first, SIGKILL), 0);
+        ASSERT_TRUE(c.WaitBoard(0, [&](const Json &b) { return b["pid"] != first && b["state"] == "up"; }));
         Json b = c.Board(0);
         EXPECT_EQ(b["start_cause"], 1);
         EXPECT_EQ(b["start_cause_name"], "process restart");
         EXPECT_EQ(b["restarts"], 1);
-        EXPECT_NE(b["last_exit"].get<std::string>().find("signal 9"), std::string::npos);
+        EXPECT_TRUE(Has(b["last_exit"].get<std::string>(), "signal 9"));
         EXPECT_TRUE(c.WaitFile("board0/fake.log", "start cause 1"));
     }
-}
-
-TEST(Chassis, BoardRestartStopsWithValue3AndStartsWithCauseRestart)
-{
-    Chassis c;
-    ASSERT_EQ(c.Start().status, 0);
-    pid_t first = c.BoardPid(0);
-    ProcRun r = c.Ctl({"board", "restart", "0"});
-    ASSERT_EQ(r.status, 0) << r.err;
-    Json b = c.Board(0);
-    EXPECT_NE(b["pid"].get<pid_t>(), first);
-    EXPECT_EQ(b["state"], "up");
-    EXPECT_EQ(b["start_cause"], 1);
-    std::string fake = ReadFile(c.Path("board0/fake.log"));
-    EXPECT_NE(fake.find("start cause 0\nstop value 3\nstart cause 1"), std::string::npos) << fake;
-
-    /* A reboot starts every board again as a system boot. */
-    ProcRun reboot = c.Ctl({"reboot"});
-    ASSERT_EQ(reboot.status, 0) << reboot.err;
-    EXPECT_EQ(c.Board(0)["start_cause"], 0);
-    EXPECT_NE(ReadFile(c.Path("board0/fake.log")).find("start cause 1\nstop value 3\nstart cause 0"), std::string::npos);
 }
 
 TEST(Chassis, StartupFailureIsRetriedWithBackoffThenGivenUp)
@@ -115,27 +91,21 @@ TEST(Chassis, StartupFailureIsRetriedWithBackoffThenGivenUp)
     c.SetEnv({"FAKE_TBDLD_EXIT=255"});
     ProcRun start = c.Start({}, 20000);
     EXPECT_NE(start.status, 0);
-    EXPECT_NE(start.err.find("board 0: the daemon failed at start-up (exited with status 255)"), std::string::npos)
-        << start.err;
+    EXPECT_TRUE(Has(start.err, "board 0: the daemon failed at start-up (exited with status 255)")) << start.err;
     EXPECT_EQ(CountOccurrences(start.err, "\n"), 1u) << start.err;
     std::string log = ReadFile(c.Path("chassisd.log"));
-    EXPECT_EQ(CountOccurrences(log, "board 0: started tbdld"), 4u) << log;
     EXPECT_EQ(CountOccurrences(log, "exited with status 255 (start-up failed)"), 4u) << log;
-    EXPECT_NE(log.find("starting tbdld again in 250 ms"), std::string::npos) << log;
-    EXPECT_NE(log.find("starting tbdld again in 1000 ms"), std::string::npos) << log;
-    EXPECT_NE(log.find("failed at start-up 4 times in a row; not starting it again"), std::string::npos) << log;
-    Json b = c.Board(0);
-    EXPECT_EQ(b["state"], "failed");
-    EXPECT_EQ(b["pid"], -1);
-    /* chassisd itself stays up and stops cleanly. */
-    EXPECT_TRUE(c.Stop());
+    EXPECT_TRUE(Has(log, "starting tbdld again in 250 ms")) << log;
+    EXPECT_TRUE(Has(log, "starting tbdld again in 1000 ms")) << log;
+    EXPECT_TRUE(Has(log, "failed at start-up 4 times in a row; not starting it again")) << log;
+    EXPECT_EQ(c.Board(0)["state"], "failed");
+    EXPECT_TRUE(c.Stop()) << "chassisd itself stays up and stops cleanly";
 }
 
-TEST(Chassis, BadSettingsOrDirectoryEndWithOneErrorLine)
+TEST(Chassis, OperatorErrorsEndWithOneErrorLine)
 {
     Chassis c;
-    std::string garbage = c.Path("garbage.json");
-    std::string invalid = c.Path("invalid.json");
+    std::string garbage = c.Path("garbage.json"), invalid = c.Path("invalid.json");
     FILE *f = fopen(garbage.c_str(), "w");
     fputs("{not json", f);
     fclose(f);
@@ -144,71 +114,38 @@ TEST(Chassis, BadSettingsOrDirectoryEndWithOneErrorLine)
     fclose(f);
     struct Case {
         const char *what;
+        bool chassisd; /* run chassisd itself, else chassisctl */
         std::vector<std::string> args;
         const char *mentions;
     };
     const std::vector<Case> cases = {
-        {"missing directory", {"--dir", c.Path("nope")}, "nope"},
-        {"directory is a file", {"--dir", garbage}, "not a directory"},
-        {"missing settings file", {"--dir", c.dir(), "--config", c.Path("none.json")}, "none.json"},
-        {"malformed settings", {"--dir", c.dir(), "--config", garbage}, "garbage.json"},
-        {"invalid settings", {"--dir", c.dir(), "--config", invalid}, "board"},
-        {"bad board list", {"--dir", c.dir(), "--boards", "0,7"}, "--boards"},
-        {"bad mode", {"--dir", c.dir(), "--mode", "Fast=on"}, "Fast"},
-        {"missing daemon", {"--dir", c.dir(), "--daemon", c.Path("no-such-daemon")}, "no-such-daemon"},
+        {"missing directory", true, {"--dir", c.Path("nope")}, "nope"},
+        {"directory is a file", true, {"--dir", garbage}, "not a directory"},
+        {"missing settings file", true, {"--dir", c.dir(), "--config", c.Path("none.json")}, "none.json"},
+        {"malformed settings", true, {"--dir", c.dir(), "--config", garbage}, "garbage.json"},
+        {"invalid settings", true, {"--dir", c.dir(), "--config", invalid}, "board"},
+        {"bad board list", true, {"--dir", c.dir(), "--boards", "0,7"}, "--boards"},
+        {"bad mode", true, {"--dir", c.dir(), "--mode", "Fast=on"}, "Fast"},
+        {"missing daemon", true, {"--dir", c.dir(), "--daemon", c.Path("no-such-daemon")}, "no-such-daemon"},
+        {"settings chassisd cannot read", false, {"start", "--config", c.Path("none.json")}, "chassisd did not start on"},
+        {"option chassisd does not know", false, {"start", "--speed", "9"}, "--speed"},
+        {"unknown command", false, {"explode"}, "explode"},
+        {"command with chassisd down", false, {"dump", "if"}, "not running"},
+        {"unexpected argument", false, {"status", "--verbose"}, "--verbose"},
+        {"tunnel mode that is not a number", false, {"if", "add", "Tunnel1", "--mode", "fast"}, "fast"},
     };
     for (const Case &k : cases) {
         SCOPED_TRACE(k.what);
         std::vector<std::string> argv{BuildPath("platform/chassisd"), "--daemon", Chassis::FakeDaemon()};
         argv.insert(argv.end(), k.args.begin(), k.args.end());
-        ProcRun r = RunProcess(argv, {}, 10000);
+        ProcRun r = k.chassisd ? RunProcess(argv, {}, 10000) : c.Ctl(k.args);
         EXPECT_FALSE(r.timedOut);
-        EXPECT_NE(r.status, 0);
-        EXPECT_NE(r.status, -1) << "crashed";
+        EXPECT_GT(r.status, 0) << "a failure, not a crash";
         EXPECT_EQ(CountOccurrences(r.err, "\n"), 1u) << r.err;
-        EXPECT_EQ(r.err.rfind("chassisd: ", 0), 0u) << r.err;
-        EXPECT_NE(r.err.find(k.mentions), std::string::npos) << r.err;
+        EXPECT_EQ(r.err.rfind(k.chassisd ? "chassisd: " : "chassisctl: ", 0), 0u) << r.err;
+        EXPECT_TRUE(Has(r.err, k.mentions)) << r.err;
         EXPECT_NE(access(c.Path("chassisd.sock").c_str(), F_OK), 0);
     }
-}
-
-TEST(Chassis, ChassisctlErrorsAreOneLine)
-{
-    Chassis c;
-    struct Case {
-        const char *what;
-        std::vector<std::string> args;
-        const char *mentions;
-    };
-    const std::vector<Case> cases = {
-        {"settings chassisd cannot read", {"start", "--config", c.Path("none.json")}, "chassisd did not start on"},
-        {"option chassisd does not know", {"start", "--speed", "9"}, "--speed"},
-        {"unknown command", {"explode"}, "explode"},
-        {"command with chassisd down", {"dump", "if"}, "not running"},
-        {"unexpected argument", {"status", "--verbose"}, "--verbose"},
-        {"tunnel mode that is not a number", {"if", "add", "Tunnel1", "--mode", "fast"}, "fast"},
-    };
-    for (const Case &k : cases) {
-        SCOPED_TRACE(k.what);
-        ProcRun r = c.Ctl(k.args);
-        EXPECT_NE(r.status, 0);
-        EXPECT_EQ(CountOccurrences(r.err, "\n"), 1u) << r.err;
-        EXPECT_EQ(r.err.rfind("chassisctl: ", 0), 0u) << r.err;
-        EXPECT_NE(r.err.find(k.mentions), std::string::npos) << r.err;
-    }
-}
-
-TEST(Chassis, SecondChassisdOnTheSameDirectoryIsRefused)
-{
-    Chassis c;
-    ASSERT_EQ(c.Start().status, 0);
-    ProcRun r = RunProcess({BuildPath("platform/chassisd"), "--dir", c.dir(), "--daemon", Chassis::FakeDaemon()});
-    EXPECT_NE(r.status, 0);
-    EXPECT_NE(r.err.find("another chassisd"), std::string::npos) << r.err;
-    ProcRun ctl = c.Start();
-    EXPECT_NE(ctl.status, 0);
-    EXPECT_NE(ctl.err.find("already running"), std::string::npos) << ctl.err;
-    EXPECT_TRUE(c.WaitBoardUp(0)); /* the first chassis is untouched */
 }
 
 TEST(Chassis, TwoBoardsHaveRolesAndRelayTheBatchBackup)
@@ -217,18 +154,13 @@ TEST(Chassis, TwoBoardsHaveRolesAndRelayTheBatchBackup)
     ASSERT_EQ(c.Start({"--boards", "0,1", "--master-board", "1", "--ha-mtu", "2000"}).status, 0);
     EXPECT_EQ(c.Board(1)["role"], "master");
     EXPECT_EQ(c.Board(0)["role"], "standby");
-
-    /* When both have joined, the master is asked for a batch backup; its
-     * message reaches the standby as a batch message (flag 0). */
+    /* Once both joined, the master's batch reaches the standby (flag 0). */
     ASSERT_TRUE(c.WaitFile("board0/fake.log", "ha message 0 batch-from-1"));
     EXPECT_TRUE(FileContains(c.Path("board1/fake.log"), "ha event 1"));
     Json ha = c.CtlJson({"dump", "ha"});
-    ASSERT_TRUE(ha.is_object());
     EXPECT_EQ(ha["master"], 1);
     EXPECT_EQ(ha["mtu"], 2000);
-    EXPECT_GE(ha["messages_relayed"].get<int>(), 1);
 
-    /* An event on request is answered; event 0 with a zero word. */
     ASSERT_EQ(c.Ctl({"ha", "event", "0", "--board", "0"}).status, 0);
     ASSERT_TRUE(WaitUntil([&] {
         Json h = c.CtlJson({"dump", "ha"});
@@ -237,43 +169,35 @@ TEST(Chassis, TwoBoardsHaveRolesAndRelayTheBatchBackup)
         }
         return false;
     }));
-    ProcRun noBoard = c.Ctl({"ha", "event", "3", "--board", "5"});
-    EXPECT_NE(noBoard.status, 0);
+    EXPECT_NE(c.Ctl({"ha", "event", "3", "--board", "5"}).status, 0);
 
     /* The standby stops first, the master last. */
     ASSERT_TRUE(c.Stop());
     std::string log = ReadFile(c.Path("chassisd.log"));
-    size_t standby = log.find("board 0: stopping tbdld");
-    size_t master = log.find("board 1: stopping tbdld");
-    ASSERT_NE(standby, std::string::npos);
+    size_t standby = log.find("board 0: stopping tbdld"), master = log.find("board 1: stopping tbdld");
     ASSERT_NE(master, std::string::npos);
     EXPECT_LT(standby, master);
-    EXPECT_TRUE(FileContains(c.Path("board0/fake.log"), "stop value 3"));
     EXPECT_TRUE(FileContains(c.Path("board1/fake.log"), "stop value 3"));
 }
 
-TEST(Chassis, DaemonThatIgnoresTheStopIsKilledAfterTheStopTimeout)
+TEST(Chassis, MisbehavingDaemonsAreKilledOrFailTheStart)
 {
-    Chassis c;
-    c.SetEnv({"FAKE_TBDLD_IGNORE_STOP=1"});
-    ASSERT_EQ(c.Start({"--stop-timeout", "300"}).status, 0);
-    pid_t pid = c.BoardPid(0);
-    ProcRun stop = c.Ctl({"stop"});
-    EXPECT_EQ(stop.status, 0) << stop.err;
-    EXPECT_FALSE(ProcessAlive(pid));
-    std::string log = ReadFile(c.Path("chassisd.log"));
-    EXPECT_NE(log.find("did not stop within 300 ms; sending SIGKILL"), std::string::npos) << log;
-    EXPECT_NE(log.find("stopped: killed by signal 9"), std::string::npos) << log;
-    EXPECT_TRUE(FileContains(c.Path("board0/fake.log"), "stop value 3"));
-}
-
-TEST(Chassis, DaemonThatNeverReportsUpMakesStartFailAfterTheDeadline)
-{
+    {
+        Chassis c;
+        c.SetEnv({"FAKE_TBDLD_IGNORE_STOP=1"});
+        ASSERT_EQ(c.Start({"--stop-timeout", "300"}).status, 0);
+        pid_t pid = c.BoardPid(0);
+        EXPECT_EQ(c.Ctl({"stop"}).status, 0);
+        EXPECT_FALSE(ProcessAlive(pid));
+        std::string log = ReadFile(c.Path("chassisd.log"));
+        EXPECT_TRUE(Has(log, "did not stop within 300 ms; sending SIGKILL")) << log;
+        EXPECT_TRUE(Has(log, "stopped: killed by signal 9")) << log;
+    }
     Chassis c;
     c.SetEnv({"FAKE_TBDLD_NO_STATUS=1"});
     ProcRun r = c.Start({}, 2000);
     EXPECT_NE(r.status, 0);
-    EXPECT_NE(r.err.find("boards not up within 2 s (board 0 starting)"), std::string::npos) << r.err;
+    EXPECT_TRUE(Has(r.err, "boards not up within 2 s (board 0 starting)")) << r.err;
 }
 
 } // namespace

@@ -1,8 +1,6 @@
-/* The real board daemon under chassisd: it comes up and reports status 2
- * without logging anything until debug output is switched on, stops on
- * request, is restarted after kill -9 with its configuration recovered from
- * the database, and fails its start (exit status 255, logged by chassisd)
- * when the database cannot be opened. */
+/* The real board daemon under chassisd: quiet start with status 2, restart
+ * after kill -9 with recovery, stop on request, HA relay of the kernel
+ * table, and a start that fails when the database cannot be opened. */
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -35,22 +33,31 @@ protected:
     Chassis c;
 };
 
-TEST_F(ChassisDaemon, ComesUpQuietlyAndStopsOnRequest)
+TEST_F(ChassisDaemon, ComesUpQuietlyRestartsAfterKillAndStopsOnRequest)
 {
-    ProcRun start = c.Start({"--journal"});
-    ASSERT_EQ(start.status, 0) << start.err;
-    EXPECT_TRUE(c.Status()["journal"].get<bool>());
+    ASSERT_EQ(c.Start({"--journal"}).status, 0);
     EXPECT_TRUE(FileContains(c.Path("board0/journal.jsonl"), R"("call":"SERVICE_SetStatus")"));
-    Json b = c.Board(0);
-    EXPECT_EQ(b["status"], 2);
-    EXPECT_EQ(b["start_cause"], 0);
+    EXPECT_EQ(c.Board(0)["status"], 2);
     EXPECT_EQ(ReadFile(c.Path("board0/tbdld.log")), "") << "nothing is logged until debug is on";
-    Json ha = c.CtlJson({"dump", "ha"});
-    EXPECT_TRUE(ha["boards"][0]["joined"].get<bool>());
+    EXPECT_TRUE(c.CtlJson({"dump", "ha"})["boards"][0]["joined"].get<bool>());
 
+    ASSERT_EQ(c.Ctl({"if", "add", "Tunnel5", "--mode", "0"}).status, 0);
     Tbdl({"debug", "on", "all"});
-    Tbdl({"bundle", "create", "1", "--mode", "loadbalancing"});
+    Tbdl({"bundle", "create", "3", "--mode", "loadbalancing"});
+    Tbdl({"member", "add", "3", "--tunnel", "5"});
     EXPECT_TRUE(c.WaitFile("board0/tbdld.log", "board0 TBDL EVENT Updated the information of tunnel bundle interface"));
+
+    /* kill -9: restarted as a process restart, bundles recovered. */
+    pid_t first = c.BoardPid(0);
+    ASSERT_EQ(kill(first, SIGKILL), 0);
+    ASSERT_TRUE(c.WaitBoard(0, [&](const Json &b) { return b["pid"] != first && b["state"] == "up"; }));
+    EXPECT_EQ(c.Board(0)["start_cause"], 1);
+    ProcRun show = c.Tbdlctl({"--json", "show", "bundle", "3"});
+    ASSERT_EQ(show.status, 0) << show.err;
+    Json k = c.CtlJson({"dump", "ktbdl", "--board", "0"});
+    ASSERT_EQ(k["bundles"].size(), 1u);
+    EXPECT_EQ(k["bundles"][0]["members"].size(), 1u) << k.dump();
+    EXPECT_EQ(k["bundles"][0]["state"], 1);
 
     pid_t pid = c.BoardPid(0);
     ProcRun stop = c.Ctl({"stop"});
@@ -59,30 +66,6 @@ TEST_F(ChassisDaemon, ComesUpQuietlyAndStopsOnRequest)
     std::string log = ReadFile(c.Path("chassisd.log"));
     EXPECT_NE(log.find("board 0: tbdld (pid " + std::to_string(pid) + ") stopped: exited with status 0"), std::string::npos)
         << log;
-}
-
-TEST_F(ChassisDaemon, KilledDaemonRestartsWithCauseRestartAndRecoversItsBundles)
-{
-    ASSERT_EQ(c.Start().status, 0);
-    ASSERT_EQ(c.Ctl({"if", "add", "Tunnel5", "--mode", "0"}).status, 0);
-    Tbdl({"bundle", "create", "3", "--mode", "loadbalancing"});
-    Tbdl({"member", "add", "3", "--tunnel", "5"});
-    Json k = c.CtlJson({"dump", "ktbdl", "--board", "0"});
-    ASSERT_EQ(k["bundles"].size(), 1u);
-    EXPECT_EQ(k["bundles"][0]["members"].size(), 1u);
-    EXPECT_EQ(k["bundles"][0]["state"], 1);
-
-    pid_t first = c.BoardPid(0);
-    ASSERT_EQ(kill(first, SIGKILL), 0);
-    ASSERT_TRUE(c.WaitBoard(0, [&](const Json &b) { return b["pid"] != first && b["state"] == "up"; }));
-    EXPECT_EQ(c.Board(0)["start_cause"], 1);
-
-    ProcRun show = c.Tbdlctl({"--json", "show", "bundle", "3"});
-    ASSERT_EQ(show.status, 0) << show.err;
-    EXPECT_NE(show.out.find("Tunnel-Bundle3"), std::string::npos) << show.out;
-    k = c.CtlJson({"dump", "ktbdl", "--board", "0"});
-    ASSERT_EQ(k["bundles"].size(), 1u);
-    EXPECT_EQ(k["bundles"][0]["members"].size(), 1u) << k.dump();
 }
 
 TEST_F(ChassisDaemon, StandbyKernelTableFollowsTheMasterAlsoAfterAReboot)
@@ -109,11 +92,9 @@ TEST_F(ChassisDaemon, StandbyKernelTableFollowsTheMasterAlsoAfterAReboot)
     Json master = bundles(0);
     ASSERT_EQ(master.size(), 2u);
     EXPECT_EQ(master[0]["address"], "10.9.9.9");
-    EXPECT_EQ(master[0]["members"].size(), 2u);
     EXPECT_EQ(bundles(1), master) << "every kernel change reached the standby";
 
-    /* After a reboot both kernel tables start empty; the master recovers
-     * from the database and the standby is brought in step again. */
+    /* A reboot empties both; recovery must bring the standby in step. */
     ASSERT_EQ(c.Ctl({"reboot"}).status, 0);
     EXPECT_TRUE(WaitUntil([&] {
         Json m = bundles(0), s = bundles(1);
@@ -129,9 +110,7 @@ TEST_F(ChassisDaemon, DatabaseThatCannotBeOpenedFailsTheStart)
     };
     const std::vector<Case> cases = {
         {"a directory in its place", [](const std::string &p) { ASSERT_EQ(mkdir(p.c_str(), 0755), 0); }},
-        {"garbage in the file", [](const std::string &p) {
-             std::ofstream(p) << std::string(4096, 'x');
-         }},
+        {"garbage in the file", [](const std::string &p) { std::ofstream(p) << std::string(4096, 'x'); }},
     };
     for (const Case &k : cases) {
         SCOPED_TRACE(k.what);
@@ -142,7 +121,6 @@ TEST_F(ChassisDaemon, DatabaseThatCannotBeOpenedFailsTheStart)
         EXPECT_NE(start.status, 0);
         EXPECT_NE(start.err.find("failed at start-up (exited with status 255)"), std::string::npos) << start.err;
         std::string log = ReadFile(ch.Path("chassisd.log"));
-        EXPECT_NE(log.find("board 0: tbdld (pid "), std::string::npos);
         EXPECT_NE(log.find(") failed at start-up: exited with status 255 (start-up failed)"), std::string::npos) << log;
         EXPECT_NE(log.find("failed at start-up 4 times in a row"), std::string::npos) << log;
         EXPECT_EQ(ch.Board(0)["status"], 0) << "status 2 is never reported";

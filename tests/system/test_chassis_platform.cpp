@@ -65,7 +65,7 @@ u32 Data(u32 ifIndex, u32 item)
     return IF_GetDataByIfIndex(ifIndex, item, &v) == 0 ? v : 0xDEADBEEF;
 }
 
-TEST_F(ChassisPlatform, TunnelInterfacesFollowTheOperator)
+TEST_F(ChassisPlatform, TunnelInterfacesAndBundleIndexes)
 {
     StartChassis();
     EXPECT_EQ(IF_GetIfIndexByFullName("Tunnel5"), 0u); /* tunnels are not made on demand */
@@ -108,11 +108,8 @@ TEST_F(ChassisPlatform, TunnelInterfacesFollowTheOperator)
     vrf = 99;
     EXPECT_NE(L3VPN_GetVrfIndexByIfIndex(t5, &vrf), 0u);
     EXPECT_EQ(vrf, 99u);
-}
 
-TEST_F(ChassisPlatform, BundleIndexesAreMadeOnDemandStableAndDestroyable)
-{
-    StartChassis();
+    /* Bundle indexes: made on demand, stable, destroyable, never reused. */
     Ctl({"if", "add", "Tunnel1"});
     u32 b3 = IF_GetIfIndexByFullName("Tunnel-Bundle3");
     ASSERT_NE(b3, 0u);
@@ -156,7 +153,7 @@ struct KBnd {
 };
 static_assert(sizeof(KBnd) == 36);
 
-TEST_F(ChassisPlatform, KernelCommandsBuildTheBoardsBundleTable)
+TEST_F(ChassisPlatform, KernelTablePerBoardAndPlannedFailuresOfTheNamedCall)
 {
     StartChassis({"--boards", "0,1"});
     KBnd b{};
@@ -192,25 +189,16 @@ TEST_F(ChassisPlatform, KernelCommandsBuildTheBoardsBundleTable)
     EXPECT_EQ(k["commands"]["refused"], 4);
     EXPECT_TRUE(c.CtlJson({"dump", "ktbdl", "--board", "1"})["bundles"].empty()) << "each board has its own table";
 
-    /* A board daemon's restart keeps the kernel table; a reboot clears it. */
-    ASSERT_EQ(c.Ctl({"board", "restart", "0"}).status, 0);
-    EXPECT_EQ(c.CtlJson({"dump", "ktbdl", "--board", "0"})["bundles"].size(), 1u);
-    ASSERT_EQ(c.Ctl({"reboot"}).status, 0);
-    EXPECT_TRUE(c.CtlJson({"dump", "ktbdl", "--board", "0"})["bundles"].empty());
-}
-
-TEST_F(ChassisPlatform, PlannedFailuresHitTheNamedCallOnTheNamedBoard)
-{
-    StartChassis({"--boards", "0,1"});
     u32 memb[2] = {0x1000, 0x100};
     auto cioctl = [&] { return CIOCTL(0xFFFF8000u, 0x7c0003, 8, memb, 0, 0, 0); };
     auto adds = [&] { return c.CtlJson({"dump", "ktbdl", "--board", "0"})["commands"]["member_add"].get<int>(); };
+    const int addsBefore = adds();
 
     Ctl({"fail", "CIOCTL", "--count", "2"});
     EXPECT_NE(cioctl(), 0u);
     EXPECT_NE(cioctl(), 0u);
     EXPECT_EQ(cioctl(), 0u);
-    EXPECT_EQ(adds(), 1) << "a failed call does not reach the kernel table";
+    EXPECT_EQ(adds(), addsBefore + 1) << "a failed call does not reach the kernel table";
 
     Ctl({"fail", "CIOCTL", "--always", "--result", "7"});
     for (int i = 0; i < 3; ++i) {
@@ -230,9 +218,15 @@ TEST_F(ChassisPlatform, PlannedFailuresHitTheNamedCallOnTheNamedBoard)
     ProcRun bad = c.Ctl({"fail", "CIOCTL", "--board", "4"});
     EXPECT_NE(bad.status, 0);
     EXPECT_NE(bad.err.find("board 4"), std::string::npos);
+
+    /* A board daemon's restart keeps the kernel table; a reboot clears it. */
+    ASSERT_EQ(c.Ctl({"board", "restart", "0"}).status, 0);
+    EXPECT_EQ(c.CtlJson({"dump", "ktbdl", "--board", "0"})["bundles"].size(), 1u);
+    ASSERT_EQ(c.Ctl({"reboot"}).status, 0);
+    EXPECT_TRUE(c.CtlJson({"dump", "ktbdl", "--board", "0"})["bundles"].empty());
 }
 
-TEST_F(ChassisPlatform, PlannedDatabaseFailuresFailOnceThenTheCallWorks)
+TEST_F(ChassisPlatform, PlannedFailuresOfDatabaseAndLocalCallsLeaveEverythingAlone)
 {
     StartChassis();
     const u32 param[8] = {};
@@ -270,11 +264,7 @@ TEST_F(ChassisPlatform, PlannedDatabaseFailuresFailOnceThenTheCallWorks)
         EXPECT_EQ(call["left"], 0) << call;
     }
     EXPECT_EQ(DBM_Close(handle), 0u);
-}
 
-TEST_F(ChassisPlatform, PlannedFailuresOfLocalCallsLeaveTheOutputsAlone)
-{
-    StartChassis();
     constexpr u32 kUntouched = 0xA5A5A5A5u;
     u32 out = kUntouched;
     u8 info[LFIB_INFO_LEN];
@@ -476,7 +466,7 @@ TEST_F(ChassisPlatform, LsmKeepsEntriesAcrossSmoothingCyclesOfTheProtocol)
     EXPECT_NE(LSM_FlushLspEntry(h), 0u);
 }
 
-TEST_F(ChassisPlatform, JournalRecordsCallsWithPayloadsAndResults)
+TEST_F(ChassisPlatform, JournalAndEventChannelsUntilChassisdGoesAway)
 {
     StartChassis();
     Enter(c.dir(), 0, true);
@@ -496,11 +486,7 @@ TEST_F(ChassisPlatform, JournalRecordsCallsWithPayloadsAndResults)
     EXPECT_EQ(lines[0]["result"], 0);
     EXPECT_EQ(lines[1]["call"], "IF_GetIfIndexByFullName");
     EXPECT_EQ(lines[1]["args"]["name"], "Tunnel99");
-}
 
-TEST_F(ChassisPlatform, EventChannelsWorkUntilChassisdGoesAway)
-{
-    StartChassis();
     int ifFd = IF_Event_Init();
     ASSERT_GE(ifFd, 0);
     u8 select[16] = {}, selectData[24] = {};

@@ -371,8 +371,7 @@ TEST_F(ChassisPlatform, HaChannelDeliversEventsAndRelaysTheMastersMessages)
     StartChassis({"--boards", "0,1", "--ha-mtu", "1500"});
     g_events.clear();
     g_messages.clear();
-    /* This process joins as board 1 (in place of its stand-in): the master
-     * (board 0's stand-in) is asked for a batch and sends one message. */
+    /* Joining as board 1, this process gets the master stand-in's batch. */
     Enter(c.dir(), 1);
     u8 ident[8] = {0x7a, 0x0a, 0, 0, 0x79, 0x0a, 0, 0};
     HA_CALLBACKS_S cbs{RecvCb, EventCb};
@@ -413,24 +412,21 @@ TEST_F(ChassisPlatform, LsmKeepsEntriesAcrossSmoothingCyclesOfTheProtocol)
     int h = LSM_RegProtocolHandler(reg, nullptr, 13);
     ASSERT_GE(h, 0);
     auto entryFor = [](u32 ifIndex, u8 (&entry)[96], u8 (&paths)[2048], u8 (&attr)[16], std::vector<u32> members) {
+        auto put = [](u8 *at, auto v) { std::memcpy(at, &v, sizeof(v)); };
         std::memset(entry, 0, sizeof(entry));
         std::memset(paths, 0, sizeof(paths));
         std::memset(attr, 0, sizeof(attr));
-        u32 mode = 8, proto = 13;
-        u16 count = static_cast<u16>(members.size()), keyStart = 24;
-        std::memcpy(entry, &mode, 4);
-        std::memcpy(entry + 4, &proto, 4);
-        std::memcpy(entry + 8, &count, 2);
-        std::memcpy(entry + 12, &keyStart, 2);
-        std::memcpy(entry + 16, &ifIndex, 4);
-        void *pp = paths, *pa = attr;
-        std::memcpy(entry + 56, &pp, sizeof(pp));
-        std::memcpy(entry + 72, &pa, sizeof(pa));
+        put(entry, u32{8}); /* mode */
+        put(entry + 4, u32{13}); /* protocol */
+        put(entry + 8, static_cast<u16>(members.size()));
+        put(entry + 12, u16{24}); /* key start */
+        put(entry + 16, ifIndex);
+        put(entry + 56, static_cast<void *>(paths));
+        put(entry + 72, static_cast<void *>(attr));
         for (size_t i = 0; i < members.size(); ++i) {
-            u16 first = 68, weight = static_cast<u16>(i + 1);
-            std::memcpy(paths + 64 * i, &first, 2);
-            std::memcpy(paths + 64 * i + 8, &members[i], 4);
-            std::memcpy(paths + 64 * i + 14, &weight, 2);
+            put(paths + 64 * i, u16{68});
+            put(paths + 64 * i + 8, members[i]);
+            put(paths + 64 * i + 14, static_cast<u16>(i + 1)); /* weight */
         }
     };
     u8 entry[96], paths[2048], attr[16];
@@ -505,8 +501,7 @@ TEST_F(ChassisPlatform, JournalAndEventChannelsUntilChassisdGoesAway)
     ASSERT_TRUE(c.Stop());
     EXPECT_NE(IF_ResponseEventPkt(ifFd), 0u) << "the end of the channel is reported";
     EXPECT_NE(HA_Dispatch(EPOLLIN | EPOLLHUP, static_cast<u64>(haFd)), 0u);
-    /* The dead HA descriptor no longer wakes an event loop, and the cached
-     * role stays as it was. */
+    /* The dead HA descriptor no longer wakes a loop; the role is cached. */
     pollfd p{haFd, POLLIN, 0};
     EXPECT_EQ(poll(&p, 1, 50), 0);
     EXPECT_EQ(HA_IsMaster(haFd), 1);

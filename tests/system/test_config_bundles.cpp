@@ -48,19 +48,13 @@ protected:
     std::optional<tc::BndDetail> Show(std::uint32_t n)
     {
         tc::Outcome<tc::Shown<tc::BndDetail>> s = client().ShowBundle(n);
-        if (!s || s->uiResult != TBDL_OK) {
-            return std::nullopt;
-        }
-        return s->value;
+        return s && s->uiResult == TBDL_OK ? s->value : std::nullopt;
     }
 
     testing::AssertionResult Consistent()
     {
         testing::AssertionResult k = KtbdlMatches(chassis(), client());
-        if (!k) {
-            return k;
-        }
-        return StoreMatches(chassis(), client());
+        return k ? StoreMatches(chassis(), client()) : k;
     }
 
     static Chassis *s_chassis;

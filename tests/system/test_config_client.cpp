@@ -1,6 +1,5 @@
-/* The configuration client and tbdlctl against a scripted configuration
- * server: wire bytes of every command, reply decoding, paging, refusals,
- * timeouts and connection errors. No chassis is started here. */
+/* The configuration client and tbdlctl against a scripted server: wire
+ * bytes, decoding, paging, refusals and connection errors. */
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>

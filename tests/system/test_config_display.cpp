@@ -1,8 +1,6 @@
-/* Displays and framing through the raw protocol against the real daemon:
- * the exact reply bytes of bundle details, counts, debug switches and
- * limits, and the replies to malformed requests. The chassis runs with
- * limits other than the defaults so that the figures shown must come from
- * the chassis settings. */
+/* Exact reply bytes of the real daemon's displays and its answers to
+ * malformed requests. Non-default limits prove the figures come from the
+ * chassis settings. */
 #include <gtest/gtest.h>
 
 #include "cfg_checks.h"
@@ -155,13 +153,11 @@ TEST_F(ConfigDisplay, MalformedRequestsAreAnsweredAsInvalid)
     /* The connection survives every refusal, and tbdlctl's raw mode shows
      * the reply. */
     tc::Outcome<tc::Shown<tc::BndDetail>> shown = m_client->ShowBundle(5);
-    ASSERT_TRUE(shown) << shown.error();
-    ASSERT_TRUE(shown->value);
+    ASSERT_TRUE(shown && shown->value);
     EXPECT_EQ(shown->value->ucMode, 1u);
     ProcRun run = m_chassis.Tbdlctl({"--json", "raw", "--hex", "0002 0000 00000000 0001 0002"});
     EXPECT_TRUE(Exited(run, 1));
     Json j = Json::parse(run.out);
-    EXPECT_EQ(j["result"], TBDL_E_INVALID_MSG);
     EXPECT_EQ(j["name"], "TBDL_E_INVALID_MSG");
     EXPECT_EQ(j["type"], 1);
     EXPECT_EQ(j["oper"], 2);

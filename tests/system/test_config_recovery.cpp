@@ -1,10 +1,7 @@
-/* Recovery of the stored configuration by the real daemon: after a restart
- * of the daemon process (start cause "process restart") the VRF of each
- * stored bundle and member is compared with what L3VPN reports now; after
- * a reboot of the chassis (start cause "system boot") the stored VRF is
- * taken as stored; a stored bundle whose mode the settings switched off is
- * discarded. VRFs are moved with chassisctl while the daemon's L3VPN
- * registration is made to fail, so only recovery can notice the move. */
+/* Recovery of the stored configuration by the real daemon: a process
+ * restart compares stored VRFs with L3VPN's, a reboot takes them as stored,
+ * and bundles of a mode switched off are discarded. The daemon's L3VPN
+ * registration is made to fail, so only recovery can notice a VRF move. */
 #include <gtest/gtest.h>
 
 #include "cfg_checks.h"
@@ -28,10 +25,7 @@ protected:
     {
         const pid_t before = m_chassis.BoardPid(0);
         ProcRun run = m_chassis.Ctl({"board", "restart", "0"});
-        if (run.status != 0) {
-            return Exited(run, 0);
-        }
-        if (m_chassis.BoardPid(0) == before || !WaitCfgAnswers(m_chassis)) {
+        if (run.status != 0 || m_chassis.BoardPid(0) == before || !WaitCfgAnswers(m_chassis)) {
             return testing::AssertionFailure() << "no new daemon answers";
         }
         return Reconnect();
@@ -137,8 +131,7 @@ TEST_F(ConfigRecovery, RebootTakesTheStoredVrf)
     for (const char *name : {"Tunnel-Bundle2", "Tunnel-Bundle6", "Tunnel22"}) {
         ASSERT_TRUE(Exited(m_chassis.Ctl({"vrf", "bind", name, "9"}), 0)) << name;
     }
-    ProcRun run = m_chassis.Ctl({"reboot"});
-    ASSERT_TRUE(Exited(run, 0));
+    ASSERT_TRUE(Exited(m_chassis.Ctl({"reboot"}), 0));
     ASSERT_TRUE(WaitCfgAnswers(m_chassis));
     ASSERT_TRUE(Reconnect());
     EXPECT_EQ(StartCause(), 0);

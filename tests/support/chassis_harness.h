@@ -1,7 +1,5 @@
-/* Harness of the chassis system tests: runs programs with their output
- * captured and a deadline, waits on conditions with a deadline, and owns a
- * temporary chassis (directory, chassisd, board daemons) that it stops and
- * removes on every path, also when a test fails half-way. */
+/* Harness of the chassis system tests: programs run with captured output
+ * and a deadline, and a temporary chassis removed on every path. */
 #ifndef TBDL_TEST_CHASSIS_HARNESS_H
 #define TBDL_TEST_CHASSIS_HARNESS_H
 
@@ -24,10 +22,8 @@ struct ProcRun {
     std::string err;
 };
 
-/* Runs argv (argv[0] a path) with extra "NAME=value" environment entries,
- * capturing stdout and stderr. A program still running after timeoutMs is
- * killed (timedOut set). Output written by programs it leaves behind in the
- * background is not waited for. */
+/* Runs argv (argv[0] a path) with extra "NAME=value" environment entries;
+ * killed (timedOut set) when still running after timeoutMs. */
 ProcRun RunProcess(const std::vector<std::string> &argv, const std::vector<std::string> &env = {},
                    int timeoutMs = 30000);
 
@@ -59,8 +55,7 @@ public:
     static std::string RealDaemon();
     static bool HaveRealDaemon();
     void UseDaemon(const std::string &path) { daemon_ = path; }
-    /* Environment given to chassisctl start (and so to chassisd and the
-     * board daemons). */
+    /* Environment of chassisctl start, so of chassisd and the daemons. */
     void SetEnv(std::vector<std::string> env) { env_ = std::move(env); }
 
     /* chassisctl --dir DIR start --daemon D args... */
@@ -81,8 +76,7 @@ public:
     bool WaitBoardUp(int board, int timeoutMs = 15000) const;
     bool WaitFile(const std::string &rel, const std::string &text, int timeoutMs = 15000) const;
 
-    /* chassisctl stop; when chassisd is still there afterwards it and its
-     * boards are killed. true when the orderly stop worked. */
+    /* chassisctl stop, then SIGKILL to what is left; true when orderly. */
     bool Stop();
 
 private:

@@ -145,16 +145,16 @@ inline testing::AssertionResult KtbdlMatches(const Chassis &chassis, tc::Client 
             continue;
         }
         const Json &j = e->second;
-        if (j.at("state").get<std::uint32_t>() != d.ucState) {
-            bad << BndName(n) << " state " << j["state"] << " in the kernel, " << int(d.ucState) << " shown; ";
-        }
-        if (j.at("tnl_mode").get<std::uint32_t>() != d.usTnlMode) {
-            bad << BndName(n) << " tunnel mode " << j["tnl_mode"] << " in the kernel, " << d.usTnlMode << " shown; ";
-        }
-        if (j.at("family").get<std::uint32_t>() != d.stAddr.usFamily ||
-            j.at("address").get<std::string>() != tc::FormatAddr(d.stAddr)) {
-            bad << BndName(n) << " address " << j["address"] << " in the kernel, '" << tc::FormatAddr(d.stAddr)
-                << "' shown; ";
+        /* state / tunnel mode / family / address */
+        auto sig = [](auto st, auto tm, auto fam, const std::string &addr) {
+            return std::to_string(st) + "/" + std::to_string(tm) + "/" + std::to_string(fam) + "/" + addr;
+        };
+        const std::string inKernel = sig(j.at("state").get<std::uint32_t>(), j.at("tnl_mode").get<std::uint32_t>(),
+                                         j.at("family").get<std::uint32_t>(), j.at("address").get<std::string>());
+        const std::string shown = sig(std::uint32_t{d.ucState}, std::uint32_t{d.usTnlMode},
+                                      std::uint32_t{d.stAddr.usFamily}, tc::FormatAddr(d.stAddr));
+        if (inKernel != shown) {
+            bad << BndName(n) << " is " << inKernel << " in the kernel, " << shown << " shown; ";
         }
         std::set<std::uint32_t> want;
         for (const tc::MembDetail &m : d.members) {

@@ -52,36 +52,35 @@ u32 tbdl_bnd_UpdateKtbdl(const TBDL_BND_S *pstBnd)
     return uiRet;
 }
 
-u32 tbdl_bnd_AddMembKtbdl(u32 uiMembIfIndex, u32 uiBndIfIndex)
+/* One member command to KTBDL; only an accepted command is logged and
+ * mirrored to the standby. */
+static u32 tbdl_bnd_MembKtbdl(u32 uiCmd, u16 usHaType, const char *pcFmt, u32 uiMembIfIndex,
+                              u32 uiBndIfIndex)
 {
     TBDL_KMEMB_S stPayload = {uiBndIfIndex, uiMembIfIndex};
-    u32 uiRet;
-
-    uiRet = tbdl_bnd_Ioctl(TBDL_KCMD_MEMB_ADD, &stPayload, sizeof(stPayload));
+    u32 uiRet = tbdl_bnd_Ioctl(uiCmd, &stPayload, sizeof(stPayload));
     if (uiRet != TBDL_OK) {
         return uiRet;
     }
-    TBDL_DBG_Output(TBDL_DBG_EVENT,
-                    "Notified KTBDL to add the member interface %d to the tunnel bundle interface %d.\r\n",
-                    uiMembIfIndex, uiBndIfIndex);
-    tbdl_bnd_MirrorHA(TBDL_BND_HA_MEMB_ADD, &stPayload);
+    TBDL_DBG_Output(TBDL_DBG_EVENT, pcFmt, uiMembIfIndex, uiBndIfIndex);
+    tbdl_bnd_MirrorHA(usHaType, &stPayload);
     return TBDL_OK;
+}
+
+u32 tbdl_bnd_AddMembKtbdl(u32 uiMembIfIndex, u32 uiBndIfIndex)
+{
+    return tbdl_bnd_MembKtbdl(
+        TBDL_KCMD_MEMB_ADD, TBDL_BND_HA_MEMB_ADD,
+        "Notified KTBDL to add the member interface %d to the tunnel bundle interface %d.\r\n",
+        uiMembIfIndex, uiBndIfIndex);
 }
 
 u32 tbdl_bnd_DelMembKtbdl(u32 uiMembIfIndex, u32 uiBndIfIndex)
 {
-    TBDL_KMEMB_S stPayload = {uiBndIfIndex, uiMembIfIndex};
-    u32 uiRet;
-
-    uiRet = tbdl_bnd_Ioctl(TBDL_KCMD_MEMB_DEL, &stPayload, sizeof(stPayload));
-    if (uiRet != TBDL_OK) {
-        return uiRet;
-    }
-    TBDL_DBG_Output(TBDL_DBG_EVENT,
-                    "Notified KTBDL to delete the member interface %d from the tunnel bundle interface %d.\r\n",
-                    uiMembIfIndex, uiBndIfIndex);
-    tbdl_bnd_MirrorHA(TBDL_BND_HA_MEMB_DEL, &stPayload);
-    return TBDL_OK;
+    return tbdl_bnd_MembKtbdl(
+        TBDL_KCMD_MEMB_DEL, TBDL_BND_HA_MEMB_DEL,
+        "Notified KTBDL to delete the member interface %d from the tunnel bundle interface %d.\r\n",
+        uiMembIfIndex, uiBndIfIndex);
 }
 
 void tbdl_bnd_RefreshState(TBDL_BND_S *pstBnd)

@@ -4,11 +4,7 @@
 #include "fake_internal.h"
 
 using fake::Call;
-using fake::detail::Copy;
-using fake::detail::Mk;
-using fake::detail::Record;
-using fake::detail::Scripted;
-using fake::detail::U;
+using namespace fake::detail;
 
 namespace {
 

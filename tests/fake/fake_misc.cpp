@@ -11,12 +11,7 @@
 
 using fake::Bytes;
 using fake::Call;
-using fake::detail::Copy;
-using fake::detail::Mk;
-using fake::detail::Record;
-using fake::detail::S;
-using fake::detail::Scripted;
-using fake::detail::U;
+using namespace fake::detail;
 
 namespace fake {
 namespace {

@@ -32,8 +32,12 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
+#include <type_traits>
 #include <vector>
+
+#include "plat_lsm.h"
 
 namespace tbdl::rpc {
 
@@ -83,12 +87,58 @@ enum Op : uint16_t {
     OP_CTL = 60,               /* payload JSON request; reply JSON */
 };
 
+/* ---- Request and reply bodies, one record per operation ----
+ *
+ * Each operation's body is a fixed record, or a fixed record followed by a
+ * variable tail where the table below says so. OpSpec<op> names them; the
+ * codec below (Encode/Decode/DecodeHead) is the one place their bytes are
+ * written and read, on the library side and in chassisd alike. */
+
+/* An interface index (requests of IF_GET_DATA, TUNNEL_GET_MODE,
+ * L3VPN_GET_VRF). */
+struct IfRef {
+    uint32_t uiIfIndex;
+};
+static_assert(sizeof(IfRef) == 4, "interface reference is 4 bytes");
+
+/* A 32-bit answer (interface index, data item, tunnel mode). */
+struct U32Value {
+    uint32_t uiValue;
+};
+static_assert(sizeof(U32Value) == 4, "u32 answer is 4 bytes");
+
+/* The VRF an interface is bound to. */
+struct VrfValue {
+    uint16_t usVrfIndex;
+};
+static_assert(sizeof(VrfValue) == 2, "VRF answer is 2 bytes");
+
+/* IF_DELETE: the 8-byte key (interface index, 4 zero bytes). */
+struct IfDeleteKey {
+    uint32_t uiIfIndex;
+    uint32_t uiResv;
+};
+static_assert(sizeof(IfDeleteKey) == 8, "interface key is 8 bytes");
+
+/* CIOCTL: this head, then the command's payload bytes. */
 struct CioctlReq {
     uint32_t uiDev;
     uint32_t uiCmd;
     uint32_t auiArg[3];
 };
 static_assert(sizeof(CioctlReq) == 20, "CIOCTL request head is 20 bytes");
+
+/* HA_RESPONSE: optional data word. */
+struct HaResponseData {
+    uint32_t uiData;
+};
+static_assert(sizeof(HaResponseData) == 4, "HA response data is 4 bytes");
+
+/* HA_REGISTER: the daemon's 8-byte identity record. */
+struct HaIdent {
+    uint8_t aucIdent[8];
+};
+static_assert(sizeof(HaIdent) == 8, "HA identity is 8 bytes");
 
 /* The HA state chassisd tells a board's channel: at registration (reply)
  * and in front of every push, so the library's cached role never lags the
@@ -107,19 +157,108 @@ enum HaPushKind : uint32_t {
     HA_PUSH_MSG = 2,   /* uiValue = send flag; data = the peer's message */
 };
 
-/* One LSM change in an OP_LSM_BATCH payload: a 4-byte head, then the 96-byte
- * entry (pointers zeroed), the 16-byte attribute block and usPaths 64-byte
- * paths (add), or the 28-byte key (entry bytes 12-39) alone (delete). */
+/* IFEV_PUSH: this head, then uiCount IF_EVENT_ENTRY_S entries (8 bytes
+ * each: interface index, 4 unused bytes). */
+struct IfevPushHead {
+    uint32_t uiCount;
+};
+static_assert(sizeof(IfevPushHead) == 4, "interface event head is 4 bytes");
+inline constexpr size_t kIfevEntryLen = 8;
+
+/* LSM_BATCH: a sequence of changes, each a head then its body: an add
+ * carries the 96-byte LSP entry (pointers zeroed), the 16-byte attribute
+ * block and usPaths 64-byte paths; a delete carries the 28-byte key. */
 struct LsmChangeHead {
-    uint16_t usKind; /* 1 add, 2 delete */
+    uint16_t usKind; /* LSM_CHANGE_ADD / LSM_CHANGE_DEL */
     uint16_t usPaths;
 };
-inline constexpr size_t kLsmEntryLen = 96;
-inline constexpr size_t kLsmAttrLen = 16;
-inline constexpr size_t kLsmPathLen = 64;
-inline constexpr size_t kLsmMaxPaths = 32;
-inline constexpr size_t kLsmKeyOffset = 12;
-inline constexpr size_t kLsmKeyLen = 28;
+static_assert(sizeof(LsmChangeHead) == 4, "LSM change head is 4 bytes");
+inline constexpr uint16_t LSM_CHANGE_ADD = 1;
+inline constexpr uint16_t LSM_CHANGE_DEL = 2;
+
+inline constexpr size_t kLsmEntryLen = sizeof(LSM_LSP_ENTRY_S);
+inline constexpr size_t kLsmAttrLen = sizeof(LSM_LSP_ATTR_S);
+inline constexpr size_t kLsmPathLen = sizeof(LSM_LSP_PATH_S);
+inline constexpr size_t kLsmMaxPaths = LSM_LSP_PATH_MAX;
+inline constexpr size_t kLsmKeyOffset = offsetof(LSM_LSP_ENTRY_S, stKey);
+inline constexpr size_t kLsmKeyLen = sizeof(LSM_LSP_KEY_S);
+
+/* A body with nothing in it. */
+struct NoBody {};
+
+/* Largest interface name in an IF_INDEX_BY_NAME request. */
+inline constexpr size_t kMaxIfName = 64;
+
+/* Request and reply bodies of each operation. Tail = true: the request
+ * record is followed by variable bytes (a name, a command payload, a
+ * message). */
+template <uint16_t Op> struct OpSpec;
+template <class RequestT, class ReplyT, bool TailV> struct OpShape {
+    using Request = RequestT;
+    using Reply = ReplyT;
+    static constexpr bool kTail = TailV;
+};
+template <> struct OpSpec<OP_SERVICE_SET_STATUS> : OpShape<NoBody, NoBody, false> {};
+template <> struct OpSpec<OP_IF_INDEX_BY_NAME> : OpShape<NoBody, U32Value, true> {};
+template <> struct OpSpec<OP_IF_GET_DATA> : OpShape<IfRef, U32Value, false> {};
+template <> struct OpSpec<OP_IF_DELETE> : OpShape<IfDeleteKey, NoBody, false> {};
+template <> struct OpSpec<OP_TUNNEL_GET_MODE> : OpShape<IfRef, U32Value, false> {};
+template <> struct OpSpec<OP_L3VPN_GET_VRF> : OpShape<IfRef, VrfValue, false> {};
+template <> struct OpSpec<OP_CIOCTL> : OpShape<CioctlReq, NoBody, true> {};
+template <> struct OpSpec<OP_HA_RESPONSE> : OpShape<NoBody, NoBody, true> {}; /* tail: optional HaResponseData */
+template <> struct OpSpec<OP_HA_SEND> : OpShape<NoBody, NoBody, true> {};     /* tail: the HA message */
+template <> struct OpSpec<OP_HA_REGISTER> : OpShape<NoBody, HaState, true> {}; /* tail: optional HaIdent */
+template <> struct OpSpec<OP_IFEV_REGISTER> : OpShape<NoBody, NoBody, false> {};
+template <> struct OpSpec<OP_LSM_REGISTER> : OpShape<NoBody, NoBody, false> {};
+template <> struct OpSpec<OP_LSM_GR> : OpShape<NoBody, NoBody, false> {};
+template <> struct OpSpec<OP_LSM_BATCH> : OpShape<NoBody, NoBody, true> {};   /* tail: LSM changes */
+template <> struct OpSpec<OP_HA_PUSH> : OpShape<HaState, NoBody, true> {};    /* tail: message data */
+template <> struct OpSpec<OP_IFEV_PUSH> : OpShape<IfevPushHead, NoBody, true> {}; /* tail: entries */
+
+/* Size of a body record on the wire (an empty record takes no bytes). */
+template <class T> constexpr size_t WireSize() { return std::is_empty_v<T> ? 0 : sizeof(T); }
+
+/* Reads a record that must fill the body exactly. */
+template <class T> bool Decode(const void *p, size_t len, T &out)
+{
+    static_assert(std::is_trivially_copyable_v<T>, "wire records are plain");
+    if (len != WireSize<T>()) {
+        return false;
+    }
+    if constexpr (!std::is_empty_v<T>) {
+        std::memcpy(&out, p, sizeof(T));
+    }
+    return true;
+}
+
+/* Reads a record at the front of a body and hands back what follows it. */
+template <class T> bool DecodeHead(const void *p, size_t len, T &out, const uint8_t *&tail, size_t &tailLen)
+{
+    static_assert(std::is_trivially_copyable_v<T>, "wire records are plain");
+    if (len < WireSize<T>()) {
+        return false;
+    }
+    if constexpr (!std::is_empty_v<T>) {
+        std::memcpy(&out, p, sizeof(T));
+    }
+    tail = static_cast<const uint8_t *>(p) + WireSize<T>();
+    tailLen = len - WireSize<T>();
+    return true;
+}
+
+/* Writes a record, then an optional tail, into one body. */
+template <class T> std::vector<uint8_t> Encode(const T &rec, const void *tail = nullptr, size_t tailLen = 0)
+{
+    static_assert(std::is_trivially_copyable_v<T>, "wire records are plain");
+    std::vector<uint8_t> out(WireSize<T>() + tailLen);
+    if constexpr (!std::is_empty_v<T>) {
+        std::memcpy(out.data(), &rec, sizeof(T));
+    }
+    if (tailLen > 0) {
+        std::memcpy(out.data() + WireSize<T>(), tail, tailLen);
+    }
+    return out;
+}
 
 /* Sends one message (header + payload) on fd. 0 on success, else errno. */
 int SendMsg(int fd, uint16_t op, uint16_t board, uint32_t arg, const void *payload, size_t len,

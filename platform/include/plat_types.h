@@ -22,4 +22,11 @@ typedef int64_t i64;
 #define PLAT_EXTERN_C_END
 #endif
 
+/* Compile-time checks of record layouts, in C and C++ alike. */
+#ifdef __cplusplus
+#define PLAT_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
+#else
+#define PLAT_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
+#endif
+
 #endif

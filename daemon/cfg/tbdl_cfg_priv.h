@@ -13,6 +13,15 @@
 #include "plat_dbm.h"
 #include "tbdl_cfg.h"
 
+/* The module's state: the loop's descriptor and the listening socket (-1
+ * when not listening). Connections live only in their loop registration. */
+typedef struct tagTBDL_CFG_GLOBAL {
+    i32 iEpollFd;
+    i32 iListenFd;
+} TBDL_CFG_GLOBAL_S;
+
+extern TBDL_CFG_GLOBAL_S g_stTbdlCfgGlobalVar;
+
 /* ---- tbdl_cfg_sock.cpp: listening endpoint ---- */
 
 /* Opens, binds and listens; returns the socket or -1 (nothing left open). */

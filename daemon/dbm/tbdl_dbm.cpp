@@ -6,7 +6,7 @@
 #include <string.h>
 
 #include "tbdl_dbg.h"
-#include "tbdl_dbm.h"
+#include "dbm/tbdl_dbm_priv.h"
 #include "plat_dbm.h"
 
 #define TBDL_DBM_NAME "eTBDL"

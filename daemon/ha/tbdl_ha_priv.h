@@ -11,6 +11,18 @@
 
 #include "tbdl_ha.h"
 
+/* The module's state: the loop's descriptor, the HA channel and the one
+ * message buffer backups are encoded into. */
+typedef struct tagTBDL_HA_VAR {
+    i32 iEpollFd;
+    i32 iHaFd;
+    u8 *pucMsgBuf;
+    u16 usMsgBufSize;
+    u16 usMsgLen;
+} TBDL_HA_VAR_S;
+
+extern TBDL_HA_VAR_S g_stTbdlHaVar;
+
 /* Arguments of HA_Init. */
 #define TBDL_HA_MODULE_NAME "TBDL"
 #define TBDL_HA_INIT_ARG1 0u

@@ -90,20 +90,6 @@ typedef struct tagTBDL_BND_INFO {
 
 typedef void (*TBDL_BND_EV_CB_PF)(u32 uiEvent, u32 uiBndNum);
 
-#define TBDL_BND_CNT_HOLD 0xFFFFFFFFu
-
-typedef struct tagTBDL_BND_GLOBAL {
-    TBDL_BND_S **ppstBnd;
-    TBDL_BND_EV_CB_PF pfBndEvCb;
-    i32 iEpollFd;
-    i32 iTimerFd;
-    u32 uiMaxBndNum;
-    u32 uiMaxMembNum;
-    u32 uiBndCnt;
-    u8 ucModeFlags;
-    i8 cVrfMark;
-} TBDL_BND_GLOBAL_S;
-
 /* Member configuration: TLV 204 value and the in-memory form of a stored
  * member. */
 typedef struct tagTBDL_MEMB_CFG {

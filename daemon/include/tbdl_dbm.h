@@ -4,8 +4,6 @@
 
 #include "tbdl_dbm_rec.h"
 
-extern u64 g_stTbdlDbmGlobal;
-
 u32 TBDL_DBM_Init(void);
 void TBDL_DBM_Fini(void);
 u64 TBDL_DBM_GetHandle(void);

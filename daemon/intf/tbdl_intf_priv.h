@@ -9,6 +9,26 @@
 
 #include "tbdl_intf.h"
 
+/* Private data of a member interface: the bundle it belongs to. */
+typedef struct tagTBDL_INTF_PD {
+    u32 uiBndNum;
+    u16 usVrfIndex;
+    i8 cVrfMark;
+} TBDL_INTF_PD_S;
+
+/* The module's state: the private-data instance, the interface-event
+ * subscription, the VRF sweep mark and the system-boot flag. */
+typedef struct tagTBDL_INTF_GLOBAL {
+    u64 ulPdInstance;
+    u32 uiIfEvHandle;
+    i32 iIfEvFd;
+    i32 iEpollFd;
+    i8 cVrfMark;
+    u16 usSystemBoot;
+} TBDL_INTF_GLOBAL_S;
+
+extern TBDL_INTF_GLOBAL_S g_stIntfGlobalVar;
+
 /* Private-data instance handle meaning "none". */
 #define TBDL_INTF_PD_NONE (~(u64)0)
 

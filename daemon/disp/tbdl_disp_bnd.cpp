@@ -55,7 +55,7 @@ u16 tbdl_disp_GetBndInfo(u16 usOper, u32 uiBndNum, u16 usRoom, u8 *pucValue)
     u32 uiTnlNum = 0;
     for (u16 i = 0; i < usMembNum; i++) {
         const TBDL_MEMB_INFO_S *pstMemb = &astMemb[i];
-        (void)IF_GetDataByIfIndex(pstMemb->uiIfIndex, 0, &uiTnlNum);
+        (void)IF_GetDataByIfIndex(pstMemb->uiIfIndex, IF_DATA_NUMBER, &uiTnlNum);
         TBDL_DISP_MEMB_VAL_S stMembVal;
         stMembVal.uiTnlNum = uiTnlNum;
         stMembVal.usWeight = pstMemb->usWeight;

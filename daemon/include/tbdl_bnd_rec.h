@@ -5,6 +5,7 @@
 
 #include <stddef.h>
 
+#include "plat_l3vpn.h"
 #include "tbdl_types.h"
 
 /* Device limits and supported work modes. */
@@ -111,9 +112,9 @@ typedef struct tagTBDL_L3V_EVT {
 } TBDL_L3V_EVT_S;
 static_assert(offsetof(TBDL_L3V_EVT_S, uiIfIndex) == 4, "L3VPN event ifindex at offset 4");
 
-#define TBDL_L3V_EV_VRF_BIND 4u
-#define TBDL_L3V_EV_VRF_UNBIND 8u
-#define TBDL_L3V_EV_BATCH_BEGIN 0x400000u
-#define TBDL_L3V_EV_BATCH_END 0x800000u
+#define TBDL_L3V_EV_VRF_BIND L3VPN_EV_VRF_BIND
+#define TBDL_L3V_EV_VRF_UNBIND L3VPN_EV_VRF_UNBIND
+#define TBDL_L3V_EV_BATCH_BEGIN L3VPN_EV_BATCH_BEGIN
+#define TBDL_L3V_EV_BATCH_END L3VPN_EV_BATCH_END
 
 #endif

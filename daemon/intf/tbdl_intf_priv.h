@@ -30,7 +30,7 @@ typedef struct tagTBDL_INTF_GLOBAL {
 extern TBDL_INTF_GLOBAL_S g_stIntfGlobalVar;
 
 /* Private-data instance handle meaning "none". */
-#define TBDL_INTF_PD_NONE (~(u64)0)
+#define TBDL_INTF_PD_NONE IF_PD_INSTANCE_NONE
 
 /* Name prefix of member tunnel interfaces: "Tunnel" + tunnel number. */
 #define TBDL_INTF_TNL_PREFIX "Tunnel"
@@ -38,10 +38,6 @@ extern TBDL_INTF_GLOBAL_S g_stIntfGlobalVar;
 /* Arguments of the private-data instance. */
 #define TBDL_INTF_PD_KIND 2u
 #define TBDL_INTF_PD_FLAGS 0u
-
-/* Interface data items read here. */
-#define TBDL_INTF_DATA_NUMBER 0u
-#define TBDL_INTF_DATA_STATE 31u
 
 /* Interface index of "Tunnel" + uiTnlNum; 0 when there is no such
  * interface. */

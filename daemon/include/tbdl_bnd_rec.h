@@ -91,19 +91,6 @@ typedef struct tagTBDL_BND_INFO {
 
 typedef void (*TBDL_BND_EV_CB_PF)(u32 uiEvent, u32 uiBndNum);
 
-/* Member configuration: TLV 204 value and the in-memory form of a stored
- * member. */
-typedef struct tagTBDL_MEMB_CFG {
-    u32 uiTnlNum;
-    u16 usWeight;
-    u8 ucRole;
-    u8 ucResv;
-    u16 usVrfIndex;
-    u16 usResv;
-} TBDL_MEMB_CFG_S;
-static_assert(sizeof(TBDL_MEMB_CFG_S) == 12, "member configuration is 12 bytes");
-static_assert(offsetof(TBDL_MEMB_CFG_S, usVrfIndex) == 8, "member VRF at offset 8");
-
 /* L3VPN event data and events. */
 typedef struct tagTBDL_L3V_EVT {
     u16 usVrfIndex;

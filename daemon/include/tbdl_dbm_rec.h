@@ -7,7 +7,7 @@
 
 #include <stddef.h>
 
-#include "tbdl_bnd_rec.h"
+#include "tbdl_cfg_msg.h"
 
 typedef struct tagTBDL_DBM_BND {
     TBDL_ADDR_S stAddr;

@@ -44,7 +44,7 @@ static_assert(offsetof(TBDL_HA_IDENT_S, usId1) == 4, "second identity value at 4
 
 /* Highest backup message type; the encoder and applier tables are indexed
  * by type, entry 0 empty. */
-#define TBDL_HA_MSG_TYPE_MAX 3u
+#define TBDL_HA_MSG_TYPE_MAX TBDL_HA_MSG_MEMB_DEL
 
 typedef u32 (*TBDL_HA_ENC_PF)(const void *pPayload);
 typedef u32 (*TBDL_HA_APPLY_PF)(u16 usLen, const void *pValue);

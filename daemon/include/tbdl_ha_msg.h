@@ -11,6 +11,8 @@
 #define TBDL_HA_MSG_MEMB_DEL 3u
 #define TBDL_HA_MSG_BND_UPDATE_LEN 36u
 #define TBDL_HA_MSG_MEMB_LEN 8u
+static_assert(sizeof(TBDL_KBND_S) == TBDL_HA_MSG_BND_UPDATE_LEN, "bundle update value is the kernel payload");
+static_assert(sizeof(TBDL_KMEMB_S) == TBDL_HA_MSG_MEMB_LEN, "member value is the kernel payload");
 
 /* HA events the daemon handles. */
 #define TBDL_HA_EV_DEACTIVATE HA_EV_DEACTIVATE

@@ -8,8 +8,6 @@
 #include "tbdl_bas.h"
 #include "tbdl_dbg.h"
 
-/* Offset of the address bytes in the address block. */
-#define TBDL_BND_ADDR_OFF 4u
 #define TBDL_BND_IPV4_LEN 4u
 
 static u32 tbdl_bnd_Create(u32 uiBndNum, const void *pOperData)

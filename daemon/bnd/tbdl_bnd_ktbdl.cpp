@@ -10,12 +10,7 @@
 #include "tbdl_bas.h"
 #include "tbdl_dbg.h"
 #include "tbdl_dbm.h"
-#include "tbdl_ktbdl.h"
-
-/* HA backup message types carrying the kernel payloads. */
-#define TBDL_BND_HA_BND_UPDATE 1u
-#define TBDL_BND_HA_MEMB_ADD 2u
-#define TBDL_BND_HA_MEMB_DEL 3u
+#include "tbdl_ha_msg.h"
 
 static u32 tbdl_bnd_Ioctl(u32 uiCmd, void *pvPayload, u32 uiLen)
 {
@@ -41,7 +36,7 @@ u32 tbdl_bnd_UpdateKtbdl(const TBDL_BND_S *pstBnd)
     stPayload.usVrfIndex = pstBnd->usVrfIndex;
 
     /* The standby hears of the update whatever KTBDL answers. */
-    tbdl_bnd_MirrorHA(TBDL_BND_HA_BND_UPDATE, &stPayload);
+    tbdl_bnd_MirrorHA(TBDL_HA_MSG_BND_UPDATE, &stPayload);
 
     uiRet = tbdl_bnd_Ioctl(TBDL_KCMD_BND_UPDATE, &stPayload, sizeof(stPayload));
     if (uiRet == TBDL_OK) {
@@ -70,7 +65,7 @@ static u32 tbdl_bnd_MembKtbdl(u32 uiCmd, u16 usHaType, const char *pcFmt, u32 ui
 u32 tbdl_bnd_AddMembKtbdl(u32 uiMembIfIndex, u32 uiBndIfIndex)
 {
     return tbdl_bnd_MembKtbdl(
-        TBDL_KCMD_MEMB_ADD, TBDL_BND_HA_MEMB_ADD,
+        TBDL_KCMD_MEMB_ADD, TBDL_HA_MSG_MEMB_ADD,
         "Notified KTBDL to add the member interface %d to the tunnel bundle interface %d.\r\n",
         uiMembIfIndex, uiBndIfIndex);
 }
@@ -78,7 +73,7 @@ u32 tbdl_bnd_AddMembKtbdl(u32 uiMembIfIndex, u32 uiBndIfIndex)
 u32 tbdl_bnd_DelMembKtbdl(u32 uiMembIfIndex, u32 uiBndIfIndex)
 {
     return tbdl_bnd_MembKtbdl(
-        TBDL_KCMD_MEMB_DEL, TBDL_BND_HA_MEMB_DEL,
+        TBDL_KCMD_MEMB_DEL, TBDL_HA_MSG_MEMB_DEL,
         "Notified KTBDL to delete the member interface %d from the tunnel bundle interface %d.\r\n",
         uiMembIfIndex, uiBndIfIndex);
 }

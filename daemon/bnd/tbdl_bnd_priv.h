@@ -12,6 +12,25 @@
 
 #include "tbdl_bnd.h"
 
+/* Bundle count while the hold after the deletion of the last bundle runs. */
+#define TBDL_BND_CNT_HOLD 0xFFFFFFFFu
+
+/* The module's state: the bundle slots, the change callback, the hold
+ * timer, the limits and the VRF sweep mark. */
+typedef struct tagTBDL_BND_GLOBAL {
+    TBDL_BND_S **ppstBnd;
+    TBDL_BND_EV_CB_PF pfBndEvCb;
+    i32 iEpollFd;
+    i32 iTimerFd;
+    u32 uiMaxBndNum;
+    u32 uiMaxMembNum;
+    u32 uiBndCnt;
+    u8 ucModeFlags;
+    i8 cVrfMark;
+} TBDL_BND_GLOBAL_S;
+
+extern TBDL_BND_GLOBAL_S g_stTbdlGlobalVar;
+
 /* Hold after the deletion of the last bundle. */
 #define TBDL_BND_HOLD_MS 30000u
 

@@ -7,20 +7,12 @@
  * zero bytes up to that width: the bytes that are there are copied, the
  * missing ones read as 0. Nothing past the received bytes is ever read, and
  * such a request is handled like any other. */
-#include <arpa/inet.h>
 #include <string.h>
 
 #include "cfg/tbdl_cfg_priv.h"
 #include "plat_stlv.h"
+#include "tbdl_cfg_oper_codec.h"
 #include "tbdl_dbg.h"
-
-/* Widths the operation decodings read. */
-#define TBDL_CFG_BNDNUM_LEN 4u
-#define TBDL_CFG_OP202_LEN 4u
-#define TBDL_CFG_OP203_LEN 20u
-#define TBDL_CFG_OP204_LEN 7u
-#define TBDL_CFG_OP398_LEN 4u
-#define TBDL_CFG_OP_MAX_LEN TBDL_CFG_OP203_LEN
 
 /* TLV ranges: 1 is ignored, 2 is the key, 3-199 are unknown keys; 201-399
  * are operations (configuration); 401 is ignored and 402-599 are unknown
@@ -36,30 +28,9 @@
 
 static const char *const g_pcTbdlCfgUnknownTlv = "Received a message with an unknown TLV (type: %d).";
 
-/* Copies the first uiWant bytes of a value into pucOut, zero-filling what
- * the value lacks. */
-static void tbdl_cfg_CopyValue(const void *pValue, u16 usLen, u32 uiWant, u8 *pucOut)
-{
-    u32 uiCopy = (usLen < uiWant) ? usLen : uiWant;
-    memset(pucOut, 0, uiWant);
-    memcpy(pucOut, pValue, uiCopy);
-}
-
-static u16 tbdl_cfg_Be16(const u8 *pucIn)
-{
-    return (u16)(((u16)pucIn[0] << 8) | pucIn[1]);
-}
-
-static u32 tbdl_cfg_Be32(const u8 *pucIn)
-{
-    return ((u32)pucIn[0] << 24) | ((u32)pucIn[1] << 16) | ((u32)pucIn[2] << 8) | pucIn[3];
-}
-
 static void tbdl_cfg_ParseBndNum(const void *pValue, u16 usLen, TBDL_CFG_KEY_S *pstKey)
 {
-    u8 aucVal[TBDL_CFG_BNDNUM_LEN];
-    tbdl_cfg_CopyValue(pValue, usLen, sizeof(aucVal), aucVal);
-    pstKey->uiBndNum = tbdl_cfg_Be32(aucVal);
+    pstKey->uiBndNum = TBDL_CFG_DecU32Val(pValue, usLen);
 }
 
 /* Writes the operation data of operation TLV usType; an operation writes
@@ -67,37 +38,27 @@ static void tbdl_cfg_ParseBndNum(const void *pValue, u16 usLen, TBDL_CFG_KEY_S *
  * first bytes of an earlier one. */
 static void tbdl_cfg_FillOperData(u16 usType, const void *pValue, u16 usLen, u8 *pucData)
 {
-    u8 aucVal[TBDL_CFG_OP_MAX_LEN];
-    u16 usVal;
-    u32 uiVal;
-
     switch (usType) {
-    case TBDL_TLV_OP_BND: /* work mode, tunnel mode */
-        tbdl_cfg_CopyValue(pValue, usLen, TBDL_CFG_OP202_LEN, aucVal);
-        usVal = tbdl_cfg_Be16(aucVal);
-        memcpy(pucData, &usVal, sizeof(usVal));
-        usVal = tbdl_cfg_Be16(aucVal + 2);
-        memcpy(pucData + 2, &usVal, sizeof(usVal));
+    case TBDL_TLV_OP_BND: {
+        TBDL_CFG_BND_VAL_S stVal = TBDL_CFG_DecBndVal(pValue, usLen);
+        memcpy(pucData, &stVal, TBDL_CFG_BND_VAL_LEN);
         break;
-    case TBDL_TLV_OP_ADDR: /* address block: only the family is converted */
-        tbdl_cfg_CopyValue(pValue, usLen, TBDL_CFG_OP203_LEN, aucVal);
-        memcpy(pucData, aucVal, TBDL_CFG_OP203_LEN);
-        usVal = tbdl_cfg_Be16(aucVal);
-        memcpy(pucData, &usVal, sizeof(usVal));
+    }
+    case TBDL_TLV_OP_ADDR: {
+        TBDL_ADDR_S stVal = TBDL_CFG_DecAddrVal(pValue, usLen);
+        memcpy(pucData, &stVal, TBDL_CFG_ADDR_VAL_LEN);
         break;
-    case TBDL_TLV_OP_MEMB: /* tunnel number, weight, role */
-        tbdl_cfg_CopyValue(pValue, usLen, TBDL_CFG_OP204_LEN, aucVal);
-        uiVal = tbdl_cfg_Be32(aucVal);
-        memcpy(pucData, &uiVal, sizeof(uiVal));
-        usVal = tbdl_cfg_Be16(aucVal + 4);
-        memcpy(pucData + 4, &usVal, sizeof(usVal));
-        pucData[6] = aucVal[6];
+    }
+    case TBDL_TLV_OP_MEMB: {
+        TBDL_MEMB_CFG_S stVal = TBDL_CFG_DecMembVal(pValue, usLen);
+        memcpy(pucData, &stVal, TBDL_CFG_MEMB_VAL_LEN);
         break;
-    case TBDL_TLV_OP_U32:
-        tbdl_cfg_CopyValue(pValue, usLen, TBDL_CFG_OP398_LEN, aucVal);
-        uiVal = tbdl_cfg_Be32(aucVal);
+    }
+    case TBDL_TLV_OP_U32: {
+        u32 uiVal = TBDL_CFG_DecU32Val(pValue, usLen);
         memcpy(pucData, &uiVal, sizeof(uiVal));
         break;
+    }
     default: /* 201 carries nothing; the others are not decoded */
         break;
     }

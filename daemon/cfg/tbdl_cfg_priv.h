@@ -1,11 +1,12 @@
 /* Configuration channel, module-internal interfaces.
  *
- * tbdl_cfg_main.cpp    - module state, Init/Fini/Activate/Deactivate
- * tbdl_cfg_sock.cpp    - the local listening endpoint (device or host form)
- * tbdl_cfg_recv.cpp    - accept, receive, framing checks, dispatch, replies
- * tbdl_cfg_parse.cpp   - TLV walk into the key record and operation data
- * tbdl_cfg_table.cpp   - handler tables of the two message classes
- * tbdl_cfg_recover.cpp - replay of the stored configuration at activation
+ * tbdl_cfg_main.cpp        - module state, Init/Fini/Activate/Deactivate
+ * tbdl_cfg_sock_host.cpp   - the local listening endpoint on a Linux host
+ * tbdl_cfg_sock_device.cpp - the same on the device (TBDL_DEVICE_BUILD)
+ * tbdl_cfg_recv.cpp        - accept, receive, framing checks, dispatch, replies
+ * tbdl_cfg_parse.cpp       - TLV walk into the key record and operation data
+ * tbdl_cfg_table.cpp       - handler tables of the two message classes
+ * tbdl_cfg_recover.cpp     - replay of the stored configuration at activation
  */
 #ifndef TBDL_CFG_PRIV_H
 #define TBDL_CFG_PRIV_H
@@ -13,7 +14,19 @@
 #include "plat_dbm.h"
 #include "tbdl_cfg.h"
 
-/* ---- tbdl_cfg_sock.cpp: listening endpoint ---- */
+/* The module's state: the loop's descriptor and the listening socket (-1
+ * when not listening). Connections live only in their loop registration. */
+typedef struct tagTBDL_CFG_GLOBAL {
+    i32 iEpollFd;
+    i32 iListenFd;
+} TBDL_CFG_GLOBAL_S;
+
+extern TBDL_CFG_GLOBAL_S g_stTbdlCfgGlobalVar;
+
+/* ---- tbdl_cfg_sock_host.cpp or tbdl_cfg_sock_device.cpp: listening
+ * endpoint; the build links exactly one of them ---- */
+
+#define TBDL_CFG_LISTEN_BACKLOG 1024
 
 /* Opens, binds and listens; returns the socket or -1 (nothing left open). */
 i32 tbdl_cfg_OpenListenSocket(void);

@@ -1,7 +1,6 @@
 /* Replay of the stored configuration when the board becomes master: every
  * stored bundle, then every stored member binding, read from the platform
  * database in blocks and handed to the module that owns each record. */
-#include <arpa/inet.h>
 #include <string.h>
 
 #include "cfg/tbdl_cfg_priv.h"
@@ -9,9 +8,6 @@
 #include "tbdl_bnd.h"
 #include "tbdl_dbm.h"
 #include "tbdl_intf.h"
-
-static_assert(sizeof(TBDL_DBM_BND_S) == TBDL_DBM_BND_LEN, "bundle block entry is a stored record");
-static_assert(sizeof(TBDL_MEMB_CFG_S) == TBDL_DBM_MEMB_LEN, "member block entry is a stored record");
 
 /* Bundle lists first, so that every bundle exists before its members are
  * bound. */
@@ -56,34 +52,20 @@ u32 tbdl_cfg_RecoverBndCb(u64 ulHandle, const void *pvKey, u32 uiKeyLen)
         }
         u32 uiCount = tbdl_cfg_BlockCount(iCount);
         for (u32 i = 0; i < uiCount; i++) {
-            TBDL_DBM_BND_S *pstRec = &astRec[i];
-            pstRec->stAddr.usFamily = ntohs(pstRec->stAddr.usFamily);
-            pstRec->uiBndNum = ntohl(pstRec->uiBndNum);
-            pstRec->usVrfIndex = ntohs(pstRec->usVrfIndex);
-            (void)TBDL_BND_RecoverBnd(pstRec);
+            TBDL_DBM_BND_S stRec;
+            TBDL_DBM_DecBnd(&astRec[i], &stRec);
+            (void)TBDL_BND_RecoverBnd(&stRec);
         }
     }
     DBM_FreeIterator(pvIter);
     return 0;
 }
 
-/* Bundle number of a member list: bytes 1-4 of its key, big-endian. A
- * shorter key reads the missing bytes as 0. */
-static u32 tbdl_cfg_MembKeyBndNum(const void *pvKey, u32 uiKeyLen)
-{
-    u8 aucKey[TBDL_DBM_KEY_MEMB_LEN];
-    memset(aucKey, 0, sizeof(aucKey));
-    if (pvKey != NULL) {
-        memcpy(aucKey, pvKey, (uiKeyLen < sizeof(aucKey)) ? uiKeyLen : sizeof(aucKey));
-    }
-    return ((u32)aucKey[1] << 24) | ((u32)aucKey[2] << 16) | ((u32)aucKey[3] << 8) | aucKey[4];
-}
-
 u32 tbdl_cfg_RecoverMembCb(u64 ulHandle, const void *pvKey, u32 uiKeyLen)
 {
-    TBDL_MEMB_CFG_S astRec[TBDL_CFG_RECOVER_BLOCK];
+    TBDL_DBM_MEMB_S astRec[TBDL_CFG_RECOVER_BLOCK];
     void *pvIter = NULL;
-    u32 uiBndNum = tbdl_cfg_MembKeyBndNum(pvKey, uiKeyLen);
+    u32 uiBndNum = TBDL_DBM_MembKeyBndNum(pvKey, uiKeyLen);
 
     for (;;) {
         memset(astRec, 0, sizeof(astRec));
@@ -94,11 +76,9 @@ u32 tbdl_cfg_RecoverMembCb(u64 ulHandle, const void *pvKey, u32 uiKeyLen)
         }
         u32 uiCount = tbdl_cfg_BlockCount(iCount);
         for (u32 i = 0; i < uiCount; i++) {
-            TBDL_MEMB_CFG_S *pstRec = &astRec[i];
-            pstRec->uiTnlNum = ntohl(pstRec->uiTnlNum);
-            pstRec->usWeight = ntohs(pstRec->usWeight);
-            pstRec->usVrfIndex = ntohs(pstRec->usVrfIndex);
-            (void)TBDL_INTF_RecoverMemb(uiBndNum, pstRec);
+            TBDL_MEMB_CFG_S stCfg;
+            TBDL_DBM_DecMemb(&astRec[i], &stCfg);
+            (void)TBDL_INTF_RecoverMemb(uiBndNum, &stCfg);
         }
     }
     DBM_FreeIterator(pvIter);

@@ -6,7 +6,7 @@
 #include <string.h>
 
 #include "tbdl_bas.h"
-#include "tbdl_dbg.h"
+#include "dbg/tbdl_dbg_priv.h"
 #include "plat_log.h"
 
 #define TBDL_DBG_IDENT "TBDL"

@@ -1,12 +1,9 @@
 /* Database records of the stored configuration: the bundle list under key
- * 0x01 and one member list per bundle under key 0x02 + bundle number. The
- * numeric fields are stored big-endian, so the sort words (bundle number,
- * tunnel number) order the lists numerically. */
-#include <arpa/inet.h>
-#include <string.h>
+ * 0x01 and one member list per bundle under key 0x02 + bundle number, each
+ * record in its stored form (tbdl_dbm_codec.cpp). */
 
 #include "tbdl_dbg.h"
-#include "tbdl_dbm.h"
+#include "dbm/tbdl_dbm_priv.h"
 #include "plat_dbm.h"
 
 #define TBDL_DBM_NAME "eTBDL"
@@ -101,33 +98,10 @@ static u32 tbdl_dbm_Remove(const TBDL_DBM_ITEM_S *pstItem, const char *pcErrFmt,
     return uiRet;
 }
 
-/* Stored form of a bundle record: family, bundle number and VRF
- * big-endian, reserved bytes zero. */
-static void tbdl_dbm_EncBnd(const TBDL_DBM_BND_S *pstRec, TBDL_DBM_BND_S *pstOut)
-{
-    memcpy(pstOut, pstRec, sizeof(*pstOut));
-    pstOut->stAddr.usFamily = htons(pstRec->stAddr.usFamily);
-    pstOut->uiBndNum = htonl(pstRec->uiBndNum);
-    pstOut->usResv1 = 0;
-    pstOut->usVrfIndex = htons(pstRec->usVrfIndex);
-    pstOut->usResv2 = 0;
-}
-
-/* Stored form of a member record: tunnel number, weight and VRF
- * big-endian, role as is, other bytes zero. */
-static void tbdl_dbm_EncMemb(const TBDL_MEMB_CFG_S *pstCfg, TBDL_MEMB_CFG_S *pstOut)
-{
-    memset(pstOut, 0, sizeof(*pstOut));
-    pstOut->uiTnlNum = htonl(pstCfg->uiTnlNum);
-    pstOut->usWeight = htons(pstCfg->usWeight);
-    pstOut->ucRole = pstCfg->ucRole;
-    pstOut->usVrfIndex = htons(pstCfg->usVrfIndex);
-}
-
 u32 TBDL_DBM_SetBnd(u16 usDel, const TBDL_DBM_BND_S *pstRec)
 {
     TBDL_DBM_BND_S stStored;
-    tbdl_dbm_EncBnd(pstRec, &stStored);
+    TBDL_DBM_EncBnd(pstRec, &stStored);
     TBDL_DBM_ITEM_S stItem = {{TBDL_DBM_KEY_BND}, TBDL_DBM_KEY_BND_LEN, TBDL_DBM_BND_SORT_OFFSET,
                               TBDL_DBM_BND_LEN, TBDL_DBM_FLAG_BND, &stStored};
     if (usDel == 0) {
@@ -140,11 +114,10 @@ u32 TBDL_DBM_SetBnd(u16 usDel, const TBDL_DBM_BND_S *pstRec)
 
 u32 TBDL_DBM_SetMemb(u16 usDel, u32 uiBndNum, const TBDL_MEMB_CFG_S *pstCfg)
 {
-    TBDL_MEMB_CFG_S stStored;
+    TBDL_DBM_MEMB_S stStored;
     TBDL_DBM_ITEM_S stItem = {{TBDL_DBM_KEY_MEMB}, TBDL_DBM_KEY_MEMB_LEN, TBDL_DBM_MEMB_SORT_OFFSET,
                               TBDL_DBM_MEMB_LEN, TBDL_DBM_FLAG_MEMB, &stStored};
-    u32 uiBndNumBe = htonl(uiBndNum);
-    memcpy(&stItem.aucKey[1], &uiBndNumBe, sizeof(uiBndNumBe));
+    TBDL_DBM_MembKey(uiBndNum, stItem.aucKey);
     if (pstCfg == NULL) {
         /* Only removal of the whole list comes without a record. */
         if (usDel == 0) {
@@ -152,7 +125,7 @@ u32 TBDL_DBM_SetMemb(u16 usDel, u32 uiBndNum, const TBDL_MEMB_CFG_S *pstCfg)
         }
         return DBM_DeleteKey(g_stTbdlDbmGlobal, stItem.aucKey, stItem.uiKeyLen);
     }
-    tbdl_dbm_EncMemb(pstCfg, &stStored);
+    TBDL_DBM_EncMemb(pstCfg, &stStored);
     if (usDel == 0) {
         return tbdl_dbm_Store(&stItem, "Failed to save member (%d) to DBM.\r\n", pstCfg->uiTnlNum);
     }

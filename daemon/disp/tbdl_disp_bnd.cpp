@@ -14,7 +14,7 @@
 
 static void tbdl_disp_InitSnapshot(TBDL_BND_INFO_S *pstInfo, TBDL_MEMB_INFO_S *pstMemb)
 {
-    memset(pstMemb, 0, sizeof(TBDL_MEMB_INFO_S) * TBDL_DISP_MEMB_MAX);
+    memset(pstMemb, 0, sizeof(TBDL_MEMB_INFO_S) * TBDL_SNAPSHOT_MEMB_MAX);
     memset(pstInfo, 0, sizeof(*pstInfo));
     pstInfo->pstMembInfo = pstMemb;
 }
@@ -35,7 +35,7 @@ static u32 tbdl_disp_TakeSnapshot(u16 usOper, u32 uiBndNum, TBDL_BND_INFO_S *pst
 
 u16 tbdl_disp_GetBndInfo(u16 usOper, u32 uiBndNum, u16 usRoom, u8 *pucValue)
 {
-    TBDL_MEMB_INFO_S astMemb[TBDL_DISP_MEMB_MAX];
+    TBDL_MEMB_INFO_S astMemb[TBDL_SNAPSHOT_MEMB_MAX];
     TBDL_BND_INFO_S stInfo;
 
     tbdl_disp_InitSnapshot(&stInfo, astMemb);
@@ -44,7 +44,7 @@ u16 tbdl_disp_GetBndInfo(u16 usOper, u32 uiBndNum, u16 usRoom, u8 *pucValue)
         return 0;
     }
 
-    u16 usMembNum = (stInfo.usMembNum > TBDL_DISP_MEMB_MAX) ? (u16)TBDL_DISP_MEMB_MAX : stInfo.usMembNum;
+    u16 usMembNum = (stInfo.usMembNum > TBDL_SNAPSHOT_MEMB_MAX) ? (u16)TBDL_SNAPSHOT_MEMB_MAX : stInfo.usMembNum;
     u16 usLen = (u16)((usMembNum + 4) * TBDL_DISP_BND_MEMB_LEN);
     if (usRoom < usLen) {
         return 0;
@@ -55,7 +55,7 @@ u16 tbdl_disp_GetBndInfo(u16 usOper, u32 uiBndNum, u16 usRoom, u8 *pucValue)
     u32 uiTnlNum = 0;
     for (u16 i = 0; i < usMembNum; i++) {
         const TBDL_MEMB_INFO_S *pstMemb = &astMemb[i];
-        (void)IF_GetDataByIfIndex(pstMemb->uiIfIndex, 0, &uiTnlNum);
+        (void)IF_GetDataByIfIndex(pstMemb->uiIfIndex, IF_DATA_NUMBER, &uiTnlNum);
         TBDL_DISP_MEMB_VAL_S stMembVal;
         stMembVal.uiTnlNum = uiTnlNum;
         stMembVal.usWeight = pstMemb->usWeight;
@@ -112,7 +112,7 @@ static void tbdl_disp_CountOne(const TBDL_BND_INFO_S *pstInfo, u32 auiCnt[3])
 
 void tbdl_disp_GetBndStatistic(u32 uiBndNum, u32 auiCnt[3])
 {
-    TBDL_MEMB_INFO_S astMemb[TBDL_DISP_MEMB_MAX];
+    TBDL_MEMB_INFO_S astMemb[TBDL_SNAPSHOT_MEMB_MAX];
     TBDL_BND_INFO_S stInfo;
 
     tbdl_disp_InitSnapshot(&stInfo, astMemb);

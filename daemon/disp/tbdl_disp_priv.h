@@ -8,9 +8,6 @@
 
 #include "tbdl_disp.h"
 
-/* Room for the members of one snapshot. */
-#define TBDL_DISP_MEMB_MAX 32u
-
 /* Writes the value of TLV 402 in host order at pucValue and returns its
  * length; 0 when there is no bundle to show or usRoom is too small. */
 u16 tbdl_disp_GetBndInfo(u16 usOper, u32 uiBndNum, u16 usRoom, u8 *pucValue);

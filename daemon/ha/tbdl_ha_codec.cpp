@@ -6,8 +6,6 @@
 
 #include "ha/tbdl_ha_priv.h"
 
-static_assert(sizeof(TBDL_KBND_S) == TBDL_HA_MSG_BND_UPDATE_LEN, "bundle update TLV value");
-static_assert(sizeof(TBDL_KMEMB_S) == TBDL_HA_MSG_MEMB_LEN, "member TLV value");
 static_assert(offsetof(TBDL_KBND_S, usResv) == 34, "zero bytes at 34");
 
 void tbdl_ha_BndToWire(const TBDL_KBND_S *pstHost, TBDL_KBND_S *pstWire)

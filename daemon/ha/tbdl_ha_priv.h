@@ -11,6 +11,18 @@
 
 #include "tbdl_ha.h"
 
+/* The module's state: the loop's descriptor, the HA channel and the one
+ * message buffer backups are encoded into. */
+typedef struct tagTBDL_HA_VAR {
+    i32 iEpollFd;
+    i32 iHaFd;
+    u8 *pucMsgBuf;
+    u16 usMsgBufSize;
+    u16 usMsgLen;
+} TBDL_HA_VAR_S;
+
+extern TBDL_HA_VAR_S g_stTbdlHaVar;
+
 /* Arguments of HA_Init. */
 #define TBDL_HA_MODULE_NAME "TBDL"
 #define TBDL_HA_INIT_ARG1 0u
@@ -32,7 +44,7 @@ static_assert(offsetof(TBDL_HA_IDENT_S, usId1) == 4, "second identity value at 4
 
 /* Highest backup message type; the encoder and applier tables are indexed
  * by type, entry 0 empty. */
-#define TBDL_HA_MSG_TYPE_MAX 3u
+#define TBDL_HA_MSG_TYPE_MAX TBDL_HA_MSG_MEMB_DEL
 
 typedef u32 (*TBDL_HA_ENC_PF)(const void *pPayload);
 typedef u32 (*TBDL_HA_APPLY_PF)(u16 usLen, const void *pValue);

@@ -5,8 +5,6 @@
 #include "tbdl_cfg_msg.h"
 #include "tbdl_dbm_rec.h"
 
-extern TBDL_BND_GLOBAL_S g_stTbdlGlobalVar;
-
 u32 TBDL_BND_Init(const TBDL_SPEC_S *pstSpec, TBDL_BND_EV_CB_PF pfBndEvCb, i32 iEpollFd);
 void TBDL_BND_Fini(void);
 void TBDL_BND_GetSpec(TBDL_SPEC_S *pstSpec);

@@ -5,6 +5,7 @@
 
 #include <stddef.h>
 
+#include "plat_l3vpn.h"
 #include "tbdl_types.h"
 
 /* Device limits and supported work modes. */
@@ -90,33 +91,6 @@ typedef struct tagTBDL_BND_INFO {
 
 typedef void (*TBDL_BND_EV_CB_PF)(u32 uiEvent, u32 uiBndNum);
 
-#define TBDL_BND_CNT_HOLD 0xFFFFFFFFu
-
-typedef struct tagTBDL_BND_GLOBAL {
-    TBDL_BND_S **ppstBnd;
-    TBDL_BND_EV_CB_PF pfBndEvCb;
-    i32 iEpollFd;
-    i32 iTimerFd;
-    u32 uiMaxBndNum;
-    u32 uiMaxMembNum;
-    u32 uiBndCnt;
-    u8 ucModeFlags;
-    i8 cVrfMark;
-} TBDL_BND_GLOBAL_S;
-
-/* Member configuration: TLV 204 value and the in-memory form of a stored
- * member. */
-typedef struct tagTBDL_MEMB_CFG {
-    u32 uiTnlNum;
-    u16 usWeight;
-    u8 ucRole;
-    u8 ucResv;
-    u16 usVrfIndex;
-    u16 usResv;
-} TBDL_MEMB_CFG_S;
-static_assert(sizeof(TBDL_MEMB_CFG_S) == 12, "member configuration is 12 bytes");
-static_assert(offsetof(TBDL_MEMB_CFG_S, usVrfIndex) == 8, "member VRF at offset 8");
-
 /* L3VPN event data and events. */
 typedef struct tagTBDL_L3V_EVT {
     u16 usVrfIndex;
@@ -125,9 +99,9 @@ typedef struct tagTBDL_L3V_EVT {
 } TBDL_L3V_EVT_S;
 static_assert(offsetof(TBDL_L3V_EVT_S, uiIfIndex) == 4, "L3VPN event ifindex at offset 4");
 
-#define TBDL_L3V_EV_VRF_BIND 4u
-#define TBDL_L3V_EV_VRF_UNBIND 8u
-#define TBDL_L3V_EV_BATCH_BEGIN 0x400000u
-#define TBDL_L3V_EV_BATCH_END 0x800000u
+#define TBDL_L3V_EV_VRF_BIND L3VPN_EV_VRF_BIND
+#define TBDL_L3V_EV_VRF_UNBIND L3VPN_EV_VRF_UNBIND
+#define TBDL_L3V_EV_BATCH_BEGIN L3VPN_EV_BATCH_BEGIN
+#define TBDL_L3V_EV_BATCH_END L3VPN_EV_BATCH_END
 
 #endif

@@ -5,13 +5,6 @@
 
 #include "tbdl_cfg_msg.h"
 
-typedef struct tagTBDL_CFG_GLOBAL {
-    i32 iEpollFd;
-    i32 iListenFd;
-} TBDL_CFG_GLOBAL_S;
-
-extern TBDL_CFG_GLOBAL_S g_stTbdlCfgGlobalVar;
-
 u32 TBDL_CFG_Init(u32 uiEpfd);
 void TBDL_CFG_Fini(void);
 u32 TBDL_CFG_Activate(void);

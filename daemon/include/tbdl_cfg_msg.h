@@ -5,7 +5,7 @@
 
 #include <stddef.h>
 
-#include "tbdl_types.h"
+#include "tbdl_bnd_rec.h"
 
 typedef struct tagTBDL_CFG_MSG_HEAD {
     u16 usMsgClass;
@@ -66,6 +66,51 @@ typedef struct tagTBDL_CFG_KEY {
 typedef struct tagTBDL_CFG_OPER_DATA {
     u8 aucData[TBDL_CFG_OPER_DATA_LEN];
 } TBDL_CFG_OPER_DATA_S;
+
+/* Values of the operation TLVs, big-endian on the wire (see
+ * tbdl_cfg_oper_codec.h). A value shorter than its width reads as padded
+ * with zero bytes; the operation data receives the decoded fields in host
+ * order at the same offsets and nothing beyond the width. */
+
+/* TLV 202: work mode and tunnel mode. */
+typedef struct tagTBDL_CFG_BND_VAL {
+    u16 usMode;
+    u16 usTnlMode;
+} TBDL_CFG_BND_VAL_S;
+static_assert(sizeof(TBDL_CFG_BND_VAL_S) == 4, "bundle operation value is 4 bytes");
+static_assert(offsetof(TBDL_CFG_BND_VAL_S, usTnlMode) == 2, "tunnel mode at 2");
+#define TBDL_CFG_BND_VAL_LEN 4u
+
+/* TLV 203: the address block TBDL_ADDR_S, its family big-endian. */
+#define TBDL_CFG_ADDR_VAL_LEN 20u
+static_assert(sizeof(TBDL_ADDR_S) == TBDL_CFG_ADDR_VAL_LEN, "address value is the address block");
+static_assert(offsetof(TBDL_ADDR_S, aucCarried) == 2, "carried bytes at 2");
+static_assert(offsetof(TBDL_ADDR_S, aucAddr) == 4, "address bytes at 4");
+
+/* Member configuration: the first 7 bytes (tunnel number, weight, role) are
+ * the value of TLV 204; the member handler adds the VRF. Also the in-memory
+ * form of a stored member. */
+typedef struct tagTBDL_MEMB_CFG {
+    u32 uiTnlNum;
+    u16 usWeight;
+    u8 ucRole;
+    u8 ucResv;
+    u16 usVrfIndex;
+    u16 usResv;
+} TBDL_MEMB_CFG_S;
+static_assert(sizeof(TBDL_MEMB_CFG_S) == 12, "member configuration is 12 bytes");
+static_assert(offsetof(TBDL_MEMB_CFG_S, usWeight) == 4, "member weight at offset 4");
+static_assert(offsetof(TBDL_MEMB_CFG_S, ucRole) == 6, "member role at offset 6");
+static_assert(offsetof(TBDL_MEMB_CFG_S, usVrfIndex) == 8, "member VRF at offset 8");
+#define TBDL_CFG_MEMB_VAL_LEN 7u
+static_assert(offsetof(TBDL_MEMB_CFG_S, ucResv) == TBDL_CFG_MEMB_VAL_LEN, "member value ends at the role");
+
+/* TLV 2 (bundle number) and TLV 398: one u32. */
+typedef struct tagTBDL_CFG_U32_VAL {
+    u32 uiValue;
+} TBDL_CFG_U32_VAL_S;
+static_assert(sizeof(TBDL_CFG_U32_VAL_S) == 4, "u32 value is 4 bytes");
+#define TBDL_CFG_U32_VAL_LEN 4u
 
 typedef u32 (*TBDL_CFG_HANDLER_PF)(u16 usUndo, const TBDL_CFG_KEY_S *pstKey, u16 usOperType,
                                    void *pOperData);

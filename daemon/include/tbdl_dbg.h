@@ -4,17 +4,6 @@
 
 #include "tbdl_cfg_msg.h"
 
-#define TBDL_DBG_ERRSTR_SLOTS 256u
-
-typedef struct tagTBDL_LOG_VAR {
-    u32 uiDebugSwitch;
-    u32 uiErrTotal;
-} TBDL_LOG_VAR_S;
-
-extern TBDL_LOG_VAR_S g_stTbdlLogVar;
-extern char *g_apcTbdlErrStr[TBDL_DBG_ERRSTR_SLOTS];
-extern u16 g_ausTbdlErrCnt[TBDL_DBG_ERRSTR_SLOTS];
-
 u32 TBDL_DBG_Init(void);
 void TBDL_DBG_Fini(void);
 void TBDL_DBG_Output(u32 uiType, const char *pcFormat, ...) __attribute__((format(printf, 2, 3)));

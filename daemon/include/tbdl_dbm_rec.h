@@ -7,7 +7,12 @@
 
 #include <stddef.h>
 
-#include "tbdl_bnd_rec.h"
+#include "tbdl_cfg_msg.h"
+
+#define TBDL_DBM_MEMB_LEN 12u
+#define TBDL_DBM_BND_LEN 32u
+#define TBDL_DBM_BND_SORT_OFFSET 20u
+#define TBDL_DBM_MEMB_SORT_OFFSET 0u
 
 typedef struct tagTBDL_DBM_BND {
     TBDL_ADDR_S stAddr;
@@ -18,21 +23,31 @@ typedef struct tagTBDL_DBM_BND {
     u16 usVrfIndex;
     u16 usResv2;
 } TBDL_DBM_BND_S;
-static_assert(sizeof(TBDL_DBM_BND_S) == 32, "stored bundle record is 32 bytes");
-static_assert(offsetof(TBDL_DBM_BND_S, uiBndNum) == 20, "bundle number at 20");
+static_assert(sizeof(TBDL_DBM_BND_S) == TBDL_DBM_BND_LEN, "stored bundle record is 32 bytes");
+static_assert(offsetof(TBDL_DBM_BND_S, uiBndNum) == TBDL_DBM_BND_SORT_OFFSET, "bundle number at 20: the sort word");
 static_assert(offsetof(TBDL_DBM_BND_S, ucMode) == 24, "mode at 24");
 static_assert(offsetof(TBDL_DBM_BND_S, ucTnlMode) == 25, "tunnel mode at 25");
 static_assert(offsetof(TBDL_DBM_BND_S, usVrfIndex) == 28, "VRF at 28");
 
-/* Stored member record: same layout as TBDL_MEMB_CFG_S. */
-#define TBDL_DBM_MEMB_LEN 12u
-#define TBDL_DBM_BND_LEN 32u
+/* Stored member record: the layout of TBDL_MEMB_CFG_S. */
+typedef struct tagTBDL_DBM_MEMB {
+    u32 uiTnlNum;
+    u16 usWeight;
+    u8 ucRole;
+    u8 ucResv;
+    u16 usVrfIndex;
+    u16 usResv;
+} TBDL_DBM_MEMB_S;
+static_assert(sizeof(TBDL_DBM_MEMB_S) == TBDL_DBM_MEMB_LEN, "stored member record is 12 bytes");
+static_assert(offsetof(TBDL_DBM_MEMB_S, uiTnlNum) == TBDL_DBM_MEMB_SORT_OFFSET, "tunnel number: the sort word");
+static_assert(offsetof(TBDL_DBM_MEMB_S, usWeight) == offsetof(TBDL_MEMB_CFG_S, usWeight), "weight");
+static_assert(offsetof(TBDL_DBM_MEMB_S, ucRole) == offsetof(TBDL_MEMB_CFG_S, ucRole), "role");
+static_assert(offsetof(TBDL_DBM_MEMB_S, usVrfIndex) == offsetof(TBDL_MEMB_CFG_S, usVrfIndex), "VRF");
+static_assert(offsetof(TBDL_DBM_MEMB_S, usResv) == offsetof(TBDL_MEMB_CFG_S, usResv), "reserved");
 
 #define TBDL_DBM_KEY_BND 0x01u
 #define TBDL_DBM_KEY_MEMB 0x02u
 #define TBDL_DBM_KEY_BND_LEN 1u
 #define TBDL_DBM_KEY_MEMB_LEN 5u
-#define TBDL_DBM_BND_SORT_OFFSET 20u
-#define TBDL_DBM_MEMB_SORT_OFFSET 0u
 
 #endif

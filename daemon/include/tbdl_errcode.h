@@ -1,5 +1,8 @@
 /* Result codes of the tunnel-bundle daemon: one catalogue of {code, name,
- * meaning}, used by the daemon's logs and by the operator tool. */
+ * meaning}. The daemon returns the codes and puts them in its logs and in
+ * its replies on the configuration channel; the operator tool tbdlctl shows
+ * a refused request's code with its name and sentence from here; the tests
+ * assert on the codes by name. */
 #ifndef TBDL_ERRCODE_H
 #define TBDL_ERRCODE_H
 

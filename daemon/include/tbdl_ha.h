@@ -4,16 +4,6 @@
 
 #include "tbdl_ha_msg.h"
 
-typedef struct tagTBDL_HA_VAR {
-    i32 iEpollFd;
-    i32 iHaFd;
-    u8 *pucMsgBuf;
-    u16 usMsgBufSize;
-    u16 usMsgLen;
-} TBDL_HA_VAR_S;
-
-extern TBDL_HA_VAR_S g_stTbdlHaVar;
-
 u32 TBDL_HA_Init(i32 iEpollFd);
 void TBDL_HA_Fini(void);
 u16 TBDL_HA_IsMaster(void);

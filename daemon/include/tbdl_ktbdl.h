@@ -1,5 +1,9 @@
-/* Commands and payloads of the kernel tunnel-bundle module (host byte
- * order). The same payloads travel as HA backup messages 1-3. */
+/* The kernel tunnel-bundle module KTBDL as the kernel-control call reaches
+ * it: its device, its three commands and their payloads, in host byte
+ * order. This is the one definition of that interface; whatever plays the
+ * module (the emulated chassis, the test fake) includes it too. The same
+ * payloads travel as HA backup messages 1-3 (tbdl_ha_msg.h), there with
+ * their numeric fields in network order. */
 #ifndef TBDL_KTBDL_H
 #define TBDL_KTBDL_H
 

@@ -3,6 +3,7 @@
 #ifndef TBDL_TYPES_H
 #define TBDL_TYPES_H
 
+#include "plat_if.h"
 #include "plat_types.h"
 #include "tbdl_errcode.h"
 
@@ -20,10 +21,7 @@ typedef struct tagTBDL_EPOLL_CB {
 
 /* Event masks in use. */
 #define TBDL_EPOLL_IN 1u          /* EPOLLIN */
-#define TBDL_EPOLL_OUT 4u         /* EPOLLOUT */
-#define TBDL_EPOLL_ERRHUP 24u     /* EPOLLERR | EPOLLHUP */
 #define TBDL_EPOLL_IN_ERRHUP 25u  /* EPOLLIN | EPOLLERR | EPOLLHUP */
-#define TBDL_EPOLL_ALL 29u        /* EPOLLIN | EPOLLOUT | EPOLLERR | EPOLLHUP */
 
 /* Debug types. */
 #define TBDL_DBG_ERROR 0u
@@ -35,9 +33,9 @@ typedef struct tagTBDL_EPOLL_CB {
 #define TBDL_MODE_ONETOONE 2u
 #define TBDL_MODE_ONEPLUSONE 4u
 
-/* Interface types. */
-#define TBDL_IF_TYPE_TUNNEL 39u
-#define TBDL_IF_TYPE_BUNDLE 96u
+/* Interface types as the interface manager reports them. */
+#define TBDL_IF_TYPE_TUNNEL IF_TYPE_TUNNEL        /* 39: a member candidate */
+#define TBDL_IF_TYPE_BUNDLE IF_TYPE_TUNNEL_BUNDLE /* 96: a tunnel bundle */
 
 #define TBDL_BND_IFNAME_FMT "Tunnel-Bundle%d"
 #define TBDL_IFNAME_LEN 48u

@@ -102,7 +102,7 @@ u32 tbdl_intf_BindMemb(u32 uiBndNum, u32 uiIfIndex, const TBDL_MEMB_CFG_S *pstCf
     }
 
     u32 uiState = 0;
-    (void)IF_GetDataByIfIndex(uiIfIndex, TBDL_INTF_DATA_STATE, &uiState);
+    (void)IF_GetDataByIfIndex(uiIfIndex, IF_DATA_STATE, &uiState);
 
     TBDL_MEMB_INFO_S stMemb;
     memset(&stMemb, 0, sizeof(stMemb));

@@ -9,8 +9,28 @@
 
 #include "tbdl_intf.h"
 
+/* Private data of a member interface: the bundle it belongs to. */
+typedef struct tagTBDL_INTF_PD {
+    u32 uiBndNum;
+    u16 usVrfIndex;
+    i8 cVrfMark;
+} TBDL_INTF_PD_S;
+
+/* The module's state: the private-data instance, the interface-event
+ * subscription, the VRF sweep mark and the system-boot flag. */
+typedef struct tagTBDL_INTF_GLOBAL {
+    u64 ulPdInstance;
+    u32 uiIfEvHandle;
+    i32 iIfEvFd;
+    i32 iEpollFd;
+    i8 cVrfMark;
+    u16 usSystemBoot;
+} TBDL_INTF_GLOBAL_S;
+
+extern TBDL_INTF_GLOBAL_S g_stIntfGlobalVar;
+
 /* Private-data instance handle meaning "none". */
-#define TBDL_INTF_PD_NONE (~(u64)0)
+#define TBDL_INTF_PD_NONE IF_PD_INSTANCE_NONE
 
 /* Name prefix of member tunnel interfaces: "Tunnel" + tunnel number. */
 #define TBDL_INTF_TNL_PREFIX "Tunnel"
@@ -18,10 +38,6 @@
 /* Arguments of the private-data instance. */
 #define TBDL_INTF_PD_KIND 2u
 #define TBDL_INTF_PD_FLAGS 0u
-
-/* Interface data items read here. */
-#define TBDL_INTF_DATA_NUMBER 0u
-#define TBDL_INTF_DATA_STATE 31u
 
 /* Interface index of "Tunnel" + uiTnlNum; 0 when there is no such
  * interface. */

@@ -16,7 +16,7 @@
 #include "bnd/tbdl_bnd_priv.h"
 #include "fake_platform.h"
 #include "tbdl_bas.h"
-#include "tbdl_dbg.h"
+#include "dbg/tbdl_dbg_priv.h"
 #include "tbdl_dbm.h"
 #include "tbdl_intf.h"
 #include "tbdl_ktbdl.h"

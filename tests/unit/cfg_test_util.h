@@ -24,7 +24,7 @@
 #include "tbdl_bas.h"
 #include "tbdl_bnd.h"
 #include "tbdl_cfg.h"
-#include "tbdl_dbg.h"
+#include "dbg/tbdl_dbg_priv.h"
 #include "tbdl_dbm.h"
 #include "tbdl_intf.h"
 

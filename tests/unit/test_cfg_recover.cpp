@@ -6,6 +6,7 @@
 
 #include "cfg/tbdl_cfg_priv.h"
 #include "cfg_test_util.h"
+#include "intf/tbdl_intf_priv.h"
 
 using namespace cfgtest;
 using ::testing::ElementsAre;

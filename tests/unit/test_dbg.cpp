@@ -3,7 +3,7 @@
 
 #include "fake_platform.h"
 #include "tbdl_bas.h"
-#include "tbdl_dbg.h"
+#include "dbg/tbdl_dbg_priv.h"
 
 namespace {
 

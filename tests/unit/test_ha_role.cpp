@@ -2,7 +2,7 @@
  * answers, the order of module activation and deactivation. */
 #include "bnd_fixture.h"
 #include "ha/tbdl_ha_priv.h"
-#include "tbdl_cfg.h"
+#include "cfg/tbdl_cfg_priv.h"
 
 using namespace bndtest;
 

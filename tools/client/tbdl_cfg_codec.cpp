@@ -1,9 +1,13 @@
 /* Codec of the configuration channel: big-endian header and STLV TLVs, and
- * the value layouts of TLVs 2, 202-204, 398 and 402-405. */
+ * the value layouts of TLVs 402-405. The values of TLVs 2, 202-204 and 398
+ * are encoded by the daemon's own codec of those values. */
 #include "tbdl_cfg_codec.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
+
+#include "tbdl_cfg_oper_codec.h"
 
 namespace tbdl::client {
 
@@ -77,10 +81,21 @@ int HexDigit(char c)
     return -1;
 }
 
+/* A TLV of the given type whose value is filled by one of the daemon's
+ * value encoders. */
+template <typename ENCODE>
+Tlv EncodedTlv(std::uint16_t usType, std::size_t len, ENCODE encode)
+{
+    Tlv t;
+    t.usType = usType;
+    t.value.resize(len);
+    encode(t.value.data());
+    return t;
+}
+
 }  // namespace
 
 static_assert(sizeof(TBDL_CFG_MSG_HEAD_S) == TBDL_CFG_MSG_HEAD_LEN);
-static_assert(kAddrBlockLen == 2 + 2 + 16);
 static_assert(TBDL_DISP_BND_FIXED_LEN == kAddrBlockLen + 4 + 4 + 2 + 1 + 1);
 
 const Tlv *Message::find(std::uint16_t usType) const
@@ -194,10 +209,7 @@ std::optional<Message> DecodeMessage(const std::uint8_t *p, std::size_t len, std
 
 Tlv TlvU32(std::uint16_t usType, std::uint32_t uiValue)
 {
-    Tlv t;
-    t.usType = usType;
-    PutU32(t.value, uiValue);
-    return t;
+    return EncodedTlv(usType, TBDL_CFG_U32_VAL_LEN, [&](std::uint8_t *p) { TBDL_CFG_EncU32Val(uiValue, p); });
 }
 
 Tlv TlvBndNum(std::uint32_t uiBndNum)
@@ -207,19 +219,17 @@ Tlv TlvBndNum(std::uint32_t uiBndNum)
 
 Tlv TlvBndOp(std::uint16_t usMode, std::uint16_t usTnlMode)
 {
-    Tlv t;
-    t.usType = TBDL_TLV_OP_BND;
-    PutU16(t.value, usMode);
-    PutU16(t.value, usTnlMode);
-    return t;
+    const TBDL_CFG_BND_VAL_S val = {usMode, usTnlMode};
+    return EncodedTlv(TBDL_TLV_OP_BND, TBDL_CFG_BND_VAL_LEN, [&](std::uint8_t *p) { TBDL_CFG_EncBndVal(&val, p); });
 }
 
 Tlv TlvAddr(const AddrBlock &addr)
 {
-    Tlv t;
-    t.usType = TBDL_TLV_OP_ADDR;
-    PutAddr(t.value, addr);
-    return t;
+    TBDL_ADDR_S val{};
+    val.usFamily = addr.usFamily;
+    std::copy(addr.aucCarried.begin(), addr.aucCarried.end(), val.aucCarried);
+    std::copy(addr.aucAddr.begin(), addr.aucAddr.end(), val.aucAddr);
+    return EncodedTlv(TBDL_TLV_OP_ADDR, TBDL_CFG_ADDR_VAL_LEN, [&](std::uint8_t *p) { TBDL_CFG_EncAddrVal(&val, p); });
 }
 
 std::optional<AddrBlock> ParseIpv4(const std::string &text)
@@ -256,12 +266,11 @@ std::string FormatAddr(const AddrBlock &addr)
 
 Tlv TlvMemb(const MembOp &memb)
 {
-    Tlv t;
-    t.usType = TBDL_TLV_OP_MEMB;
-    PutU32(t.value, memb.uiTnlNum);
-    PutU16(t.value, memb.usWeight);
-    t.value.push_back(memb.ucRole);
-    return t;
+    TBDL_MEMB_CFG_S val{};
+    val.uiTnlNum = memb.uiTnlNum;
+    val.usWeight = memb.usWeight;
+    val.ucRole = memb.ucRole;
+    return EncodedTlv(TBDL_TLV_OP_MEMB, TBDL_CFG_MEMB_VAL_LEN, [&](std::uint8_t *p) { TBDL_CFG_EncMembVal(&val, p); });
 }
 
 std::optional<BndDetail> DecodeBndDetail(const Bytes &value, std::string *pErr)

@@ -70,7 +70,7 @@ struct AddrBlock {
     std::array<std::uint8_t, 2> aucCarried{};
     std::array<std::uint8_t, 16> aucAddr{};
 };
-static constexpr std::size_t kAddrBlockLen = 20;
+static constexpr std::size_t kAddrBlockLen = TBDL_CFG_ADDR_VAL_LEN;
 static constexpr std::uint16_t kFamilyIpv4 = 2;
 /* TLV 203. */
 Tlv TlvAddr(const AddrBlock &addr);
@@ -86,7 +86,7 @@ struct MembOp {
     std::uint16_t usWeight = 0;
     std::uint8_t ucRole = 0;
 };
-static constexpr std::size_t kMembOpLen = 7;
+static constexpr std::size_t kMembOpLen = TBDL_CFG_MEMB_VAL_LEN;
 Tlv TlvMemb(const MembOp &memb);
 
 /* ---- display TLV values (replies) ---- */

@@ -23,16 +23,11 @@
 
 namespace fake {
 
-/* One recorded call.
- * - args: the integer arguments in order (pointers are not recorded as
- *   numbers; strings go to text, buffers to data).
- * - data: payload bytes the call received (CIOCTL payload, DBM key followed by
- *   record, HA message, private data pointer not included, ...). Where a
- *   call takes a key and a record, data holds the key bytes and rec the
- *   record bytes.
- * - text: string arguments joined by '|' (interface names, DBM names, log
- *   identity|type|formatted text, option names).
- * - result: what the call returned to the daemon. */
+/* One recorded call: its integer arguments in order (pointers are not
+ * recorded as numbers), the payload bytes it received in data (a key, a
+ * KTBDL payload, an HA message, ...) and, for a call that also takes a
+ * record, the record bytes in rec; its string arguments joined by '|' in
+ * text (log calls: identity|type|formatted text); what it returned. */
 struct Call {
     std::string name;
     std::vector<uint64_t> args;

@@ -8,14 +8,14 @@ using namespace fake::detail;
 
 extern "C" {
 
-u32 __real_STLV_Get(const void *pBuf, u32 uiRemaining, u16 *pusType, u16 *pusLen, const void **ppValue);
-u32 __real_STLV_Set(void *pDst, u32 uiRoom, u16 usType, u16 usLen, const void *pValue);
-void *__real_Bitmap_Create(u32 uiBits);
-u32 __real_Bitmap_Check(void *pvBitmap, u32 uiBit);
-u32 __real_Bitmap_Set(void *pvBitmap, u32 uiBit);
-u32 __real_Bitmap_Clear(void *pvBitmap, u32 uiBit);
-void __real_Bitmap_Zero(void *pvBitmap);
-void __real_Bitmap_Destroy(void *pvBitmap);
+decltype(STLV_Get) __real_STLV_Get;
+decltype(STLV_Set) __real_STLV_Set;
+decltype(Bitmap_Create) __real_Bitmap_Create;
+decltype(Bitmap_Check) __real_Bitmap_Check;
+decltype(Bitmap_Set) __real_Bitmap_Set;
+decltype(Bitmap_Clear) __real_Bitmap_Clear;
+decltype(Bitmap_Zero) __real_Bitmap_Zero;
+decltype(Bitmap_Destroy) __real_Bitmap_Destroy;
 
 /* A TLV read records its type and length; a write records the bytes written. */
 u32 __wrap_STLV_Get(const void *pBuf, u32 uiRemaining, u16 *pusType, u16 *pusLen, const void **ppValue)
@@ -50,25 +50,19 @@ void *__wrap_Bitmap_Create(u32 uiBits)
     return (ul != 0 && pv == nullptr) ? __real_Bitmap_Create(uiBits) : pv;
 }
 
-u32 __wrap_Bitmap_Check(void *pvBitmap, u32 uiBit)
+/* A call on one bit records the bit number. */
+static u32 OnBit(const char *pcName, u32 (*pfnReal)(void *, u32), void *pvBitmap, u32 uiBit)
 {
-    return Run<u32>(Mk("Bitmap_Check", {U(uiBit)}), [&]() -> uint64_t { return __real_Bitmap_Check(pvBitmap, uiBit); });
+    return Run<u32>(Mk(pcName, {U(uiBit)}), [&] { return pfnReal(pvBitmap, uiBit); });
 }
 
-u32 __wrap_Bitmap_Set(void *pvBitmap, u32 uiBit)
-{
-    return Run<u32>(Mk("Bitmap_Set", {U(uiBit)}), [&]() -> uint64_t { return __real_Bitmap_Set(pvBitmap, uiBit); });
-}
+u32 __wrap_Bitmap_Check(void *pvMap, u32 uiBit) { return OnBit("Bitmap_Check", __real_Bitmap_Check, pvMap, uiBit); }
 
-u32 __wrap_Bitmap_Clear(void *pvBitmap, u32 uiBit)
-{
-    return Run<u32>(Mk("Bitmap_Clear", {U(uiBit)}), [&]() -> uint64_t { return __real_Bitmap_Clear(pvBitmap, uiBit); });
-}
+u32 __wrap_Bitmap_Set(void *pvMap, u32 uiBit) { return OnBit("Bitmap_Set", __real_Bitmap_Set, pvMap, uiBit); }
 
-void __wrap_Bitmap_Zero(void *pvBitmap)
-{
-    Run<void>(Mk("Bitmap_Zero", {}), [&] { __real_Bitmap_Zero(pvBitmap); });
-}
+u32 __wrap_Bitmap_Clear(void *pvMap, u32 uiBit) { return OnBit("Bitmap_Clear", __real_Bitmap_Clear, pvMap, uiBit); }
+
+void __wrap_Bitmap_Zero(void *pvBitmap) { Run<void>(Mk("Bitmap_Zero", {}), [&] { __real_Bitmap_Zero(pvBitmap); }); }
 
 void __wrap_Bitmap_Destroy(void *pvBitmap)
 {

@@ -1,5 +1,6 @@
 /* Journal, scripted results, hooks and settings of the recording fake. */
 #include <algorithm>
+#include <iterator>
 #include <mutex>
 #include <utility>
 
@@ -27,11 +28,7 @@ std::vector<Call> Select(Keep keep)
 {
     std::lock_guard<std::mutex> lock(g_mtxJournal);
     std::vector<Call> out;
-    for (const Call &c : g_vecCalls) {
-        if (keep(c)) {
-            out.push_back(c);
-        }
-    }
+    std::copy_if(g_vecCalls.begin(), g_vecCalls.end(), std::back_inserter(out), keep);
     return out;
 }
 

@@ -27,11 +27,21 @@ struct Iter {
     size_t ulPos = 0;
 };
 
-std::map<Bytes, std::vector<Bytes>> g_mapDb;
-std::map<Bytes, SortWord> g_mapSort;
-bool g_bOpen = false;
+/* The lists, their sort words and the open state, cleared by Reset. */
+struct DbState {
+    std::map<Bytes, std::vector<Bytes>> mapDb;
+    std::map<Bytes, SortWord> mapSort;
+    bool bOpen = false;
+} g_stDb;
 
-bool HandleOk(u64 ulHandle) { return g_bOpen && ulHandle == kHandle; }
+bool HandleOk(u64 ulHandle) { return g_stDb.bOpen && ulHandle == kHandle; }
+
+/* The list stored under key, through an open handle; nullptr when none. */
+std::vector<Bytes> *ListOf(u64 ulHandle, const Bytes &key)
+{
+    auto it = g_stDb.mapDb.find(key);
+    return (HandleOk(ulHandle) && it != g_stDb.mapDb.end()) ? &it->second : nullptr;
+}
 
 Bytes SortBytes(const Bytes &rec, const SortWord &sw)
 {
@@ -57,9 +67,9 @@ size_t Locate(const std::vector<Bytes> &list, const SortWord &sw, const Bytes &r
 
 void Insert(const Bytes &key, const Bytes &rec)
 {
-    std::vector<Bytes> &list = g_mapDb[key];
+    std::vector<Bytes> &list = g_stDb.mapDb[key];
     bool bFound = false;
-    size_t ulAt = Locate(list, g_mapSort[key], rec, &bFound);
+    size_t ulAt = Locate(list, g_stDb.mapSort[key], rec, &bFound);
     if (bFound) {
         list[ulAt] = rec;
     } else {
@@ -70,9 +80,9 @@ void Insert(const Bytes &key, const Bytes &rec)
 /* Fills the block buffer from the iterator's position; the count read. */
 u32 ReadBlock(Iter *pIter, u32 uiRecLen, u32 uiMaxRec, uint8_t *pucOut)
 {
-    auto it = g_mapDb.find(pIter->key);
+    auto it = g_stDb.mapDb.find(pIter->key);
     u32 uiCount = 0;
-    for (; it != g_mapDb.end() && pIter->ulPos < it->second.size() && uiCount < uiMaxRec; uiCount++) {
+    for (; it != g_stDb.mapDb.end() && pIter->ulPos < it->second.size() && uiCount < uiMaxRec; uiCount++) {
         const Bytes &rec = it->second[pIter->ulPos++];
         uint8_t *pucDst = pucOut + static_cast<size_t>(uiCount) * uiRecLen;
         std::memset(pucDst, 0, uiRecLen);
@@ -83,22 +93,15 @@ u32 ReadBlock(Iter *pIter, u32 uiRecLen, u32 uiMaxRec, uint8_t *pucOut)
 
 } // namespace
 
-namespace detail {
-void ResetDbm()
-{
-    g_mapDb.clear();
-    g_mapSort.clear();
-    g_bOpen = false;
-}
-} // namespace detail
+void detail::ResetDbm() { g_stDb = DbState{}; }
 
-std::map<Bytes, std::vector<Bytes>> &Db() { return g_mapDb; }
+std::map<Bytes, std::vector<Bytes>> &Db() { return g_stDb.mapDb; }
 
-bool DbOpen() { return g_bOpen; }
+bool DbOpen() { return g_stDb.bOpen; }
 
 void DbPut(const Bytes &key, uint32_t sortOffset, const Bytes &rec)
 {
-    g_mapSort[key] = SortWord{sortOffset, kDefaultSortLen};
+    g_stDb.mapSort[key] = SortWord{sortOffset, kDefaultSortLen};
     Insert(key, rec);
 }
 
@@ -116,12 +119,11 @@ u32 DBM_Open(const char *pcName, const char *pcOwner, u32 uiType, const u32 *pau
         c.args.push_back(pauiParam != nullptr ? pauiParam[i] : 0);
     }
     c.args.insert(c.args.end(), {U(pulHandle != nullptr ? *pulHandle : 0), U(uiRecMax), S(iFlag)});
-    c.text = Str(pcName) + "|" + Str(pcOwner);
-    return Run<u32>(std::move(c), [&]() -> uint64_t {
+    return Run<u32>(WithText(std::move(c), Str(pcName) + "|" + Str(pcOwner)), [&]() -> uint64_t {
         if (pulHandle == nullptr) {
             return 1;
         }
-        g_bOpen = true;
+        g_stDb.bOpen = true;
         *pulHandle = kHandle;
         return 0;
     });
@@ -133,7 +135,7 @@ u32 DBM_Close(u64 ulHandle)
         if (!HandleOk(ulHandle)) {
             return 1;
         }
-        g_bOpen = false;
+        g_stDb.bOpen = false;
         return 0;
     });
 }
@@ -141,7 +143,7 @@ u32 DBM_Close(u64 ulHandle)
 u32 DBM_IsKeyExist(u64 ulHandle, const void *pvKey, u32 uiKeyLen)
 {
     return Run<u32>(Mk(__func__, {U(ulHandle), U(uiKeyLen)}, Copy(pvKey, uiKeyLen)),
-                    [&](Call &c) { return HandleOk(ulHandle) && g_mapDb.count(c.data) != 0; });
+                    [&](Call &c) { return ListOf(ulHandle, c.data) != nullptr; });
 }
 
 u32 DBM_SetSortWord(u64 ulHandle, const void *pvKey, u32 uiKeyLen, u32 uiCount, u32 uiOffset,
@@ -153,8 +155,8 @@ u32 DBM_SetSortWord(u64 ulHandle, const void *pvKey, u32 uiKeyLen, u32 uiCount, 
                         if (!HandleOk(ulHandle) || c.data.empty() || c.data.size() > DBM_KEY_MAX) {
                             return 1;
                         }
-                        g_mapSort[c.data] = SortWord{uiOffset, uiLen};
-                        (void)g_mapDb[c.data];
+                        g_stDb.mapSort[c.data] = SortWord{uiOffset, uiLen};
+                        (void)g_stDb.mapDb[c.data];
                         return 0;
                     });
 }
@@ -165,7 +167,7 @@ u32 DBM_InsertSortList(u64 ulHandle, const void *pvKey, u32 uiKeyLen, u32 uiRecL
     return Run<u32>(Mk(__func__, {U(ulHandle), U(uiKeyLen), U(uiRecLen), U(uiFlag)}, Copy(pvKey, uiKeyLen),
                        Copy(pvRec, uiRecLen)),
                     [&](Call &c) -> uint64_t {
-                        if (!HandleOk(ulHandle) || g_mapSort.count(c.data) == 0 || c.rec.empty()) {
+                        if (!HandleOk(ulHandle) || g_stDb.mapSort.count(c.data) == 0 || c.rec.empty()) {
                             return 1;
                         }
                         Insert(c.data, c.rec);
@@ -178,25 +180,21 @@ u32 DBM_RemoveSortList(u64 ulHandle, const void *pvKey, u32 uiKeyLen, u32 uiRecL
 {
     return Run<u32>(Mk(__func__, {U(ulHandle), U(uiKeyLen), U(uiRecLen)}, Copy(pvKey, uiKeyLen), Copy(pvRec, uiRecLen)),
                     [&](Call &c) -> uint64_t {
-                        auto it = g_mapDb.find(c.data);
+                        std::vector<Bytes> *pList = ListOf(ulHandle, c.data);
                         bool bFound = false;
-                        size_t ulAt = 0;
-                        if (HandleOk(ulHandle) && it != g_mapDb.end()) {
-                            ulAt = Locate(it->second, g_mapSort[c.data], c.rec, &bFound);
+                        size_t ulAt = pList != nullptr ? Locate(*pList, g_stDb.mapSort[c.data], c.rec, &bFound) : 0;
+                        if (bFound) {
+                            pList->erase(pList->begin() + static_cast<long>(ulAt));
                         }
-                        if (!bFound) {
-                            return 1;
-                        }
-                        it->second.erase(it->second.begin() + static_cast<long>(ulAt));
-                        return 0;
+                        return bFound ? 0 : 1;
                     });
 }
 
 u32 DBM_Len(u64 ulHandle, const void *pvKey, u32 uiKeyLen)
 {
     return Run<u32>(Mk(__func__, {U(ulHandle), U(uiKeyLen)}, Copy(pvKey, uiKeyLen)), [&](Call &c) -> uint64_t {
-        auto it = g_mapDb.find(c.data);
-        return (HandleOk(ulHandle) && it != g_mapDb.end()) ? it->second.size() : 0;
+        std::vector<Bytes> *pList = ListOf(ulHandle, c.data);
+        return pList != nullptr ? pList->size() : 0;
     });
 }
 
@@ -206,8 +204,8 @@ u32 DBM_DeleteKey(u64 ulHandle, const void *pvKey, u32 uiKeyLen)
         if (!HandleOk(ulHandle)) {
             return 1;
         }
-        g_mapDb.erase(c.data);
-        g_mapSort.erase(c.data);
+        g_stDb.mapDb.erase(c.data);
+        g_stDb.mapSort.erase(c.data);
         return 0;
     });
 }
@@ -229,7 +227,7 @@ u32 DBM_Batch_Proc(u64 ulHandle, i32 iScope, const DBM_BATCH_ROW_S *pstRows, u32
     });
     for (u32 i = 0; bWalk && pstRows != nullptr && i < uiRowCount; i++) {
         std::vector<Bytes> keys;
-        for (const auto &kv : g_mapDb) {
+        for (const auto &kv : g_stDb.mapDb) {
             if (!kv.first.empty() && kv.first[0] == static_cast<uint8_t>(pstRows[i].ulId + 1)) {
                 keys.push_back(kv.first);
             }
@@ -262,9 +260,6 @@ i32 DBM_BatchGetNextSortList(u64 ulHandle, const void *pvKey, u32 uiKeyLen, void
                     });
 }
 
-void DBM_FreeIterator(void *pvIter)
-{
-    Run<void>(Mk(__func__, {}), [&] { delete static_cast<Iter *>(pvIter); });
-}
+void DBM_FreeIterator(void *pvIter) { Run<void>(Mk(__func__, {}), [&] { delete static_cast<Iter *>(pvIter); }); }
 
 } // extern "C"

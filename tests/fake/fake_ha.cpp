@@ -22,50 +22,46 @@ struct HaInput {
     uint32_t uiType = 0;
 };
 
+/* The channel (closed by Reset) and what went through it. */
 int g_iHaFd = -1;
-HA_CALLBACKS_S g_stCallbacks{};
-std::deque<HaInput> g_dqInput;
-std::vector<HaSent> g_vecSent;
-std::vector<std::pair<uint32_t, uint32_t>> g_vecResponses;
+struct HaState {
+    HA_CALLBACKS_S stCallbacks{};
+    std::deque<HaInput> dqInput;
+    std::vector<HaSent> vecSent;
+    std::vector<std::pair<uint32_t, uint32_t>> vecResponses;
+} g_stHa;
 
 void Wake()
 {
     if (g_iHaFd >= 0) {
-        uint64_t ul = 1;
-        ssize_t n = write(g_iHaFd, &ul, sizeof(ul));
-        (void)n;
+        (void)eventfd_write(g_iHaFd, 1);
     }
 }
 
 void Push(HaInput &&in)
 {
-    g_dqInput.push_back(std::move(in));
+    g_stHa.dqInput.push_back(std::move(in));
     Wake();
 }
 
 } // namespace
 
-namespace detail {
-void ResetHa()
+void detail::ResetHa()
 {
     if (g_iHaFd >= 0) {
         close(g_iHaFd);
     }
     g_iHaFd = -1;
-    g_stCallbacks = HA_CALLBACKS_S{};
-    g_dqInput.clear();
-    g_vecSent.clear();
-    g_vecResponses.clear();
+    g_stHa = HaState{};
 }
-} // namespace detail
 
 void HaPushEvent(uint32_t event) { Push(HaInput{true, event, {}, 0}); }
 
 void HaPushMessage(const Bytes &msg, uint32_t type) { Push(HaInput{false, 0, msg, type}); }
 
-const std::vector<HaSent> &HaSentMessages() { return g_vecSent; }
+const std::vector<HaSent> &HaSentMessages() { return g_stHa.vecSent; }
 
-const std::vector<std::pair<uint32_t, uint32_t>> &HaResponses() { return g_vecResponses; }
+const std::vector<std::pair<uint32_t, uint32_t>> &HaResponses() { return g_stHa.vecResponses; }
 
 } // namespace fake
 
@@ -87,9 +83,9 @@ i32 HA_Init(const char *pcModule, u32 uiArg1, const char *pcName, u32 uiArg2, u3
                 return S(-1);
             }
         }
-        g_stCallbacks = *pstCallbacks;
+        g_stHa.stCallbacks = *pstCallbacks;
         /* Input pushed before the channel existed is now readable. */
-        if (!g_dqInput.empty()) {
+        if (!g_stHa.dqInput.empty()) {
             Wake();
         }
         return S(g_iHaFd);
@@ -104,7 +100,7 @@ u32 HA_Exit(i32 iHandle)
         }
         close(g_iHaFd);
         g_iHaFd = -1;
-        g_stCallbacks = HA_CALLBACKS_S{};
+        g_stHa.stCallbacks = HA_CALLBACKS_S{};
         return 0;
     });
 }
@@ -123,10 +119,7 @@ void *HA_AllocMsg(u32 uiSize)
     return (ul != 0 && pv == nullptr) ? std::malloc(uiSize == 0 ? 1 : uiSize) : pv;
 }
 
-void HA_FreeMsg(void *pvMsg)
-{
-    Run<void>(Mk(__func__, {}), [&] { std::free(pvMsg); });
-}
+void HA_FreeMsg(void *pvMsg) { Run<void>(Mk(__func__, {}), [&] { std::free(pvMsg); }); }
 
 u16 HA_IsMaster(i32 iHandle) { return Run<u16>(Mk(__func__, {S(iHandle)}), [] { return Config().master; }); }
 
@@ -147,19 +140,18 @@ u32 HA_Dispatch(u32 uiEvents, u64 ulData)
     if (!bDrain) {
         return uiRet;
     }
-    uint64_t ulCount = 0;
-    ssize_t n = read(g_iHaFd, &ulCount, sizeof(ulCount));
-    (void)n;
-    while (!g_dqInput.empty()) {
-        HaInput in = std::move(g_dqInput.front());
-        g_dqInput.pop_front();
-        if (in.bIsEvent && g_stCallbacks.pfnEvent != nullptr) {
-            g_stCallbacks.pfnEvent(in.uiEvent);
-        } else if (!in.bIsEvent && g_stCallbacks.pfnRecv != nullptr) {
+    eventfd_t ulCount = 0;
+    (void)eventfd_read(g_iHaFd, &ulCount);
+    while (!g_stHa.dqInput.empty()) {
+        HaInput in = std::move(g_stHa.dqInput.front());
+        g_stHa.dqInput.pop_front();
+        if (in.bIsEvent && g_stHa.stCallbacks.pfnEvent != nullptr) {
+            g_stHa.stCallbacks.pfnEvent(in.uiEvent);
+        } else if (!in.bIsEvent && g_stHa.stCallbacks.pfnRecv != nullptr) {
             /* The receiver owns the message buffer. */
             auto *puc = static_cast<uint8_t *>(std::malloc(in.msg.size() + 1));
             std::copy(in.msg.begin(), in.msg.end(), puc);
-            g_stCallbacks.pfnRecv(puc, static_cast<u16>(in.msg.size()), in.uiType);
+            g_stHa.stCallbacks.pfnRecv(puc, static_cast<u16>(in.msg.size()), in.uiType);
         }
     }
     return uiRet;
@@ -172,7 +164,7 @@ u32 HA_Response(i32 iHandle, u32 uiEvent, void *pvData)
         if (pvData != nullptr) {
             std::memcpy(&ui, pvData, sizeof(ui));
         }
-        g_vecResponses.emplace_back(uiEvent, ui);
+        g_stHa.vecResponses.emplace_back(uiEvent, ui);
         return 0;
     });
 }
@@ -180,7 +172,7 @@ u32 HA_Response(i32 iHandle, u32 uiEvent, void *pvData)
 u32 HA_SendMsgSync(i32 iHandle, void *pvBuf, u16 usLen, u32 uiFlag)
 {
     return Run<u32>(Mk(__func__, {S(iHandle), U(usLen), U(uiFlag)}, Copy(pvBuf, usLen)), [&](Call &c) {
-        g_vecSent.push_back(HaSent{c.data, uiFlag});
+        g_stHa.vecSent.push_back(HaSent{c.data, uiFlag});
         return 0;
     });
 }

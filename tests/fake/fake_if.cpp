@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "fake_internal.h"
 
@@ -16,15 +17,18 @@ constexpr uint64_t kPdInstance = 0x9D;
 constexpr uint32_t kFirstTunnelIndex = 0x100;
 constexpr uint32_t kFirstBundleIndex = 0x1000;
 
-std::map<uint32_t, Interface> g_mapIf;
-std::map<uint32_t, void *> g_mapPd;
-bool g_bPdCreated = false;
-Registrations g_stReg;
+/* Interfaces, private data and registrations, cleared by Reset. */
+struct IfState {
+    std::map<uint32_t, Interface> mapIf;
+    std::map<uint32_t, void *> mapPd;
+    bool bPdCreated = false;
+    Registrations stReg;
+} g_stIf;
 
 uint32_t NextFreeIndex(uint32_t uiFrom)
 {
     uint32_t ui = uiFrom;
-    while (g_mapIf.count(ui) != 0) {
+    while (g_stIf.mapIf.count(ui) != 0) {
         ui++;
     }
     return ui;
@@ -44,11 +48,12 @@ long BundleNumberOf(const std::string &strName)
 }
 
 /* The private-data instance exists and is the one asked for. */
-bool PdOk(u64 ulInstance) { return g_bPdCreated && ulInstance == kPdInstance; }
+bool PdOk(u64 ulInstance) { return g_stIf.bPdCreated && ulInstance == kPdInstance; }
 
-uint64_t PdAt(std::map<uint32_t, void *>::iterator it, u32 *puiIfIndex, void **ppvData)
+/* Gives the entry at it of the instance asked for; 1 when there is none. */
+uint64_t PdAt(u64 ulInstance, std::map<uint32_t, void *>::iterator it, u32 *puiIfIndex, void **ppvData)
 {
-    if (it == g_mapPd.end()) {
+    if (!PdOk(ulInstance) || it == g_stIf.mapPd.end()) {
         return 1;
     }
     *puiIfIndex = it->first;
@@ -58,38 +63,31 @@ uint64_t PdAt(std::map<uint32_t, void *>::iterator it, u32 *puiIfIndex, void **p
 
 } // namespace
 
-namespace detail {
-void ResetIf()
-{
-    g_mapIf.clear();
-    g_mapPd.clear();
-    g_bPdCreated = false;
-    g_stReg = Registrations{};
-}
-} // namespace detail
+void detail::ResetIf() { g_stIf = IfState{}; }
 
 uint32_t AddTunnel(uint32_t number, uint32_t tnlMode, uint32_t state, uint16_t vrf)
 {
     uint32_t uiIndex = NextFreeIndex(kFirstTunnelIndex);
-    g_mapIf[uiIndex] = {"Tunnel" + std::to_string(number), uiIndex, IF_TYPE_TUNNEL, number, tnlMode, state, vrf};
+    g_stIf.mapIf[uiIndex] = {"Tunnel" + std::to_string(number), uiIndex, IF_TYPE_TUNNEL, number, tnlMode, state, vrf};
     return uiIndex;
 }
 
-void AddInterface(const Interface &intf) { g_mapIf[intf.ifIndex] = intf; }
+void AddInterface(const Interface &intf) { g_stIf.mapIf[intf.ifIndex] = intf; }
 
 Interface *FindInterface(uint32_t ifIndex)
 {
-    auto it = g_mapIf.find(ifIndex);
-    return it == g_mapIf.end() ? nullptr : &it->second;
+    auto it = g_stIf.mapIf.find(ifIndex);
+    return it == g_stIf.mapIf.end() ? nullptr : &it->second;
 }
 
 Interface *FindInterface(const std::string &name)
 {
-    auto it = std::find_if(g_mapIf.begin(), g_mapIf.end(), [&](const auto &kv) { return kv.second.name == name; });
-    return it == g_mapIf.end() ? nullptr : &it->second;
+    auto &map = g_stIf.mapIf;
+    auto it = std::find_if(map.begin(), map.end(), [&](const auto &kv) { return kv.second.name == name; });
+    return it == map.end() ? nullptr : &it->second;
 }
 
-void RemoveInterface(uint32_t ifIndex) { g_mapIf.erase(ifIndex); }
+void RemoveInterface(uint32_t ifIndex) { g_stIf.mapIf.erase(ifIndex); }
 
 void SetVrf(uint32_t ifIndex, uint16_t vrf)
 {
@@ -98,9 +96,9 @@ void SetVrf(uint32_t ifIndex, uint16_t vrf)
     }
 }
 
-std::map<uint32_t, void *> &PrivateData() { return g_mapPd; }
+std::map<uint32_t, void *> &PrivateData() { return g_stIf.mapPd; }
 
-Registrations &Registered() { return g_stReg; }
+Registrations &Registered() { return g_stIf.stReg; }
 
 } // namespace fake
 
@@ -148,7 +146,7 @@ u32 IF_GetIfIndexByFullName(const char *pcName)
             return 0;
         }
         uint32_t uiIndex = NextFreeIndex(kFirstBundleIndex);
-        g_mapIf[uiIndex] = Interface{rc.text, uiIndex, IF_TYPE_TUNNEL_BUNDLE, static_cast<uint32_t>(lBnd)};
+        g_stIf.mapIf[uiIndex] = Interface{rc.text, uiIndex, IF_TYPE_TUNNEL_BUNDLE, static_cast<uint32_t>(lBnd)};
         return uiIndex;
     });
 }
@@ -160,7 +158,7 @@ u32 IF_DeleteIf(u32 uiKeyType, const void *pvKey)
         std::memcpy(&uiIfIndex, pvKey, sizeof(uiIfIndex));
     }
     return Run<u32>(Mk(__func__, {U(uiKeyType), U(uiIfIndex)}, Copy(pvKey, 8)), [&] {
-        g_mapIf.erase(uiIfIndex);
+        g_stIf.mapIf.erase(uiIfIndex);
         return 1;
     });
 }
@@ -168,7 +166,7 @@ u32 IF_DeleteIf(u32 uiKeyType, const void *pvKey)
 u64 IF_CreatePDInstance(u32 uiKind, u32 uiFlags, u64 ulArg1, u32 uiArg2)
 {
     return Run<u64>(Mk(__func__, {U(uiKind), U(uiFlags), U(ulArg1), U(uiArg2)}), [&] {
-        g_bPdCreated = true;
+        g_stIf.bPdCreated = true;
         return kPdInstance;
     });
 }
@@ -179,37 +177,30 @@ u32 IF_DestroyPDInstance(u64 ulInstance, IF_PD_FREE_PF pfnFree)
         if (!PdOk(ulInstance)) {
             return 1;
         }
-        std::map<uint32_t, void *> mapOld;
-        mapOld.swap(g_mapPd);
+        std::map<uint32_t, void *> mapOld = std::exchange(g_stIf.mapPd, {});
         for (auto &kv : mapOld) {
             if (pfnFree != nullptr) {
                 pfnFree(kv.second);
             }
         }
-        g_bPdCreated = false;
+        g_stIf.bPdCreated = false;
         return 0;
     });
 }
 
 u32 IF_GetPrivateData(u64 ulInstance, u32 uiIfIndex, void **ppvData)
 {
-    return Run<u32>(Mk(__func__, {U(ulInstance), U(uiIfIndex)}), [&]() -> uint64_t {
-        auto it = g_mapPd.find(uiIfIndex);
-        if (!PdOk(ulInstance) || it == g_mapPd.end()) {
-            return 1;
-        }
-        *ppvData = it->second;
-        return 0;
-    });
+    return Run<u32>(Mk(__func__, {U(ulInstance), U(uiIfIndex)}),
+                    [&] { return PdAt(ulInstance, g_stIf.mapPd.find(uiIfIndex), &uiIfIndex, ppvData); });
 }
 
 u32 IF_SetPrivateData(u64 ulInstance, u32 uiIfIndex, void *pvData)
 {
     return Run<u32>(Mk(__func__, {U(ulInstance), U(uiIfIndex)}), [&]() -> uint64_t {
-        if (!PdOk(ulInstance) || g_mapPd.count(uiIfIndex) != 0) {
+        if (!PdOk(ulInstance) || g_stIf.mapPd.count(uiIfIndex) != 0) {
             return 1;
         }
-        g_mapPd[uiIfIndex] = pvData;
+        g_stIf.mapPd[uiIfIndex] = pvData;
         return 0;
     });
 }
@@ -217,12 +208,12 @@ u32 IF_SetPrivateData(u64 ulInstance, u32 uiIfIndex, void *pvData)
 u32 IF_DelPrivateData(u64 ulInstance, u32 uiIfIndex, IF_PD_FREE_PF pfnFree)
 {
     return Run<u32>(Mk(__func__, {U(ulInstance), U(uiIfIndex)}), [&]() -> uint64_t {
-        auto it = g_mapPd.find(uiIfIndex);
-        if (!PdOk(ulInstance) || it == g_mapPd.end()) {
+        auto it = g_stIf.mapPd.find(uiIfIndex);
+        if (!PdOk(ulInstance) || it == g_stIf.mapPd.end()) {
             return 1;
         }
         void *pv = it->second;
-        g_mapPd.erase(it);
+        g_stIf.mapPd.erase(it);
         if (pfnFree != nullptr) {
             pfnFree(pv);
         }
@@ -232,18 +223,16 @@ u32 IF_DelPrivateData(u64 ulInstance, u32 uiIfIndex, IF_PD_FREE_PF pfnFree)
 
 u32 IF_GetFirstPrivateData(u64 ulInstance, u32 *puiIfIndex, void **ppvData)
 {
-    return Run<u32>(Mk(__func__, {U(ulInstance)}), [&]() -> uint64_t {
-        return PdOk(ulInstance) ? PdAt(g_mapPd.begin(), puiIfIndex, ppvData) : 1;
-    });
+    return Run<u32>(Mk(__func__, {U(ulInstance)}),
+                    [&] { return PdAt(ulInstance, g_stIf.mapPd.begin(), puiIfIndex, ppvData); });
 }
 
 /* The first entry above the given index: the walk survives the deletion of
  * the current entry. */
 u32 IF_GetNextPrivateData(u64 ulInstance, u32 *puiIfIndex, void **ppvData)
 {
-    return Run<u32>(Mk(__func__, {U(ulInstance), U(*puiIfIndex)}), [&]() -> uint64_t {
-        return PdOk(ulInstance) ? PdAt(g_mapPd.upper_bound(*puiIfIndex), puiIfIndex, ppvData) : 1;
-    });
+    return Run<u32>(Mk(__func__, {U(ulInstance), U(*puiIfIndex)}),
+                    [&] { return PdAt(ulInstance, g_stIf.mapPd.upper_bound(*puiIfIndex), puiIfIndex, ppvData); });
 }
 
 i32 IF_Event_Init(void) { return Run<i32>(Mk(__func__, {}), S(-1)); }
@@ -260,8 +249,8 @@ u32 IF_SelectType_Set(u32 uiIfType, void * /*pvSelect*/) { return Run<u32>(Mk(__
 u32 IF_RegIfEventEx(u32 uiModule, u32 uiMask, u32 uiPriority, void * /*pvSelect*/, IF_EVENT_CB_PF pfnCallback,
                     u32 uiArg)
 {
-    g_stReg.pfnIfEvent = pfnCallback;
-    g_stReg.uiIfEventArg = uiArg;
+    g_stIf.stReg.pfnIfEvent = pfnCallback;
+    g_stIf.stReg.uiIfEventArg = uiArg;
     return Run<u32>(Mk(__func__, {U(uiModule), U(uiMask), U(uiPriority), U(uiArg)}), 0);
 }
 
@@ -302,7 +291,7 @@ u32 L3VPN_GetVrfIndexByIfIndex(u32 uiIfIndex, u16 *pusVrfIndex)
 
 i32 L3VPN_RegEvt(const char *pcName, u32 uiEvtMask, u32 uiArg, L3VPN_EVT_CB_PF pfnCallback, u32 uiArg2)
 {
-    g_stReg.pfnL3vpn = pfnCallback;
+    g_stIf.stReg.pfnL3vpn = pfnCallback;
     return Run<i32>(WithText(Mk(__func__, {U(uiEvtMask), U(uiArg), U(uiArg2)}), Str(pcName)), S(-1));
 }
 

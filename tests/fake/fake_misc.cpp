@@ -15,10 +15,14 @@ using namespace fake::detail;
 namespace fake {
 namespace {
 
-std::vector<std::string> g_vecLog;
-bool g_bLogOpen = false;
-std::vector<uint32_t> g_vecStatuses;
-std::map<uint32_t, KBundle> g_mapKtbdl;
+/* Log, statuses and kernel table, cleared by Reset; the socket paths
+ * are removed by Reset and at exit. */
+struct MiscState {
+    std::vector<std::string> vecLog;
+    bool bLogOpen = false;
+    std::vector<uint32_t> vecStatuses;
+    std::map<uint32_t, KBundle> mapKtbdl;
+} g_stMisc;
 unsigned g_uiPathGen = 0;
 std::vector<std::string> g_vecPaths;
 
@@ -32,7 +36,7 @@ void RemovePaths()
 
 struct PathCleaner {
     ~PathCleaner() { RemovePaths(); }
-} g_stPathCleaner;
+} g_stPathCleaner; /* the sockets of the last test */
 
 std::string VFormat(const char *pcFormat, va_list args)
 {
@@ -57,11 +61,11 @@ bool ApplyKtbdl(u32 uiCmd, const Bytes &payload)
     constexpr u32 kMembAdd = 0x7c0003u;
     constexpr u32 kMembDel = 0x7c0004u;
     if (uiCmd == kBndUpdate && payload.size() == 36) {
-        g_mapKtbdl[Ld32(payload, 20)].payload = payload;
+        g_stMisc.mapKtbdl[Ld32(payload, 20)].payload = payload;
         return true;
     }
     if ((uiCmd == kMembAdd || uiCmd == kMembDel) && payload.size() == 8) {
-        std::vector<uint32_t> &members = g_mapKtbdl[Ld32(payload, 0)].members;
+        std::vector<uint32_t> &members = g_stMisc.mapKtbdl[Ld32(payload, 0)].members;
         uint32_t uiMemb = Ld32(payload, 4);
         auto it = std::find(members.begin(), members.end(), uiMemb);
         if (uiCmd == kMembAdd && it == members.end()) {
@@ -76,25 +80,20 @@ bool ApplyKtbdl(u32 uiCmd, const Bytes &payload)
 
 } // namespace
 
-namespace detail {
-void ResetMisc()
+void detail::ResetMisc()
 {
-    g_vecLog.clear();
-    g_bLogOpen = false;
-    g_vecStatuses.clear();
-    g_mapKtbdl.clear();
+    g_stMisc = MiscState{};
     RemovePaths();
     g_uiPathGen++;
 }
-} // namespace detail
 
-std::vector<std::string> LogLines() { return g_vecLog; }
+std::vector<std::string> LogLines() { return g_stMisc.vecLog; }
 
-bool LogOpen() { return g_bLogOpen; }
+bool LogOpen() { return g_stMisc.bLogOpen; }
 
-const std::vector<uint32_t> &ServiceStatuses() { return g_vecStatuses; }
+const std::vector<uint32_t> &ServiceStatuses() { return g_stMisc.vecStatuses; }
 
-std::map<uint32_t, KBundle> &Ktbdl() { return g_mapKtbdl; }
+std::map<uint32_t, KBundle> &Ktbdl() { return g_stMisc.mapKtbdl; }
 
 std::string HostPath(uint16_t port)
 {
@@ -111,21 +110,19 @@ extern "C" {
 /* Overrides the C library's openlog for the test binary. */
 void openlog(const char *pcIdent, int iOption, int iFacility)
 {
-    Run<void>(WithText(Mk(__func__, {S(iOption), S(iFacility)}), Str(pcIdent)), [] { g_bLogOpen = true; });
+    Run<void>(WithText(Mk(__func__, {S(iOption), S(iFacility)}), Str(pcIdent)), [] { g_stMisc.bLogOpen = true; });
 }
 
 void vsyslog2(int iPriority, const char *pcIdent, const char *pcTypeName, const char *pcFormat, va_list args)
 {
     std::string strText = VFormat(pcFormat, args);
-    Call c = Mk(__func__, {S(iPriority)});
-    c.text = Str(pcIdent) + "|" + Str(pcTypeName) + "|" + strText;
-    g_vecLog.push_back(Str(pcTypeName) + " " + strText);
-    Run<void>(std::move(c), 0);
+    g_stMisc.vecLog.push_back(Str(pcTypeName) + " " + strText);
+    Run<void>(WithText(Mk(__func__, {S(iPriority)}), Str(pcIdent) + "|" + Str(pcTypeName) + "|" + strText), 0);
 }
 
 void closelog2(const char *pcIdent)
 {
-    Run<void>(WithText(Mk(__func__, {}), Str(pcIdent)), [] { g_bLogOpen = false; });
+    Run<void>(WithText(Mk(__func__, {}), Str(pcIdent)), [] { g_stMisc.bLogOpen = false; });
 }
 
 int scnprintf(char *pcBuf, size_t ulSize, const char *pcFormat, ...)
@@ -145,7 +142,7 @@ int scnprintf(char *pcBuf, size_t ulSize, const char *pcFormat, ...)
 
 u32 SERVICE_SetStatus(u32 uiStatus)
 {
-    return Run<u32>(Mk(__func__, {U(uiStatus)}), [&] { g_vecStatuses.push_back(uiStatus); });
+    return Run<u32>(Mk(__func__, {U(uiStatus)}), [&] { g_stMisc.vecStatuses.push_back(uiStatus); });
 }
 
 u32 SERVICE_GetStartCause(u32 *puiCause, u32 *puiDetail)

@@ -22,7 +22,7 @@ u32 __wrap_STLV_Get(const void *pBuf, u32 uiRemaining, u16 *pusType, u16 *pusLen
 {
     return Run<u32>(Mk("STLV_Get", {U(uiRemaining)}), [&](fake::Call &c) -> uint64_t {
         u32 uiRet = __real_STLV_Get(pBuf, uiRemaining, pusType, pusLen, ppValue);
-        if (uiRet == 0) {
+        if (uiRet == 0 && pusType != nullptr && pusLen != nullptr) {
             c.args.insert(c.args.end(), {U(*pusType), U(*pusLen)});
         }
         return uiRet;

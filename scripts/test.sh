@@ -4,9 +4,11 @@
 #      line coverage of the daemon's code;
 #   2. a build with AddressSanitizer and UndefinedBehaviorSanitizer: the same
 #      tests again;
-#   3. a bounded fuzzing run of the configuration request path, plus every
+#   3. a Release build (-O3) of the daemon and the tools, without tests and
+#      benchmarks: the optimiser's warnings fail it; counts as one result;
+#   4. a bounded fuzzing run of the configuration request path, plus every
 #      input that ever crashed it.
-# Ends with one line "N passed, M failed" over all of them.
+# Ends with one line "tests: N passed, M failed" over all of them.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -53,6 +55,13 @@ if scripts/build.sh build-asan -DCMAKE_BUILD_TYPE=Debug -DTBDL_SANITIZE=ON -DTBD
   run_ctest sanitizers build-asan
 else
   echo "sanitizer build failed"; status=1; failed=$((failed + 1))
+fi
+
+echo "== Release build of the daemon and tools"
+if scripts/build.sh build-rel -DCMAKE_BUILD_TYPE=Release -DTBDL_BUILD_TESTS=OFF -DTBDL_BUILD_BENCH=OFF; then
+  passed=$((passed + 1))
+else
+  echo "release build failed"; failed=$((failed + 1)); status=1
 fi
 
 if [ -x fuzz/run.sh ]; then

@@ -5,6 +5,10 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
+#include <chrono>
+#include <thread>
+
 #include <nlohmann/json.hpp>
 
 #include "journal.h" /* HexOf */
@@ -14,6 +18,8 @@ namespace tbdl::plat {
 namespace {
 
 constexpr int kBusyTimeoutMs = 5000;
+/* How long opening keeps retrying what another opener holds up. */
+constexpr auto kSetUpDeadline = std::chrono::seconds(10);
 
 /* Records reference their list, so deleting a list removes its records in
  * the same statement. */
@@ -69,8 +75,9 @@ std::string ColumnText(sqlite3_stmt *stmt, int col)
     return p != nullptr ? std::string(reinterpret_cast<const char *>(p)) : std::string();
 }
 
-/* Runs a statement that returns one text row and gives that text. */
-bool QueryText(sqlite3 *db, const char *sql, std::string &out, std::string &err)
+/* Runs a statement that returns one text row and gives that text. Returns
+ * the SQLite result (SQLITE_OK on success). */
+int QueryText(sqlite3 *db, const char *sql, std::string &out, std::string &err)
 {
     sqlite3_stmt *stmt = nullptr;
     int rc = sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr);
@@ -85,50 +92,23 @@ bool QueryText(sqlite3 *db, const char *sql, std::string &out, std::string &err)
         err = sqlite3_errmsg(db);
     }
     sqlite3_finalize(stmt);
-    return rc == SQLITE_OK;
+    return rc;
 }
 
-bool Exec(sqlite3 *db, const char *sql, std::string &err)
+int Exec(sqlite3 *db, const char *sql, std::string &err)
 {
     char *msg = nullptr;
-    if (sqlite3_exec(db, sql, nullptr, nullptr, &msg) != SQLITE_OK) {
+    int rc = sqlite3_exec(db, sql, nullptr, nullptr, &msg);
+    if (rc != SQLITE_OK) {
         err = msg != nullptr ? msg : sqlite3_errmsg(db);
-        sqlite3_free(msg);
-        return false;
     }
-    return true;
+    sqlite3_free(msg);
+    return rc;
 }
 
-/* Brings a freshly opened connection into shape; false with err when the
- * file cannot be written or is not a healthy database. */
-bool SetUpConnection(sqlite3 *db, const std::string &name, const std::string &owner, std::string &err)
+/* Records this database and its owner (changing the owner of a known one). */
+int RegisterDatabase(sqlite3 *db, const std::string &name, const std::string &owner, std::string &err)
 {
-    sqlite3_busy_timeout(db, kBusyTimeoutMs);
-    if (sqlite3_db_readonly(db, "main") == 1) {
-        err = "the file is not writable";
-        return false;
-    }
-    std::string mode;
-    if (!QueryText(db, "PRAGMA journal_mode=WAL", mode, err)) {
-        return false;
-    }
-    if (mode != "wal") {
-        err = "cannot switch to WAL mode (mode is " + mode + ")";
-        return false;
-    }
-    std::string check;
-    if (!Exec(db, "PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON;", err) ||
-        !QueryText(db, "PRAGMA quick_check", check, err)) {
-        return false;
-    }
-    if (check != "ok") {
-        /* The first problem is enough to say why; the report can be long. */
-        err = "integrity check failed: " + check.substr(0, 160);
-        return false;
-    }
-    if (!Exec(db, kSchema, err)) {
-        return false;
-    }
     sqlite3_stmt *stmt = nullptr;
     int rc = sqlite3_prepare_v2(db,
                                 "INSERT INTO dbm_databases(db, owner) VALUES(?1, ?2)"
@@ -138,13 +118,92 @@ bool SetUpConnection(sqlite3 *db, const std::string &name, const std::string &ow
     if (rc == SQLITE_OK) {
         sqlite3_bind_text(stmt, 1, name.data(), static_cast<int>(name.size()), SQLITE_TRANSIENT);
         sqlite3_bind_text(stmt, 2, owner.data(), static_cast<int>(owner.size()), SQLITE_TRANSIENT);
-        rc = sqlite3_step(stmt) == SQLITE_DONE ? SQLITE_OK : SQLITE_ERROR;
+        rc = sqlite3_step(stmt);
+        rc = rc == SQLITE_DONE ? SQLITE_OK : rc;
     }
     if (rc != SQLITE_OK) {
         err = sqlite3_errmsg(db);
     }
     sqlite3_finalize(stmt);
-    return rc == SQLITE_OK;
+    return rc;
+}
+
+/* Creates the tables when missing and records the database, in one write
+ * transaction: taken at once (IMMEDIATE), it waits in the busy handler for
+ * another opener instead of failing half way. */
+int CreateSchema(sqlite3 *db, const std::string &name, const std::string &owner, std::string &err)
+{
+    int rc = Exec(db, "BEGIN IMMEDIATE", err);
+    if (rc != SQLITE_OK) {
+        return rc;
+    }
+    rc = Exec(db, kSchema, err);
+    if (rc == SQLITE_OK) {
+        rc = RegisterDatabase(db, name, owner, err);
+    }
+    if (rc == SQLITE_OK) {
+        rc = Exec(db, "COMMIT", err);
+    }
+    if (rc != SQLITE_OK) {
+        std::string ignored;
+        (void)Exec(db, "ROLLBACK", ignored);
+    }
+    return rc;
+}
+
+/* Brings a freshly opened connection into shape. Returns SQLITE_OK, or an
+ * SQLite result with err set when the file cannot be written or is not a
+ * healthy database. Every step may be repeated. */
+int SetUpConnection(sqlite3 *db, const std::string &name, const std::string &owner, std::string &err)
+{
+    if (sqlite3_db_readonly(db, "main") == 1) {
+        err = "the file is not writable";
+        return SQLITE_READONLY;
+    }
+    std::string mode;
+    int rc = QueryText(db, "PRAGMA journal_mode=WAL", mode, err);
+    if (rc != SQLITE_OK) {
+        return rc;
+    }
+    if (mode != "wal") {
+        err = "cannot switch to WAL mode (mode is " + mode + ")";
+        return SQLITE_ERROR;
+    }
+    std::string check;
+    rc = Exec(db, "PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON;", err);
+    if (rc == SQLITE_OK) {
+        rc = QueryText(db, "PRAGMA quick_check", check, err);
+    }
+    if (rc != SQLITE_OK) {
+        return rc;
+    }
+    if (check != "ok") {
+        /* The first problem is enough to say why; the report can be long. */
+        err = "integrity check failed: " + check.substr(0, 160);
+        return SQLITE_CORRUPT;
+    }
+    return CreateSchema(db, name, owner, err);
+}
+
+/* Another opener of the same file can make a step fail at once with
+ * SQLITE_BUSY or SQLITE_LOCKED, without the busy handler being called:
+ * while it switches a fresh file to WAL, a connection that must upgrade its
+ * read lock gives up rather than wait (it could deadlock). The whole set-up
+ * is then repeated, with a growing pause, until kSetUpDeadline. */
+int SetUpWithRetry(sqlite3 *db, const std::string &name, const std::string &owner, std::string &err)
+{
+    sqlite3_busy_timeout(db, kBusyTimeoutMs);
+    const auto deadline = std::chrono::steady_clock::now() + kSetUpDeadline;
+    auto pause = std::chrono::milliseconds(1);
+    for (;;) {
+        int rc = SetUpConnection(db, name, owner, err);
+        int primary = rc & 0xff;
+        if ((primary != SQLITE_BUSY && primary != SQLITE_LOCKED) || std::chrono::steady_clock::now() >= deadline) {
+            return rc;
+        }
+        std::this_thread::sleep_for(pause);
+        pause = std::min(pause * 2, std::chrono::milliseconds(50));
+    }
 }
 
 } // namespace
@@ -162,7 +221,7 @@ std::unique_ptr<DbmStore> DbmStore::Open(const std::string &path, const std::str
     std::string why;
     if (rc != SQLITE_OK) {
         why = db != nullptr ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
-    } else if (SetUpConnection(db, name, owner, why)) {
+    } else if (SetUpWithRetry(db, name, owner, why) == SQLITE_OK) {
         std::unique_ptr<DbmStore> store(new DbmStore(db, name));
         if (store->Prepare(why)) {
             return store;
@@ -522,7 +581,7 @@ std::string DumpDatabase(const std::string &path, bool json, std::string &err)
     } else {
         sqlite3_busy_timeout(conn, kBusyTimeoutMs);
         /* One read transaction, so the dump is one consistent picture. */
-        ok = Exec(conn, "BEGIN", why) && ReadAll(conn, dbs, why);
+        ok = Exec(conn, "BEGIN", why) == SQLITE_OK && ReadAll(conn, dbs, why);
         std::string ignored;
         (void)Exec(conn, "COMMIT", ignored);
     }

@@ -1,150 +1,72 @@
-/* Fake TLV coding and bitmaps: the real behaviour, recorded. */
-#include <cstring>
-
+/* TLV coding and bitmaps: the platform's own code, recorded. The emulation's
+ * stlv.cpp and bitmap.cpp are linked into the fake; the linker (--wrap, see
+ * tests/CMakeLists.txt) sends the daemon's calls to the __wrap_ functions
+ * here, which record them and reach that code as __real_. */
 #include "fake_internal.h"
 
-using fake::Call;
 using namespace fake::detail;
-
-namespace {
-
-struct Bitmap {
-    u32 uiBits = 0;
-    std::vector<uint8_t> vecBytes;
-};
-
-} // namespace
 
 extern "C" {
 
-u32 STLV_Get(const void *pBuf, u32 uiRemaining, u16 *pusType, u16 *pusLen, const void **ppValue)
+decltype(STLV_Get) __real_STLV_Get;
+decltype(STLV_Set) __real_STLV_Set;
+decltype(Bitmap_Create) __real_Bitmap_Create;
+decltype(Bitmap_Check) __real_Bitmap_Check;
+decltype(Bitmap_Set) __real_Bitmap_Set;
+decltype(Bitmap_Clear) __real_Bitmap_Clear;
+decltype(Bitmap_Zero) __real_Bitmap_Zero;
+decltype(Bitmap_Destroy) __real_Bitmap_Destroy;
+
+/* A TLV read records its type and length; a write records the bytes written. */
+u32 __wrap_STLV_Get(const void *pBuf, u32 uiRemaining, u16 *pusType, u16 *pusLen, const void **ppValue)
 {
-    Call c = Mk("STLV_Get", {U(uiRemaining)});
-    uint64_t ul = 0;
-    if (!Scripted(c.name, &ul)) {
-        const auto *puc = static_cast<const uint8_t *>(pBuf);
-        *ppValue = nullptr;
-        *pusType = 0;
-        *pusLen = 0;
-        ul = 1;
-        if (puc != nullptr && uiRemaining >= STLV_HEAD_LEN) {
-            u16 usType = static_cast<u16>((puc[0] << 8) | puc[1]);
-            u16 usLen = static_cast<u16>((puc[2] << 8) | puc[3]);
-            if (static_cast<u32>(usLen) <= uiRemaining - STLV_HEAD_LEN) {
-                *pusType = usType;
-                *pusLen = usLen;
-                *ppValue = puc + STLV_HEAD_LEN;
-                c.args.push_back(usType);
-                c.args.push_back(usLen);
-                ul = 0;
-            }
+    return Run<u32>(Mk("STLV_Get", {U(uiRemaining)}), [&](fake::Call &c) -> uint64_t {
+        u32 uiRet = __real_STLV_Get(pBuf, uiRemaining, pusType, pusLen, ppValue);
+        if (uiRet == 0 && pusType != nullptr && pusLen != nullptr) {
+            c.args.insert(c.args.end(), {U(*pusType), U(*pusLen)});
         }
-    }
-    c.result = ul;
-    Record(std::move(c));
-    return static_cast<u32>(ul);
+        return uiRet;
+    });
 }
 
-u32 STLV_Set(void *pDst, u32 uiRoom, u16 usType, u16 usLen, const void *pValue)
+u32 __wrap_STLV_Set(void *pDst, u32 uiRoom, u16 usType, u16 usLen, const void *pValue)
 {
-    Call c = Mk("STLV_Set", {U(uiRoom), U(usType), U(usLen)});
-    uint64_t ul = 0;
-    if (!Scripted(c.name, &ul)) {
-        u32 uiNeed = STLV_HEAD_LEN + usLen;
-        ul = 0;
-        if (pDst != nullptr && uiNeed <= uiRoom) {
-            auto *puc = static_cast<uint8_t *>(pDst);
-            if (pValue != nullptr && usLen != 0) {
-                std::memmove(puc + STLV_HEAD_LEN, pValue, usLen);
-            }
-            puc[0] = static_cast<uint8_t>(usType >> 8);
-            puc[1] = static_cast<uint8_t>(usType);
-            puc[2] = static_cast<uint8_t>(usLen >> 8);
-            puc[3] = static_cast<uint8_t>(usLen);
-            c.data = Copy(puc, uiNeed);
-            ul = uiNeed;
-        }
-    }
-    c.result = ul;
-    Record(std::move(c));
-    return static_cast<u32>(ul);
+    return Run<u32>(Mk("STLV_Set", {U(uiRoom), U(usType), U(usLen)}), [&](fake::Call &c) -> uint64_t {
+        u32 uiRet = __real_STLV_Set(pDst, uiRoom, usType, usLen, pValue);
+        c.data = Copy(pDst, uiRet);
+        return uiRet;
+    });
 }
 
-void *Bitmap_Create(u32 uiBits)
+/* A scripted result of 0 makes the creation fail; any other still yields a
+ * real bitmap. */
+void *__wrap_Bitmap_Create(u32 uiBits)
 {
-    Call c = Mk("Bitmap_Create", {U(uiBits)});
-    uint64_t ul = 0;
     void *pv = nullptr;
-    if (!Scripted(c.name, &ul) || ul != 0) {
-        auto *p = new Bitmap;
-        p->uiBits = uiBits;
-        p->vecBytes.assign((static_cast<size_t>(uiBits) + 7) / 8, 0);
-        pv = p;
-    }
-    c.result = reinterpret_cast<uintptr_t>(pv);
-    Record(std::move(c));
-    return pv;
+    uint64_t ul = Run<uint64_t>(Mk("Bitmap_Create", {U(uiBits)}), [&]() -> uint64_t {
+        pv = __real_Bitmap_Create(uiBits);
+        return reinterpret_cast<uintptr_t>(pv);
+    });
+    return (ul != 0 && pv == nullptr) ? __real_Bitmap_Create(uiBits) : pv;
 }
 
-u32 Bitmap_Check(void *pvBitmap, u32 uiBit)
+/* A call on one bit records the bit number. */
+static u32 OnBit(const char *pcName, u32 (*pfnReal)(void *, u32), void *pvBitmap, u32 uiBit)
 {
-    Call c = Mk("Bitmap_Check", {U(uiBit)});
-    auto *p = static_cast<Bitmap *>(pvBitmap);
-    uint64_t ul = 0;
-    if (!Scripted(c.name, &ul)) {
-        ul = (p != nullptr && uiBit < p->uiBits && (p->vecBytes[uiBit / 8] >> (uiBit % 8)) & 1u) ? 1 : 0;
-    }
-    c.result = ul;
-    Record(std::move(c));
-    return static_cast<u32>(ul);
+    return Run<u32>(Mk(pcName, {U(uiBit)}), [&] { return pfnReal(pvBitmap, uiBit); });
 }
 
-static u32 BitmapChange(const char *pcName, void *pvBitmap, u32 uiBit, bool bSet)
-{
-    Call c = Mk(pcName, {U(uiBit)});
-    auto *p = static_cast<Bitmap *>(pvBitmap);
-    uint64_t ul = 0;
-    if (!Scripted(c.name, &ul)) {
-        ul = 1;
-        if (p != nullptr && uiBit < p->uiBits) {
-            uint8_t ucMask = static_cast<uint8_t>(1u << (uiBit % 8));
-            if (bSet) {
-                p->vecBytes[uiBit / 8] |= ucMask;
-            } else {
-                p->vecBytes[uiBit / 8] &= static_cast<uint8_t>(~ucMask);
-            }
-            ul = 0;
-        }
-    }
-    c.result = ul;
-    Record(std::move(c));
-    return static_cast<u32>(ul);
-}
+u32 __wrap_Bitmap_Check(void *pvMap, u32 uiBit) { return OnBit("Bitmap_Check", __real_Bitmap_Check, pvMap, uiBit); }
 
-u32 Bitmap_Set(void *pvBitmap, u32 uiBit)
-{
-    return BitmapChange("Bitmap_Set", pvBitmap, uiBit, true);
-}
+u32 __wrap_Bitmap_Set(void *pvMap, u32 uiBit) { return OnBit("Bitmap_Set", __real_Bitmap_Set, pvMap, uiBit); }
 
-u32 Bitmap_Clear(void *pvBitmap, u32 uiBit)
-{
-    return BitmapChange("Bitmap_Clear", pvBitmap, uiBit, false);
-}
+u32 __wrap_Bitmap_Clear(void *pvMap, u32 uiBit) { return OnBit("Bitmap_Clear", __real_Bitmap_Clear, pvMap, uiBit); }
 
-void Bitmap_Zero(void *pvBitmap)
-{
-    Call c = Mk("Bitmap_Zero", {});
-    if (auto *p = static_cast<Bitmap *>(pvBitmap)) {
-        std::fill(p->vecBytes.begin(), p->vecBytes.end(), 0);
-    }
-    Record(std::move(c));
-}
+void __wrap_Bitmap_Zero(void *pvBitmap) { Run<void>(Mk("Bitmap_Zero", {}), [&] { __real_Bitmap_Zero(pvBitmap); }); }
 
-void Bitmap_Destroy(void *pvBitmap)
+void __wrap_Bitmap_Destroy(void *pvBitmap)
 {
-    Call c = Mk("Bitmap_Destroy", {});
-    delete static_cast<Bitmap *>(pvBitmap);
-    Record(std::move(c));
+    Run<void>(Mk("Bitmap_Destroy", {}), [&] { __real_Bitmap_Destroy(pvBitmap); });
 }
 
 } // extern "C"

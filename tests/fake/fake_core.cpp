@@ -1,4 +1,6 @@
 /* Journal, scripted results, hooks and settings of the recording fake. */
+#include <algorithm>
+#include <iterator>
 #include <mutex>
 #include <utility>
 
@@ -20,6 +22,16 @@ std::map<std::string, Script> g_mapScripts;
 std::map<std::string, std::function<void(const Call &)>> g_mapHooks;
 Settings g_stSettings;
 
+/* The recorded calls for which keep(call) holds, in order. */
+template <typename Keep>
+std::vector<Call> Select(Keep keep)
+{
+    std::lock_guard<std::mutex> lock(g_mtxJournal);
+    std::vector<Call> out;
+    std::copy_if(g_vecCalls.begin(), g_vecCalls.end(), std::back_inserter(out), keep);
+    return out;
+}
+
 } // namespace
 
 namespace detail {
@@ -34,14 +46,13 @@ bool Scripted(const std::string &name, uint64_t *pulResult)
     bool bHit = false;
     /* Every pending entry counts this call; the first to reach zero fires. */
     for (auto nth = s.vecNth.begin(); nth != s.vecNth.end();) {
-        nth->first--;
-        if (nth->first == 0 && !bHit) {
+        if (--nth->first == 0 && !bHit) {
             bHit = true;
             *pulResult = nth->second;
             nth = s.vecNth.erase(nth);
-            continue;
+        } else {
+            ++nth;
         }
-        ++nth;
     }
     if (!bHit && s.bAlways) {
         bHit = true;
@@ -87,45 +98,19 @@ void Reset()
     detail::ResetMisc();
 }
 
-const std::vector<Call> &Calls()
-{
-    return g_vecCalls;
-}
+const std::vector<Call> &Calls() { return g_vecCalls; }
 
-std::vector<Call> CallsOf(const std::string &name)
-{
-    std::lock_guard<std::mutex> lock(g_mtxJournal);
-    std::vector<Call> out;
-    for (const Call &c : g_vecCalls) {
-        if (c.name == name) {
-            out.push_back(c);
-        }
-    }
-    return out;
-}
+std::vector<Call> CallsOf(const std::string &name) { return Select([&](const Call &c) { return c.name == name; }); }
 
-size_t CountOf(const std::string &name)
-{
-    std::lock_guard<std::mutex> lock(g_mtxJournal);
-    size_t n = 0;
-    for (const Call &c : g_vecCalls) {
-        n += (c.name == name) ? 1 : 0;
-    }
-    return n;
-}
+size_t CountOf(const std::string &name) { return CallsOf(name).size(); }
 
 std::vector<std::string> Names(const std::vector<std::string> &only)
 {
-    std::lock_guard<std::mutex> lock(g_mtxJournal);
     std::vector<std::string> out;
-    for (const Call &c : g_vecCalls) {
-        bool bWanted = only.empty();
-        for (const std::string &n : only) {
-            bWanted = bWanted || (n == c.name);
-        }
-        if (bWanted) {
-            out.push_back(c.name);
-        }
+    for (const Call &c : Select([&](const Call &c) {
+             return only.empty() || std::find(only.begin(), only.end(), c.name) != only.end();
+         })) {
+        out.push_back(c.name);
     }
     return out;
 }
@@ -136,30 +121,22 @@ void ClearJournal()
     g_vecCalls.clear();
 }
 
-void FailOnce(const std::string &name, uint64_t result)
-{
-    FailNth(name, 1, result);
-}
+void FailOnce(const std::string &name, uint64_t result) { FailNth(name, 1, result); }
 
 void FailNth(const std::string &name, unsigned n, uint64_t result)
 {
-    if (n == 0) {
-        return;
+    if (n != 0) {
+        g_mapScripts[name].vecNth.emplace_back(n, result);
     }
-    g_mapScripts[name].vecNth.emplace_back(n, result);
 }
 
 void FailAlways(const std::string &name, uint64_t result)
 {
-    Script &s = g_mapScripts[name];
-    s.bAlways = true;
-    s.ulAlways = result;
+    g_mapScripts[name].bAlways = true;
+    g_mapScripts[name].ulAlways = result;
 }
 
-void ClearFailures()
-{
-    g_mapScripts.clear();
-}
+void ClearFailures() { g_mapScripts.clear(); }
 
 void OnCall(const std::string &name, std::function<void(const Call &)> hook)
 {
@@ -171,9 +148,6 @@ void OnCall(const std::string &name, std::function<void(const Call &)> hook)
     }
 }
 
-Settings &Config()
-{
-    return g_stSettings;
-}
+Settings &Config() { return g_stSettings; }
 
 } // namespace fake

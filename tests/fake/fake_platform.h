@@ -4,12 +4,10 @@
  * arguments and payload bytes. Results can be scripted per call name (fail
  * once, fail the Nth call, fail always) and hooks can run inside a call, on
  * the daemon's own thread. Behind the calls stands a small in-memory
- * platform: interfaces, VRF bindings, a private-data store, a database of
- * sorted lists, a kernel bundle table, an HA channel and a log, enough for
- * the daemon's modules and its event loop to run for real in a test.
- *
- * Event sources are real descriptors (pipes/eventfds), so the daemon's
- * epoll loop can wait on them. */
+ * platform (interfaces, VRF bindings, private data, a database of sorted
+ * lists, a kernel bundle table, an HA channel, a log) whose event sources
+ * are real descriptors, so the daemon's modules and its event loop run for
+ * real in a test. TLV coding and bitmaps are the platform's own code. */
 #ifndef FAKE_PLATFORM_H
 #define FAKE_PLATFORM_H
 
@@ -23,16 +21,11 @@
 
 namespace fake {
 
-/* One recorded call.
- * - args: the integer arguments in order (pointers are not recorded as
- *   numbers; strings go to text, buffers to data).
- * - data: payload bytes the call received (CIOCTL payload, DBM key followed by
- *   record, HA message, private data pointer not included, ...). Where a
- *   call takes a key and a record, data holds the key bytes and rec the
- *   record bytes.
- * - text: string arguments joined by '|' (interface names, DBM names, log
- *   identity|type|formatted text, option names).
- * - result: what the call returned to the daemon. */
+/* One recorded call: its integer arguments in order (pointers are not
+ * recorded as numbers), the payload bytes it received in data (a key, a
+ * KTBDL payload, an HA message, ...) and, for a call that also takes a
+ * record, the record bytes in rec; its string arguments joined by '|' in
+ * text (log calls: identity|type|formatted text); what it returned. */
 struct Call {
     std::string name;
     std::vector<uint64_t> args;
@@ -147,12 +140,8 @@ const std::vector<uint32_t> &ServiceStatuses();
  * L3VPN_ProcEvt, LSM_HandleMsg, RecvServicePortEvent) fail by default (-1,
  * a 0 handle, or 1). Script them to succeed, e.g. FailAlways("IF_Event_Init",
  * fdOfAnEventfdTheTestOwns), and deliver events from a hook on the read call
- * through the callbacks below. The other calls on a registration
- * (IF_Select_Init, IF_SelectType_Set, IF_UnRegEvent, IF_NotifyFinalStatus,
- * IF_Event_Fini, L3VPN_RequestBatch, L3VPN_FinalStatusNotify,
- * L3VPN_DeregEvent, LSM_DeregProtocolHandler, LSM_SendGrEvent,
- * LSM_AddLspEntry, LSM_DeleteLspEntry, LSM_FlushLspEntry, PS_Deregister)
- * record and answer 0.
+ * through the callbacks below. The other calls on a registration record
+ * and answer 0.
  *
  * Journal details: 32-bit signed values (descriptors, i32 results) are
  * recorded sign-extended, unsigned ones zero-extended. LSM_AddLspEntry

@@ -41,7 +41,7 @@ std::string RestOf(const std::string &line, const std::string &board)
 
 TEST(BoardLog, OneLinePerCallWithTimeBoardIdentityTypeAndText)
 {
-    TempChassis chassis({.board = 1});
+    TempChassis chassis(1);
     Log("TBDL", "EVENT", "Bundle %d is %s.\r\n", 7, "up");
     Log("TBDL", "ERROR", "plain newline\n");
     Log("TBDL", "ERROR", "no line end");
@@ -59,7 +59,7 @@ TEST(BoardLog, OneLinePerCallWithTimeBoardIdentityTypeAndText)
 
 TEST(BoardLog, LinesOfConcurrentProcessesNeverMix)
 {
-    TempChassis chassis({.board = 1});
+    TempChassis chassis(1);
     const int kProcs = 4;
     const int kLines = 300;
     const std::string filler(300, 'a');

@@ -188,46 +188,11 @@ struct ScriptedDaemon {
     }
 };
 
-/* ---- codec: golden bytes ---- */
+/* ---- codec ---- */
 
-TEST(ConfigCodec, RequestsHaveTheWireLayout)
+TEST(ConfigCodec, LimitsAndCountsDecodeFromWireBytes)
 {
-    struct Case {
-        const char *what;
-        tc::Bytes got;
-        const char *hex;
-    };
-    const Case cases[] = {
-        {"bundle create 5 mode 2 tunnel mode 3",
-         tc::EncodeRequest(0, 1, 0, {tc::TlvBndNum(5), tc::TlvBndOp(2, 3)}),
-         "0000 0010 00000000 0001 0000  0002 0004 00000005  00ca 0004 0002 0003"},
-        {"member 7 weight 300 role 1", tc::EncodeTlvs({tc::TlvMemb({7, 300, 1})}), "00cc 0007 00000007 012c 01"},
-        {"address 10.1.2.3", tc::EncodeTlvs({tc::TlvAddr(*tc::ParseIpv4("10.1.2.3"))}),
-         "00cb 0014 0002 0000 0a010203 00000000 00000000 00000000"},
-        {"debug type 2", tc::EncodeTlvs({tc::TlvU32(TBDL_TLV_OP_U32, 2)}), "018e 0004 00000002"},
-        {"display limits", tc::EncodeRequest(1, 5, 0, {}), "0001 0000 00000000 0005 0000"},
-    };
-    for (const Case &c : cases) {
-        EXPECT_EQ(tc::ToHex(c.got), tc::ToHex(Hex(c.hex))) << c.what;
-    }
-}
-
-TEST(ConfigCodec, DisplayValuesDecodeFromWireBytes)
-{
-    /* Bundle 9, 192.168.0.1 with carried bytes 0xbeef, 2 members, tunnel
-     * mode 5, up, mode 2; members 100 (w 10, role 0, up), 101 (w 11, role 1). */
-    const tc::Bytes bnd = Hex("0002 beef c0a80001 000000000000000000000000"
-                              "00000009 00000002 0005 01 02"
-                              "00000064 000a 00 01  00000065 000b 01 00");
     std::string err;
-    std::optional<tc::BndDetail> d = tc::DecodeBndDetail(bnd, &err);
-    ASSERT_TRUE(d) << err;
-    EXPECT_EQ(tc::FormatAddr(d->stAddr), "192.168.0.1");
-    EXPECT_EQ(d->uiBndNum, 9u);
-    ASSERT_EQ(d->members.size(), 2u);
-    EXPECT_EQ(d->members[1].usWeight, 11u);
-    EXPECT_EQ(tc::EncodeBndDetail(*d), bnd) << "every field round-trips";
-
     std::optional<tc::Limits> lim = tc::DecodeLimits(Hex("00000400 00000008 0001 0000 0001 0000"), &err);
     ASSERT_TRUE(lim) << err;
     EXPECT_EQ(lim->uiMaxBndNum, 1024u);
@@ -238,10 +203,6 @@ TEST(ConfigCodec, DisplayValuesDecodeFromWireBytes)
     ASSERT_TRUE(cnt) << err;
     EXPECT_EQ(cnt->uiTotal, 3u);
     EXPECT_EQ(cnt->uiDown, 2u);
-    std::optional<tc::DebugSwitch> dbg = tc::DecodeDebugSwitch(Hex("00000002"), &err);
-    ASSERT_TRUE(dbg);
-    EXPECT_FALSE(dbg->error());
-    EXPECT_TRUE(dbg->event());
 }
 
 TEST(ConfigCodec, MalformedBytesAreRefused)
@@ -291,32 +252,6 @@ TEST(ConfigCodec, TextArguments)
 }
 
 /* ---- client against a scripted server ---- */
-
-TEST(ConfigClient, WalkPagesWithThePreviousBundleNumber)
-{
-    ScratchDir dir("cfgclient");
-    WriteChassisJson(dir.dir(), 1);
-    ScriptedDaemon daemon;
-    for (std::uint32_t n : {1u, 4u, 9u}) {
-        daemon.bundles[n] = SampleBundle(n, n % 3);
-    }
-    FakeCfgServer server(dir.dir(), 1, daemon);
-    tc::Outcome<tc::Client> client = tc::Client::Connect(dir.dir(), std::nullopt);
-    ASSERT_TRUE(client) << client.error();
-    tc::Outcome<tc::BndWalk> walk = client->WalkBundles();
-    ASSERT_TRUE(walk) << walk.error();
-    ASSERT_EQ(walk->bundles.size(), 3u);
-    EXPECT_EQ(walk->bundles[2].uiBndNum, 9u);
-    EXPECT_EQ(walk->bundles[1].members.size(), 1u);
-    EXPECT_EQ(walk->uiEndResult, TBDL_E_FAILED);
-
-    const std::vector<tc::Bytes> sent = server.requests();
-    ASSERT_EQ(sent.size(), 4u);
-    EXPECT_EQ(sent[0], tc::EncodeRequest(1, 0, 3, {}));
-    EXPECT_EQ(sent[1], tc::EncodeRequest(1, 0, 4, {tc::TlvBndNum(1)}));
-    EXPECT_EQ(sent[2], tc::EncodeRequest(1, 0, 4, {tc::TlvBndNum(4)}));
-    EXPECT_EQ(sent[3], tc::EncodeRequest(1, 0, 4, {tc::TlvBndNum(9)}));
-}
 
 TEST(ConfigClient, RepliesThatDoNotAnswerAreFailures)
 {

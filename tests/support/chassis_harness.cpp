@@ -56,7 +56,9 @@ std::vector<std::string> MergedEnv(const std::vector<std::string> &extra)
 std::vector<char *> Pointers(std::vector<std::string> &strings)
 {
     std::vector<char *> p;
-    for (auto &s : strings) p.push_back(s.data());
+    for (auto &s : strings) {
+        p.push_back(s.data());
+    }
     p.push_back(nullptr);
     return p;
 }
@@ -197,18 +199,25 @@ ProcRun Chassis::Start(const std::vector<std::string> &chassisdArgs, int timeout
     return RunProcess(argv, env_, timeoutMs + 5000);
 }
 
-ProcRun Chassis::Ctl(const std::vector<std::string> &args, int timeoutMs) const
+namespace {
+
+ProcRun RunTool(const std::string &tool, const std::string &dir, const std::vector<std::string> &args, int timeoutMs)
 {
-    std::vector<std::string> argv{BuildPath("tools/chassisctl"), "--dir", dir_};
+    std::vector<std::string> argv{BuildPath(tool), "--dir", dir};
     argv.insert(argv.end(), args.begin(), args.end());
     return RunProcess(argv, {}, timeoutMs);
 }
 
+} // namespace
+
+ProcRun Chassis::Ctl(const std::vector<std::string> &args, int timeoutMs) const
+{
+    return RunTool("tools/chassisctl", dir_, args, timeoutMs);
+}
+
 ProcRun Chassis::Tbdlctl(const std::vector<std::string> &args, int timeoutMs) const
 {
-    std::vector<std::string> argv{BuildPath("tools/tbdlctl"), "--dir", dir_};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return RunProcess(argv, {}, timeoutMs);
+    return RunTool("tools/tbdlctl", dir_, args, timeoutMs);
 }
 
 Json Chassis::CtlJson(const std::vector<std::string> &args) const

@@ -18,13 +18,7 @@ using namespace tbdl::systest;
 
 class ChassisDaemon : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        if (!Chassis::HaveRealDaemon()) {
-            GTEST_SKIP() << "daemon/tbdld is not built";
-        }
-        c.UseDaemon(Chassis::RealDaemon());
-    }
+    void SetUp() override { c.UseRealDaemon(); }
     void Tbdl(const std::vector<std::string> &args)
     {
         ProcRun r = c.Tbdlctl(args);
@@ -115,7 +109,7 @@ TEST_F(ChassisDaemon, DatabaseThatCannotBeOpenedFailsTheStart)
     for (const Case &k : cases) {
         SCOPED_TRACE(k.what);
         Chassis ch("chassis-db");
-        ch.UseDaemon(Chassis::RealDaemon());
+        ch.UseRealDaemon();
         k.spoil(ch.Path("dbm.sqlite"));
         ProcRun start = ch.Start({}, 20000);
         EXPECT_NE(start.status, 0);

@@ -35,24 +35,30 @@ protected:
 
     static std::string Hex(const std::string &spaced) { return tc::ToHex(*tc::FromHex(spaced)); }
 
+    /* Bundle 60 (1:1, tunnel mode 7, an address, members 600 up and 601
+     * down) and bundle 62 (load balancing, nothing else). */
+    void Populate()
+    {
+        tc::Client &c = *m_client;
+        ASSERT_TRUE(AddTunnel(m_chassis, 600, 7, true));
+        ASSERT_TRUE(AddTunnel(m_chassis, 601, 7, false));
+        ASSERT_TRUE(Answers(c.CreateBundle(60, TBDL_MODE_ONETOONE, 7), TBDL_OK));
+        ASSERT_TRUE(Answers(c.CreateBundle(62, TBDL_MODE_LOADBALANCING, 0), TBDL_OK));
+        /* The address with two carried bytes, which travel as received. */
+        ASSERT_TRUE(Exited(m_chassis.Tbdlctl({"raw", "--class", "0", "--type", "1", "--oper", "0", "--tlv", "2:0000003c",
+                                              "--tlv", "203:0002beef0a060001000000000000000000000000"}), 0));
+        ASSERT_TRUE(Answers(c.AddMember(60, {600, 3, 0}), TBDL_OK));
+        ASSERT_TRUE(Answers(c.AddMember(60, {601, 4, 1}), TBDL_OK));
+    }
+
     Chassis m_chassis{"cfgdisp"};
     std::optional<tc::Client> m_client;
 };
 
+
 TEST_F(ConfigDisplay, ReplyBytesOfEachDisplay)
 {
-    tc::Client &c = *m_client;
-    ASSERT_TRUE(AddTunnel(m_chassis, 600, 7, true));
-    ASSERT_TRUE(AddTunnel(m_chassis, 601, 7, false));
-    ASSERT_TRUE(Answers(c.CreateBundle(60, TBDL_MODE_ONETOONE, 7), TBDL_OK));
-    ASSERT_TRUE(Answers(c.CreateBundle(62, TBDL_MODE_LOADBALANCING, 0), TBDL_OK));
-    /* The address with two carried bytes, which travel as received. */
-    ProcRun run = m_chassis.Tbdlctl({"raw", "--class", "0", "--type", "1", "--oper", "0", "--tlv", "2:0000003c", "--tlv",
-                                     "203:0002beef0a060001000000000000000000000000"});
-    ASSERT_TRUE(Exited(run, 0));
-    ASSERT_TRUE(Answers(c.AddMember(60, {600, 3, 0}), TBDL_OK));
-    ASSERT_TRUE(Answers(c.AddMember(60, {601, 4, 1}), TBDL_OK));
-
+    ASSERT_NO_FATAL_FAILURE(Populate());
     struct Case {
         const char *what;
         const char *request;
@@ -85,8 +91,33 @@ TEST_F(ConfigDisplay, ReplyBytesOfEachDisplay)
             EXPECT_EQ(got.substr(24 + 8 + 40, 8), "0000003c") << k.what;
         }
     }
-    EXPECT_TRUE(KtbdlMatches(m_chassis, c));
-    EXPECT_TRUE(StoreMatches(m_chassis, c));
+    EXPECT_TRUE(KtbdlMatches(m_chassis, *m_client));
+    EXPECT_TRUE(StoreMatches(m_chassis, *m_client));
+}
+
+TEST_F(ConfigDisplay, TbdlctlShowsTablesAndJson)
+{
+    ASSERT_NO_FATAL_FAILURE(Populate());
+    ProcRun run = m_chassis.Tbdlctl({"show", "bundles"});
+    ASSERT_TRUE(Exited(run, 0));
+    EXPECT_EQ(run.out, "Bundle  Mode           TnlMode  State  Address   Members\n"
+                       "60      1:1            7        up     10.6.0.1  601,600\n"
+                       "62      loadbalancing  0        down   -         -\n");
+    run = m_chassis.Tbdlctl({"show", "bundle", "60"});
+    ASSERT_TRUE(Exited(run, 0));
+    EXPECT_EQ(run.out, "Tunnel-Bundle60\n  Work mode    : 1:1 (2)\n  Tunnel mode  : 7\n  State        : up\n"
+                       "  Address      : 10.6.0.1\n  Members      : 2\n\n  Member     Weight  Role  State\n"
+                       "  Tunnel601  4       1     down\n  Tunnel600  3       0     up\n");
+    run = m_chassis.Tbdlctl({"--json", "show", "bundles"});
+    ASSERT_TRUE(Exited(run, 0));
+    Json j = Json::parse(run.out)["bundles"];
+    ASSERT_EQ(j.size(), 2u);
+    EXPECT_EQ(j[0]["mode_name"], "1:1");
+    EXPECT_EQ(j[0]["members"][0], Json::parse(R"({"role":1,"state":0,"tunnel":601,"up":false,"weight":4})"));
+    EXPECT_EQ(j[1]["address"], nullptr);
+    run = m_chassis.Tbdlctl({"show", "bundle", "61"});
+    EXPECT_TRUE(Exited(run, 1));
+    EXPECT_EQ(run.err, tc::DescribeResult(TBDL_E_FAILED) + "\n");
 }
 
 TEST_F(ConfigDisplay, DebugSwitchWord)

@@ -69,27 +69,13 @@ TEST_F(ConfigDisplay, ReplyBytesOfEachDisplay)
          "0001 0034 00000000 0000 0002  0192 0030"
          "  0002 beef 0a060001 000000000000000000000000  0000003c 00000002 0007 01 02"
          "  00000259 0004 01 00  00000258 0003 00 01"},
-        {"details of a bundle without members", "0001 0008 00000000 0000 0002  0002 0004 0000003e",
-         "0001 0024 00000000 0000 0002  0192 0020"
-         "  0000 0000 00000000 000000000000000000000000  0000003e 00000000 0000 00 01"},
-        {"first bundle", "0001 0000 00000000 0000 0003", nullptr},
-        {"no bundle after the last", "0001 0008 00000000 0000 0004  0002 0004 0000003e",
-         "0001 0000 40010001 0000 0004"},
-        {"counts of one bundle", "0001 0008 00000000 0000 0005  0002 0004 0000003c",
-         "0001 0010 00000000 0000 0005  0193 000c 00000001 00000001 00000000"},
         {"counts of all bundles", "0001 0008 00000000 0000 0005  0002 0004 ffffffff",
          "0001 0010 00000000 0000 0005  0193 000c 00000002 00000001 00000001"},
         {"limits from the chassis settings", "0001 0000 00000000 0005 0000",
          "0001 0014 00000000 0005 0000  0195 0010 00000064 00000003 0001 0001 0001 0000"},
     };
     for (const Case &k : cases) {
-        std::string got = RawHex(k.request);
-        if (k.reply != nullptr) {
-            EXPECT_EQ(got, Hex(k.reply)) << k.what;
-        } else {
-            EXPECT_EQ(got.substr(0, 24), Hex("0001 0034 00000000 0000 0003")) << k.what;
-            EXPECT_EQ(got.substr(24 + 8 + 40, 8), "0000003c") << k.what;
-        }
+        EXPECT_EQ(RawHex(k.request), Hex(k.reply)) << k.what;
     }
     EXPECT_TRUE(KtbdlMatches(m_chassis, *m_client));
     EXPECT_TRUE(StoreMatches(m_chassis, *m_client));
@@ -115,6 +101,8 @@ TEST_F(ConfigDisplay, TbdlctlShowsTablesAndJson)
     EXPECT_EQ(j[0]["mode_name"], "1:1");
     EXPECT_EQ(j[0]["members"][0], Json::parse(R"({"role":1,"state":0,"tunnel":601,"up":false,"weight":4})"));
     EXPECT_EQ(j[1]["address"], nullptr);
+    EXPECT_EQ(m_chassis.Tbdlctl({"--json", "show", "counts"}).out, "{\"down\":1,\"total\":2,\"up\":1}\n");
+    EXPECT_EQ(m_chassis.Tbdlctl({"--json", "show", "counts", "62"}).out, "{\"down\":1,\"total\":1,\"up\":0}\n");
     run = m_chassis.Tbdlctl({"show", "bundle", "61"});
     EXPECT_TRUE(Exited(run, 1));
     EXPECT_EQ(run.err, tc::DescribeResult(TBDL_E_FAILED) + "\n");
@@ -122,23 +110,15 @@ TEST_F(ConfigDisplay, TbdlctlShowsTablesAndJson)
 
 TEST_F(ConfigDisplay, DebugSwitchWord)
 {
-    struct Step {
-        std::vector<std::string> cmd;
-        const char *word;
-    };
-    const Step steps[] = {
-        {{}, "00000000"},
-        {{"on", "event"}, "00000002"},
-        {{"on", "all"}, "00000003"},
-        {{"off", "event"}, "00000001"},
-    };
-    for (const Step &s : steps) {
-        if (!s.cmd.empty()) {
-            EXPECT_TRUE(Exited(m_chassis.Tbdlctl({"debug", s.cmd[0], s.cmd[1]}), 0)) << s.cmd[0] << " " << s.cmd[1];
+    const std::pair<const char *, const char *> steps[] = {{"", "00000000"}, {"on event", "00000002"},
+                                                           {"on all", "00000003"}, {"off event", "00000001"}};
+    for (const auto &[cmd, word] : steps) {
+        if (*cmd != 0) {
+            std::string c(cmd);
+            EXPECT_TRUE(Exited(m_chassis.Tbdlctl({"debug", c.substr(0, c.find(' ')), c.substr(c.find(' ') + 1)}), 0));
         }
-        EXPECT_EQ(RawHex("0001 0000 00000000 0001 0000"),
-                  Hex(std::string("0001 0008 00000000 0001 0000 0194 0004") + s.word))
-            << "after " << (s.cmd.empty() ? "start" : s.cmd[0] + " " + s.cmd[1]);
+        EXPECT_EQ(RawHex("0001 0000 00000000 0001 0000"), Hex(std::string("0001 0008 00000000 0001 0000 0194 0004") + word))
+            << "after '" << cmd << "'";
     }
     ProcRun run = m_chassis.Tbdlctl({"debug", "on", "3"});
     EXPECT_TRUE(Exited(run, 1));

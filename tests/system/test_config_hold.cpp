@@ -66,7 +66,7 @@ TEST(ConfigModes, ModesSwitchedOffInTheSettings)
     EXPECT_TRUE(Exited(chassis.Tbdlctl({"bundle", "create", "4", "--mode", "1:1"}), 0));
     /* A mode value sharing a bit with an enabled mode passes and is kept as
      * given. */
-    EXPECT_TRUE(Answers(c->CreateBundle(8, 3, 0), TBDL_OK));
+    EXPECT_TRUE(Exited(chassis.Tbdlctl({"bundle", "create", "8", "--mode", "3"}), 0));
     tc::Outcome<tc::Shown<tc::BndDetail>> shown = c->ShowBundle(8);
     ASSERT_TRUE(shown && shown->value);
     EXPECT_EQ(shown->value->ucMode, 3u);

@@ -166,14 +166,10 @@ inline testing::AssertionResult KtbdlMatches(const Chassis &chassis, tc::Client 
     return bad.str().empty() ? testing::AssertionSuccess() : testing::AssertionFailure() << bad.str();
 }
 
-/* Stored records, decoded from chassisctl's database dump, as signatures:
- * bundle -> "mode M tnl T family F addr HEX", bundle -> tunnel -> "w W r R".
- * Member lists left empty are not kept. */
-struct Stored {
-    std::map<std::uint32_t, std::string> bundles;
-    std::map<std::uint32_t, std::map<std::uint32_t, std::string>> members;
-    bool operator==(const Stored &) const = default;
-};
+/* Stored records, decoded from chassisctl's database dump, by name:
+ * "Tunnel-Bundle<n>" -> "mode M tnl T family F addr HEX" and
+ * "Tunnel-Bundle<n> Tunnel<t>" -> "weight W role R". */
+using Stored = std::map<std::string, std::string>;
 
 inline std::string BndSig(unsigned mode, unsigned tnlMode, unsigned family, const std::string &addrHex)
 {
@@ -181,9 +177,10 @@ inline std::string BndSig(unsigned mode, unsigned tnlMode, unsigned family, cons
            " addr " + addrHex;
 }
 
+inline std::string MembKey(std::uint32_t bnd, std::uint32_t tnl) { return BndName(bnd) + " Tunnel" + std::to_string(tnl); }
 inline std::string MembSig(unsigned weight, unsigned role)
 {
-    return "w " + std::to_string(weight) + " r " + std::to_string(role);
+    return "weight " + std::to_string(weight) + " role " + std::to_string(role);
 }
 
 inline std::optional<Stored> ReadStored(const Chassis &chassis)
@@ -206,9 +203,9 @@ inline std::optional<Stored> ReadStored(const Chassis &chassis)
             for (const Json &rec : list["records"]) {
                 std::optional<tc::Bytes> r = tc::FromHex(rec.get<std::string>());
                 if (key && r && *key == tc::Bytes{1} && r->size() == 32) {
-                    s.bundles[be(*r, 20, 4)] = BndSig((*r)[24], (*r)[25], be(*r, 0, 2), tc::ToHex(r->data() + 4, 4));
+                    s[BndName(be(*r, 20, 4))] = BndSig((*r)[24], (*r)[25], be(*r, 0, 2), tc::ToHex(r->data() + 4, 4));
                 } else if (key && r && key->size() == 5 && (*key)[0] == 2 && r->size() == 12) {
-                    s.members[be(*key, 1, 4)][be(*r, 0, 4)] = MembSig(be(*r, 4, 2), (*r)[6]);
+                    s[MembKey(be(*key, 1, 4), be(*r, 0, 4))] = MembSig(be(*r, 4, 2), (*r)[6]);
                 } else {
                     return std::nullopt;
                 }
@@ -216,22 +213,6 @@ inline std::optional<Stored> ReadStored(const Chassis &chassis)
         }
     }
     return s;
-}
-
-inline std::string Describe(const Stored &s)
-{
-    std::ostringstream o;
-    for (const auto &[n, b] : s.bundles) {
-        o << BndName(n) << " " << b << ";";
-        for (const auto &[t, m] : s.members.count(n) != 0 ? s.members.at(n) : std::map<std::uint32_t, std::string>{}) {
-            o << " Tunnel" << t << " " << m << ";";
-        }
-        o << "\n";
-    }
-    for (const auto &[n, m] : s.members) {
-        o << (s.bundles.count(n) == 0 ? "members of " + BndName(n) + " without the bundle\n" : "");
-    }
-    return o.str();
 }
 
 /* The stored records describe exactly the daemon's table: one bundle record
@@ -244,18 +225,26 @@ inline testing::AssertionResult StoreMatches(const Chassis &chassis, tc::Client 
     if (!table || !stored) {
         return testing::AssertionFailure() << "cannot read the table or the database";
     }
-    std::erase_if(stored->members, [](const auto &m) { return m.second.empty(); });
     Stored want;
     for (const auto &[n, d] : *table) {
-        want.bundles[n] = BndSig(d.ucMode, d.usTnlMode, d.stAddr.usFamily, tc::ToHex(d.stAddr.aucAddr.data(), 4));
+        want[BndName(n)] = BndSig(d.ucMode, d.usTnlMode, d.stAddr.usFamily, tc::ToHex(d.stAddr.aucAddr.data(), 4));
         for (const tc::MembDetail &m : d.members) {
-            want.members[n][m.uiTnlNum] = MembSig(m.usWeight, m.ucRole);
+            want[MembKey(n, m.uiTnlNum)] = MembSig(m.usWeight, m.ucRole);
         }
     }
-    if (*stored == want) {
-        return testing::AssertionSuccess();
+    std::ostringstream bad;
+    for (const auto &[name, sig] : want) {
+        auto st = stored->find(name);
+        if (st == stored->end() || st->second != sig) {
+            bad << name << " shown as '" << sig << "', stored " << (st == stored->end() ? "nothing" : st->second) << "; ";
+        }
     }
-    return testing::AssertionFailure() << "stored:\n" << Describe(*stored) << "shown:\n" << Describe(want);
+    for (const auto &[name, sig] : *stored) {
+        if (want.count(name) == 0) {
+            bad << name << " stored as '" << sig << "' is not shown; ";
+        }
+    }
+    return bad.str().empty() ? testing::AssertionSuccess() : testing::AssertionFailure() << bad.str();
 }
 
 /* Starts a chassis with the real board daemon and waits until the master's

@@ -301,8 +301,8 @@ TEST_F(ChassisPlatform, DaemonKeepsItsBundleWhenTheDatabaseWriteFails)
     EXPECT_TRUE(cfg::KtbdlMatches(c, *client)) << "and reached the kernel";
     std::optional<cfg::Stored> stored = cfg::ReadStored(c);
     ASSERT_TRUE(stored);
-    EXPECT_EQ(stored->bundles.count(5), 0u) << "its write failed";
-    EXPECT_EQ(stored->bundles.count(6), 1u) << "the next write went through";
+    EXPECT_EQ(stored->count("Tunnel-Bundle5"), 0u) << "its write failed";
+    EXPECT_EQ(stored->count("Tunnel-Bundle6"), 1u) << "the next write went through";
 }
 
 /* HA callbacks of this process. */

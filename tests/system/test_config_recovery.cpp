@@ -53,15 +53,6 @@ protected:
         }
     }
 
-    static std::set<std::uint32_t> Members(const tc::BndDetail &d)
-    {
-        std::set<std::uint32_t> s;
-        for (const tc::MembDetail &m : d.members) {
-            s.insert(m.uiTnlNum);
-        }
-        return s;
-    }
-
     /* Bundles as shown, reduced to what recovery must keep. */
     std::map<std::uint32_t, std::string> Summary()
     {
@@ -109,9 +100,7 @@ TEST_F(ConfigRecovery, ProcessRestartComparesVrf)
     for (std::uint32_t n : {1u, 2u, 5u}) {
         EXPECT_EQ(after[n], before[n]) << "bundle " << n;
     }
-    tc::Outcome<tc::Shown<tc::BndDetail>> b4 = m_client->ShowBundle(4);
-    ASSERT_TRUE(b4 && b4->value);
-    EXPECT_EQ(Members(*b4->value), std::set<std::uint32_t>{42}) << "a member that changed VRF is dropped";
+    EXPECT_EQ(after[4], "mode 1 addr  state 1 members 42/w1/r0") << "a member that changed VRF is dropped";
     EXPECT_TRUE(StoreMatches(m_chassis, *m_client));
     /* The kernel keeps the dropped member of bundle 4: nothing tells it
      * to forget a member that recovery did not restore. */
@@ -171,8 +160,8 @@ TEST_F(ConfigRecovery, ModeSwitchedOffDiscardsStoredBundles)
     EXPECT_EQ(IfIndexes(m_chassis).count("Tunnel-Bundle2"), 0u);
     std::optional<Stored> stored = ReadStored(m_chassis);
     ASSERT_TRUE(stored);
-    EXPECT_EQ(stored->bundles.count(2), 0u);
-    EXPECT_TRUE(stored->members[2].empty()) << "the members of a discarded bundle are dropped too";
+    EXPECT_EQ(stored->lower_bound("Tunnel-Bundle2"), stored->lower_bound("Tunnel-Bundle3"))
+        << "the discarded bundle and its members are not stored";
     EXPECT_TRUE(StoreMatches(m_chassis, *m_client));
     EXPECT_TRUE(KtbdlMatches(m_chassis, *m_client));
     EXPECT_TRUE(Answers(m_client->AddMember(1, {21, 1, 0}), TBDL_OK)) << "its tunnels are free";

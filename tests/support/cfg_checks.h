@@ -63,13 +63,12 @@ inline bool WaitCfgAnswers(const Chassis &chassis, int timeoutMs = 15000)
         timeoutMs, 5);
 }
 
-/* chassisctl if add Tunnel<n> --mode m --state up|down [--vrf v]. */
-inline testing::AssertionResult AddTunnel(const Chassis &chassis, std::uint32_t n, std::uint32_t mode = 0,
-                                          bool up = true, std::uint16_t vrf = 0)
+/* chassisctl if add Tunnel<n> --mode m --state up|down. */
+inline testing::AssertionResult AddTunnel(const Chassis &chassis, std::uint32_t n, std::uint32_t mode = 0, bool up = true)
 {
-    std::vector<std::string> args{"if",    "add", "Tunnel" + std::to_string(n), "--mode", std::to_string(mode),
-                                  "--state", up ? "up" : "down", "--vrf", std::to_string(vrf)};
-    return Exited(chassis.Ctl(vrf != 0 ? args : std::vector<std::string>(args.begin(), args.end() - 2)), 0);
+    return Exited(chassis.Ctl({"if", "add", "Tunnel" + std::to_string(n), "--mode", std::to_string(mode), "--state",
+                               up ? "up" : "down"}),
+                  0);
 }
 
 /* name -> interface index of every interface of the chassis. */

@@ -5,6 +5,8 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <fstream>
+
 #include <gtest/gtest.h>
 
 #include "chassis_harness.h"
@@ -106,12 +108,8 @@ TEST(Chassis, OperatorErrorsEndWithOneErrorLine)
 {
     Chassis c;
     std::string garbage = c.Path("garbage.json"), invalid = c.Path("invalid.json");
-    FILE *f = fopen(garbage.c_str(), "w");
-    fputs("{not json", f);
-    fclose(f);
-    f = fopen(invalid.c_str(), "w");
-    fputs(R"({"boards":[2]})", f);
-    fclose(f);
+    std::ofstream(garbage) << "{not json";
+    std::ofstream(invalid) << R"({"boards":[2]})";
     struct Case {
         const char *what;
         bool chassisd; /* run chassisd itself, else chassisctl */

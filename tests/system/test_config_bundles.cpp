@@ -158,21 +158,4 @@ TEST_F(ConfigBundles, ProtectionMembersTakeTwoDifferentRoles)
     }
 }
 
-TEST_F(ConfigBundles, MemberRefusalsFromTheChassisInterfaces)
-{
-    ASSERT_TRUE(Answers(client().CreateBundle(50, TBDL_MODE_LOADBALANCING, 0), TBDL_OK));
-    ASSERT_TRUE(Answers(client().CreateBundle(51, TBDL_MODE_LOADBALANCING, 0), TBDL_OK));
-    ASSERT_TRUE(AddTunnel(chassis(), 500, 3));
-    ASSERT_TRUE(AddTunnel(chassis(), 501, 0, true, 9));
-    ASSERT_TRUE(AddTunnel(chassis(), 502));
-    ASSERT_TRUE(Answers(client().AddMember(50, {502, 1, 0}), TBDL_OK));
-    const std::pair<std::uint32_t, std::uint32_t> cases[] = {
-        {500, TBDL_E_TNL_MODE_MISMATCH}, {501, TBDL_E_VRF_MISMATCH}, {502, TBDL_E_MEMB_IN_OTHER_BND}, {599, TBDL_E_FAILED}};
-    for (const auto &[tnl, want] : cases) {
-        EXPECT_TRUE(Tbdl({"member", "add", "51", "--tunnel", std::to_string(tnl)}, want)) << tnl;
-    }
-    EXPECT_TRUE(Show(51)->members.empty());
-    EXPECT_TRUE(Consistent());
-}
-
 }  // namespace

@@ -225,7 +225,9 @@ TEST_F(ChassisPlatform, PlannedDatabaseFailuresChangeNothing)
     Ctl({"fail", "DBM_RemoveSortList", "--result", "9"});
     EXPECT_EQ(DBM_RemoveSortList(handle, key, 1, 32, rec), 9u);
     EXPECT_EQ(DBM_Len(handle, key, 1), 1u) << "a failed removal removes nothing";
-    for (const Json &call : c.CtlJson({"dump", "fail"})["boards"][0]["calls"]) {
+    const Json plan = c.CtlJson({"dump", "fail"});
+    ASSERT_EQ(plan["boards"][0]["calls"].size(), 4u);
+    for (const Json &call : plan["boards"][0]["calls"]) {
         EXPECT_EQ(call["hits"], 1) << call;
         EXPECT_EQ(call["left"], 0) << call;
     }

@@ -20,11 +20,12 @@ protected:
         ASSERT_TRUE(Restart());
     }
 
-    /* chassisctl board restart 0, then a fresh client on the new process. */
-    testing::AssertionResult Restart()
+    /* chassisctl board restart 0 (or reboot), then a fresh client on the new process. */
+    testing::AssertionResult Restart(const char *how = "board")
     {
         const pid_t before = m_chassis.BoardPid(0);
-        ProcRun run = m_chassis.Ctl({"board", "restart", "0"});
+        ProcRun run = m_chassis.Ctl(std::string(how) == "board" ? std::vector<std::string>{"board", "restart", "0"}
+                                                                : std::vector<std::string>{how});
         if (run.status != 0 || m_chassis.BoardPid(0) == before || !WaitCfgAnswers(m_chassis)) {
             return testing::AssertionFailure() << "no new daemon answers";
         }
@@ -120,9 +121,7 @@ TEST_F(ConfigRecovery, RebootTakesTheStoredVrf)
     for (const char *name : {"Tunnel-Bundle2", "Tunnel-Bundle6", "Tunnel22"}) {
         ASSERT_TRUE(Exited(m_chassis.Ctl({"vrf", "bind", name, "9"}), 0)) << name;
     }
-    ASSERT_TRUE(Exited(m_chassis.Ctl({"reboot"}), 0));
-    ASSERT_TRUE(WaitCfgAnswers(m_chassis));
-    ASSERT_TRUE(Reconnect());
+    ASSERT_TRUE(Restart("reboot"));
     EXPECT_EQ(StartCause(), 0);
 
     EXPECT_EQ(Summary(), before) << "nothing was discarded";
@@ -130,16 +129,12 @@ TEST_F(ConfigRecovery, RebootTakesTheStoredVrf)
     EXPECT_TRUE(StoreMatches(m_chassis, *m_client));
     /* The kernel, emptied by the reboot, was told the stored VRF. */
     const std::map<std::string, std::uint32_t> ifs = IfIndexes(m_chassis);
-    Json k = m_chassis.CtlJson({"dump", "ktbdl", "--board", "0"});
-    ASSERT_TRUE(k.is_object());
-    int seen = 0;
-    for (const Json &e : k["bundles"]) {
-        if (e["ifindex"] == ifs.at("Tunnel-Bundle2") || e["ifindex"] == ifs.at("Tunnel-Bundle6")) {
-            EXPECT_EQ(e.value("vrf", -1), 0) << e.dump();
-            seen++;
-        }
+    std::map<std::uint32_t, int> vrfs; /* interface index -> VRF in the kernel */
+    const Json kernel = m_chassis.CtlJson({"dump", "ktbdl", "--board", "0"});
+    for (const Json &e : kernel["bundles"]) {
+        vrfs[e["ifindex"]] = e.value("vrf", -1);
     }
-    EXPECT_EQ(seen, 2);
+    EXPECT_EQ(vrfs, (std::map<std::uint32_t, int>{{ifs.at("Tunnel-Bundle2"), 0}, {ifs.at("Tunnel-Bundle6"), 0}}));
 }
 
 TEST_F(ConfigRecovery, ModeSwitchedOffDiscardsStoredBundles)
@@ -158,11 +153,7 @@ TEST_F(ConfigRecovery, ModeSwitchedOffDiscardsStoredBundles)
     EXPECT_EQ(after[1], before[1]);
     EXPECT_EQ(after[3], before[3]);
     EXPECT_EQ(IfIndexes(m_chassis).count("Tunnel-Bundle2"), 0u);
-    std::optional<Stored> stored = ReadStored(m_chassis);
-    ASSERT_TRUE(stored);
-    EXPECT_EQ(stored->lower_bound("Tunnel-Bundle2"), stored->lower_bound("Tunnel-Bundle3"))
-        << "the discarded bundle and its members are not stored";
-    EXPECT_TRUE(StoreMatches(m_chassis, *m_client));
+    EXPECT_TRUE(StoreMatches(m_chassis, *m_client)) << "the discarded bundle and its members are not stored";
     EXPECT_TRUE(KtbdlMatches(m_chassis, *m_client));
     EXPECT_TRUE(Answers(m_client->AddMember(1, {21, 1, 0}), TBDL_OK)) << "its tunnels are free";
 }

@@ -346,16 +346,17 @@ TEST_F(ChassisPlatform, HaChannelDeliversEventsAndRelaysTheMastersMessages)
     ASSERT_TRUE(DispatchOne(fd));
     EXPECT_EQ(g_events, std::vector<u32>({2}));
     EXPECT_EQ(HA_Response(fd, 2, nullptr), 0u);
-    Json last = c.CtlJson({"dump", "ha"})["responses"].back();
-    EXPECT_EQ(last["board"], 1);
-    EXPECT_EQ(last["event"], 2);
+    EXPECT_TRUE(WaitUntil([&] {
+        Json r = c.CtlJson({"dump", "ha"})["responses"];
+        return !r.empty() && r.back()["board"] == 1 && r.back()["event"] == 2;
+    }));
 
     /* Messages this board sends go to board 0's daemon. */
     char text[] = "from-test";
     EXPECT_EQ(HA_SendMsgSync(fd, text, 9, 1), 0u);
     EXPECT_TRUE(c.WaitFile("board0/fake.log", "ha message 1 from-test"));
     EXPECT_EQ(HA_Exit(fd), 0u);
-    EXPECT_FALSE(c.CtlJson({"dump", "ha"})["boards"][1]["joined"].get<bool>());
+    EXPECT_TRUE(WaitUntil([&] { return !c.CtlJson({"dump", "ha"})["boards"][1]["joined"].get<bool>(); }));
 }
 
 TEST_F(ChassisPlatform, LsmKeepsEntriesAcrossSmoothingCyclesOfTheProtocol)

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <ftw.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,17 +22,6 @@ namespace tbdl::systest {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-/* Reads what is there without waiting; false once the pipe is closed. */
-bool Drain(int fd, std::string &into)
-{
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fd, buf, sizeof(buf))) > 0) {
-        into.append(buf, static_cast<size_t>(n));
-    }
-    return n < 0 && (errno == EAGAIN || errno == EINTR);
-}
 
 /* The caller's environment with the NAME=value entries of extra replacing theirs. */
 std::vector<std::string> MergedEnv(const std::vector<std::string> &extra)
@@ -65,50 +53,38 @@ std::vector<char *> Pointers(std::vector<std::string> &strings)
 
 } // namespace
 
+/* Output goes to unlinked temporary files rather than pipes: daemons the
+ * program leaves behind may keep them open without holding up the run. */
 ProcRun RunProcess(const std::vector<std::string> &argv, const std::vector<std::string> &env, int timeoutMs)
 {
     ProcRun run;
-    int out[2], err[2];
-    if (pipe2(out, O_CLOEXEC | O_NONBLOCK) != 0 || pipe2(err, O_CLOEXEC | O_NONBLOCK) != 0) {
-        return run;
-    }
+    char outPath[] = "/tmp/tbdl-run-XXXXXX", errPath[] = "/tmp/tbdl-run-XXXXXX";
+    int out = mkstemp(outPath), err = mkstemp(errPath);
     std::vector<std::string> envStore = MergedEnv(env), argStore(argv);
     std::vector<char *> envp = Pointers(envStore), args = Pointers(argStore);
-    pid_t pid = fork();
+    pid_t pid = out >= 0 && err >= 0 ? fork() : -1;
     if (pid == 0) {
-        int in = open("/dev/null", O_RDONLY);
-        dup2(in, 0);
-        dup2(out[1], 1);
-        dup2(err[1], 2);
-        fcntl(1, F_SETFL, 0);
-        fcntl(2, F_SETFL, 0);
+        dup2(open("/dev/null", O_RDONLY), 0);
+        dup2(out, 1);
+        dup2(err, 2);
         execve(args[0], args.data(), envp.data());
         _exit(127);
     }
-    close(out[1]);
-    close(err[1]);
-    auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
     int ws = 0;
-    bool outOpen = pid > 0, errOpen = pid > 0;
-    while (pid > 0) {
-        pid_t r = waitpid(pid, &ws, WNOHANG);
-        outOpen = outOpen && Drain(out[0], run.out);
-        errOpen = errOpen && Drain(err[0], run.err);
-        if (r == pid) {
-            break;
-        }
-        if (Clock::now() >= deadline) {
-            run.timedOut = true;
-            kill(pid, SIGKILL);
-            waitpid(pid, &ws, 0);
-            break;
-        }
-        pollfd fds[2] = {{outOpen ? out[0] : -1, POLLIN, 0}, {errOpen ? err[0] : -1, POLLIN, 0}};
-        poll(fds, 2, 10);
+    bool exited = pid > 0 && WaitUntil([&] { return waitpid(pid, &ws, WNOHANG) == pid; }, timeoutMs, 2);
+    if (pid > 0 && !exited) {
+        run.timedOut = true;
+        kill(pid, SIGKILL);
+        waitpid(pid, &ws, 0);
     }
-    close(out[0]);
-    close(err[0]);
-    run.status = pid > 0 && WIFEXITED(ws) && !run.timedOut ? WEXITSTATUS(ws) : -1;
+    run.out = ReadFile(outPath);
+    run.err = ReadFile(errPath);
+    for (const char *path : {outPath, errPath}) {
+        unlink(path);
+    }
+    close(out);
+    close(err);
+    run.status = exited && WIFEXITED(ws) ? WEXITSTATUS(ws) : -1;
     return run;
 }
 

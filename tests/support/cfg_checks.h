@@ -261,6 +261,36 @@ inline testing::AssertionResult StartWithDaemon(Chassis &chassis, const std::vec
     return testing::AssertionSuccess();
 }
 
+/* A chassis with the real board daemon per test, started with the
+ * chassisd options given, and a client on its master board. */
+class DaemonTest : public testing::Test {
+protected:
+    explicit DaemonTest(const std::string &tag, std::vector<std::string> args = {})
+        : m_chassis(tag), m_args(std::move(args))
+    {
+    }
+    void SetUp() override
+    {
+        ASSERT_TRUE(StartWithDaemon(m_chassis, m_args));
+        ASSERT_TRUE(Reconnect());
+    }
+    /* A fresh client, for a new daemon process. */
+    testing::AssertionResult Reconnect()
+    {
+        m_client.reset();
+        tc::Outcome<tc::Client> c = Connect(m_chassis);
+        if (!c) {
+            return testing::AssertionFailure() << c.error();
+        }
+        m_client.emplace(std::move(*c));
+        return testing::AssertionSuccess();
+    }
+
+    Chassis m_chassis;
+    std::vector<std::string> m_args;
+    std::optional<tc::Client> m_client;
+};
+
 }  // namespace tbdl::cfgtest
 
 #endif

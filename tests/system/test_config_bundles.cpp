@@ -1,8 +1,6 @@
 /* Bundle and member configuration through tbdlctl and the client against
  * the real daemon; after each step the kernel table and the stored records
- * must agree with the displays. The tests share one chassis, so each uses
- * its own numbers; a keeper bundle keeps the table from emptying (which
- * would start the hold). */
+ * must agree with the displays. */
 #include <gtest/gtest.h>
 
 #include "cfg_checks.h"
@@ -12,36 +10,10 @@ using namespace tbdl::cfgtest;
 
 namespace {
 
-constexpr std::uint32_t kKeeper = 1023;
-
-class ConfigBundles : public ::testing::Test {
+class ConfigBundles : public DaemonTest {
 protected:
-    static void SetUpTestSuite()
-    {
-        s_chassis = new Chassis("cfgbnd");
-        s_started = StartWithDaemon(*s_chassis);
-        if (s_started) {
-            tc::Outcome<tc::Client> c = Connect(*s_chassis);
-            s_started = c ? Answers(c->CreateBundle(kKeeper, TBDL_MODE_LOADBALANCING, 0), TBDL_OK)
-                          : testing::AssertionFailure() << c.error();
-        }
-    }
-
-    static void TearDownTestSuite()
-    {
-        delete s_chassis;
-        s_chassis = nullptr;
-    }
-
-    void SetUp() override
-    {
-        ASSERT_TRUE(s_started) << s_started.message();
-        tc::Outcome<tc::Client> c = Connect(*s_chassis);
-        ASSERT_TRUE(c) << c.error();
-        m_client.emplace(std::move(*c));
-    }
-
-    Chassis &chassis() { return *s_chassis; }
+    ConfigBundles() : DaemonTest("cfgbnd") {}
+    Chassis &chassis() { return m_chassis; }
     tc::Client &client() { return *m_client; }
 
     /* tbdlctl args... ended with the status; a refusal prints exactly refusal's description. */
@@ -66,14 +38,7 @@ protected:
         testing::AssertionResult k = KtbdlMatches(chassis(), client());
         return k ? StoreMatches(chassis(), client()) : k;
     }
-
-    static Chassis *s_chassis;
-    static testing::AssertionResult s_started;
-    std::optional<tc::Client> m_client;
 };
-
-Chassis *ConfigBundles::s_chassis = nullptr;
-testing::AssertionResult ConfigBundles::s_started = testing::AssertionFailure();
 
 TEST_F(ConfigBundles, CreateInEachModeAndDelete)
 {

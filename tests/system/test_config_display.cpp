@@ -10,15 +10,9 @@ using namespace tbdl::cfgtest;
 
 namespace {
 
-class ConfigDisplay : public ::testing::Test {
+class ConfigDisplay : public DaemonTest {
 protected:
-    void SetUp() override
-    {
-        ASSERT_TRUE(StartWithDaemon(m_chassis, {"--bundle-slots", "100", "--member-limit", "3"}));
-        tc::Outcome<tc::Client> c = Connect(m_chassis);
-        ASSERT_TRUE(c) << c.error();
-        m_client.emplace(std::move(*c));
-    }
+    ConfigDisplay() : DaemonTest("cfgdisp", {"--bundle-slots", "100", "--member-limit", "3"}) {}
 
     /* Sends the hex bytes as they are and returns the reply as hex. */
     std::string RawHex(const std::string &request)
@@ -50,9 +44,6 @@ protected:
         ASSERT_TRUE(Answers(c.AddMember(60, {600, 3, 0}), TBDL_OK));
         ASSERT_TRUE(Answers(c.AddMember(60, {601, 4, 1}), TBDL_OK));
     }
-
-    Chassis m_chassis{"cfgdisp"};
-    std::optional<tc::Client> m_client;
 };
 
 

@@ -11,11 +11,12 @@ using namespace tbdl::cfgtest;
 
 namespace {
 
-class ConfigRecovery : public ::testing::Test {
+class ConfigRecovery : public DaemonTest {
 protected:
+    ConfigRecovery() : DaemonTest("cfgrec") {}
     void SetUp() override
     {
-        ASSERT_TRUE(StartWithDaemon(m_chassis));
+        ASSERT_NO_FATAL_FAILURE(DaemonTest::SetUp());
         ASSERT_TRUE(Exited(m_chassis.Ctl({"fail", "L3VPN_RegEvt", "--always"}), 0));
         ASSERT_TRUE(Restart());
     }
@@ -30,17 +31,6 @@ protected:
             return testing::AssertionFailure() << "no new daemon answers";
         }
         return Reconnect();
-    }
-
-    testing::AssertionResult Reconnect()
-    {
-        m_client.reset();
-        tc::Outcome<tc::Client> c = Connect(m_chassis);
-        if (!c) {
-            return testing::AssertionFailure() << c.error();
-        }
-        m_client.emplace(std::move(*c));
-        return testing::AssertionSuccess();
     }
 
     int StartCause() { return m_chassis.Board(0).value("start_cause", -1); }
@@ -72,9 +62,6 @@ protected:
         }
         return s;
     }
-
-    Chassis m_chassis{"cfgrec"};
-    std::optional<tc::Client> m_client;
 };
 
 TEST_F(ConfigRecovery, ProcessRestartComparesVrf)

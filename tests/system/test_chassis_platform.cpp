@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include "cfg_checks.h"
 #include "chassis_env.h"
 #include "chassis_harness.h"
 #include "journal.h"
@@ -278,29 +277,6 @@ TEST_F(ChassisPlatform, PlannedFailuresOfLocalCallsLeaveTheirOutputsAlone)
         EXPECT_TRUE(tc.fail == IF_PD_INSTANCE_NONE ? ok != tc.fail : ok == 0) << "the plan is spent: " << ok;
     }
     EXPECT_EQ(IF_DestroyPDInstance(pd, nullptr), 0u);
-}
-
-TEST_F(ChassisPlatform, DaemonKeepsItsBundleWhenTheDatabaseWriteFails)
-{
-    namespace cfg = tbdl::cfgtest;
-    ASSERT_TRUE(cfg::StartWithDaemon(c));
-    tbdl::client::Outcome<tbdl::client::Client> client = cfg::Connect(c);
-    ASSERT_TRUE(client) << client.error();
-    ASSERT_TRUE(cfg::Answers(client->SetDebug(true, tbdl::client::kDebugError), 0));
-
-    Ctl({"fail", "DBM_InsertSortList", "--board", "0"});
-    EXPECT_TRUE(cfg::Exited(c.Tbdlctl({"bundle", "create", "5", "--mode", "loadbalancing"}), 0))
-        << "a failed database write does not fail the change";
-    EXPECT_TRUE(c.WaitFile("board0/tbdld.log", "Failed to save tunnel bundle interface (5) to DBM."));
-    EXPECT_TRUE(cfg::Exited(c.Tbdlctl({"bundle", "create", "6", "--mode", "1:1"}), 0));
-    auto shown = client->ShowBundle(5);
-    ASSERT_TRUE(shown) << shown.error();
-    EXPECT_EQ(shown->uiResult, 0u) << "bundle 5 stays in the table";
-    EXPECT_TRUE(cfg::KtbdlMatches(c, *client)) << "and reached the kernel";
-    std::optional<cfg::Stored> stored = cfg::ReadStored(c);
-    ASSERT_TRUE(stored);
-    EXPECT_EQ(stored->count("Tunnel-Bundle5"), 0u) << "its write failed";
-    EXPECT_EQ(stored->count("Tunnel-Bundle6"), 1u) << "the next write went through";
 }
 
 /* HA callbacks of this process. */

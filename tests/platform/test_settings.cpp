@@ -49,31 +49,6 @@ TEST(Settings, MissingKeysKeepTheirDefaultsAndBadTextLeavesTheRecord)
     }
 }
 
-TEST(Settings, SaveThenLoadGivesTheSameRecordAndBadRecordsOrFilesFail)
-{
-    TempChassis chassis;
-    ChassisSettings s;
-    s.bundleSlots = 64;
-    s.memberLimit = 0;
-    s.modeOnePlusOne = false;
-    s.haMtu = 9000;
-    s.boards = {1, 0};
-    s.masterBoard = 1;
-    std::string path = chassis.Path("chassis.json");
-    std::string err;
-    ASSERT_TRUE(tbdl::plat::SaveSettings(path, s, err)) << err;
-    ChassisSettings bad = s;
-    bad.masterBoard = 5;
-    EXPECT_FALSE(tbdl::plat::SaveSettings(path, bad, err)); /* leaves the file */
-    ChassisSettings loaded;
-    ASSERT_TRUE(tbdl::plat::LoadSettings(path, loaded, err)) << err;
-    EXPECT_EQ(loaded, s);
-    EXPECT_FALSE(tbdl::plat::LoadSettings(chassis.Path("missing.json"), loaded, err));
-    EXPECT_NE(err.find("missing.json"), std::string::npos) << err;
-    EXPECT_FALSE(tbdl::plat::LoadSettings(chassis.Dir(), loaded, err)); /* a directory */
-    EXPECT_EQ(loaded, s);
-}
-
 TEST(SettingsCalls, AnswerFromTheChassisFile)
 {
     TempChassis chassis;

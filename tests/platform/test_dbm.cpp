@@ -22,31 +22,21 @@ namespace {
 using Bytes = std::vector<u8>;
 using plattest::TempChassis;
 
-/* A record of len bytes holding num big-endian at off (its sort word). */
-Bytes Rec(size_t len, size_t off, u32 num)
+/* A record of len bytes holding num big-endian at off (its sort word),
+ * with byte extra at extraOff. */
+Bytes Rec(size_t len, size_t off, u32 num, size_t extraOff = 0, u8 extra = 0)
 {
     Bytes rec(len, 0);
+    rec[extraOff] = extra;
     for (size_t i = 0; i < 4; ++i) {
         rec[off + i] = static_cast<u8>(num >> (24 - 8 * i));
     }
     return rec;
 }
 
-Bytes BndRec(u32 num, u8 mode = 1)
-{
-    Bytes rec = Rec(32, 20, num);
-    rec[24] = mode;
-    return rec;
-}
-
+Bytes BndRec(u32 num, u8 mode = 1) { return Rec(32, 20, num, 24, mode); }
 Bytes MembRec(u32 tnl) { return Rec(12, 0, tnl); }
-
-Bytes MembKey(u32 bnd)
-{
-    Bytes key = Rec(5, 1, bnd);
-    key[0] = 0x02;
-    return key;
-}
+Bytes MembKey(u32 bnd) { return Rec(5, 1, bnd, 0, 0x02); }
 
 const Bytes kBndKey = {0x01};
 

@@ -1,5 +1,6 @@
-/* The configuration client and tbdlctl against a scripted server: decoding,
- * replies that do not answer, board selection and connection errors. */
+/* The configuration client's codec and its handling of replies that do not
+ * answer (against a scripted server), board selection, and tbdlctl when no
+ * board answers. The real daemon's tests cover the requests themselves. */
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>

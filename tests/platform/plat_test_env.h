@@ -19,15 +19,9 @@ namespace plattest {
 
 inline std::string ReadFile(const std::string &path)
 {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
-}
-
-inline void WriteFile(const std::string &path, const std::string &text)
-{
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
 inline std::vector<std::string> Lines(const std::string &text)
@@ -40,37 +34,26 @@ inline std::vector<std::string> Lines(const std::string &text)
     return lines;
 }
 
-inline void SetOrUnset(const char *name, const char *value)
-{
-    (void)(value != nullptr ? setenv(name, value, 1) : unsetenv(name));
-}
-
-/* Variables a test may set; the others are cleared for each chassis. */
-struct EnvVars {
-    int board = 0;
-    const char *startCause = nullptr;
-    bool journal = false;
-};
-
 /* A fresh chassis directory (with board<N>/) for the life of the object;
- * the environment points the platform library at it. */
+ * the environment points the platform library at it, with the start cause
+ * set when given. */
 class TempChassis {
 public:
-    explicit TempChassis(EnvVars vars = {})
+    explicit TempChassis(int board = 0, const char *startCause = nullptr)
     {
         char tmpl[] = "/tmp/tbdl-plat-XXXXXX";
         dir_ = mkdtemp(tmpl);
-        std::filesystem::create_directories(tbdl::plat::BoardDirOf(dir_, vars.board));
-        SetOrUnset(tbdl::plat::kEnvChassisDir, dir_.c_str());
-        SetOrUnset(tbdl::plat::kEnvBoard, std::to_string(vars.board).c_str());
-        SetOrUnset(tbdl::plat::kEnvStartCause, vars.startCause);
-        SetOrUnset(tbdl::plat::kEnvJournal, vars.journal ? "1" : nullptr);
+        std::filesystem::create_directories(tbdl::plat::BoardDirOf(dir_, board));
+        setenv(tbdl::plat::kEnvChassisDir, dir_.c_str(), 1);
+        setenv(tbdl::plat::kEnvBoard, std::to_string(board).c_str(), 1);
+        (void)(startCause != nullptr ? setenv(tbdl::plat::kEnvStartCause, startCause, 1)
+                                     : unsetenv(tbdl::plat::kEnvStartCause));
+        unsetenv(tbdl::plat::kEnvJournal);
         Reload();
     }
     ~TempChassis()
     {
-        for (const char *name : {tbdl::plat::kEnvChassisDir, tbdl::plat::kEnvBoard, tbdl::plat::kEnvStartCause,
-                                 tbdl::plat::kEnvJournal}) {
+        for (const char *name : {tbdl::plat::kEnvChassisDir, tbdl::plat::kEnvBoard, tbdl::plat::kEnvStartCause}) {
             unsetenv(name);
         }
         Reload();
@@ -83,7 +66,10 @@ public:
 
     const std::string &Dir() const { return dir_; }
     std::string Path(const std::string &name) const { return dir_ + "/" + name; }
-    void WriteSettings(const std::string &json) const { WriteFile(tbdl::plat::SettingsPathOf(dir_), json); }
+    void WriteSettings(const std::string &json) const
+    {
+        std::ofstream(tbdl::plat::SettingsPathOf(dir_), std::ios::trunc) << json;
+    }
 
     static void Reload()
     {

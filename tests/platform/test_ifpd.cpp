@@ -53,38 +53,30 @@ TEST_F(PrivateDataTest, WalkDeletingTheCurrentEntryVisitsAllInAscendingOrder)
     EXPECT_NE(IF_GetFirstPrivateData(inst_, &ifIndex, &data), 0u);
 }
 
-TEST_F(PrivateDataTest, SetRefusesATakenIndexAndDelFreesOnlyWhatItRemoves)
+TEST_F(PrivateDataTest, SetRefusesATakenIndexAndDelAndDestroyFreeOnlyTheirOwn)
 {
     Add(7);
+    u64 other = IF_CreatePDInstance(2, 0, ~u64{0}, ~u32{0});
+    ASSERT_NE(other, inst_);
     int second = 99; /* refused: stays the caller's */
     EXPECT_NE(IF_SetPrivateData(inst_, 7, &second), 0u);
     EXPECT_NE(IF_SetPrivateData(inst_, 8, nullptr), 0u);
-    void *data = nullptr;
-    ASSERT_EQ(IF_GetPrivateData(inst_, 7, &data), 0u);
-    EXPECT_EQ(*static_cast<int *>(data), 7);
-    void *untouched = &data;
-    EXPECT_NE(IF_GetPrivateData(inst_, 8, &untouched), 0u);
-    EXPECT_EQ(untouched, &data);
+    void *data = &second;
+    EXPECT_NE(IF_GetPrivateData(inst_, 8, &data), 0u);
+    EXPECT_NE(IF_GetPrivateData(other, 7, &data), 0u);
+    EXPECT_EQ(data, &second);
     EXPECT_NE(IF_DelPrivateData(inst_, 8, FreeInt), 0u);
-    EXPECT_TRUE(g_freed.empty());
-    EXPECT_EQ(IF_DelPrivateData(inst_, 7, FreeInt), 0u);
-    EXPECT_EQ(g_freed, std::vector<int>{7});
-}
-
-TEST_F(PrivateDataTest, InstancesAreSeparateAndDestroyFreesEverything)
-{
-    u64 other = IF_CreatePDInstance(2, 0, ~u64{0}, ~u32{0});
-    ASSERT_NE(other, inst_);
-    Add(1);
-    Add(2);
-    void *data = nullptr;
-    EXPECT_NE(IF_GetPrivateData(other, 1, &data), 0u);
     EXPECT_EQ(IF_DestroyPDInstance(other, FreeInt), 0u);
     EXPECT_TRUE(g_freed.empty());
+    ASSERT_EQ(IF_GetPrivateData(inst_, 7, &data), 0u);
+    EXPECT_EQ(*static_cast<int *>(data), 7);
+    Add(3);
+    EXPECT_EQ(IF_DelPrivateData(inst_, 7, FreeInt), 0u);
+    EXPECT_EQ(g_freed, std::vector<int>{7});
     EXPECT_EQ(IF_DestroyPDInstance(inst_, FreeInt), 0u);
-    EXPECT_EQ(g_freed, (std::vector<int>{1, 2}));
+    EXPECT_EQ(g_freed, (std::vector<int>{7, 3}));
     EXPECT_NE(IF_DestroyPDInstance(inst_, FreeInt), 0u);
-    EXPECT_NE(IF_SetPrivateData(inst_, 3, &data), 0u);
+    EXPECT_NE(IF_SetPrivateData(inst_, 3, &second), 0u);
     inst_ = IF_PD_INSTANCE_NONE;
 }
 

@@ -41,7 +41,7 @@ std::string RestOf(const std::string &line, const std::string &board)
 
 TEST(BoardLog, OneLinePerCallWithTimeBoardIdentityTypeAndText)
 {
-    TempChassis chassis({.board = 1});
+    TempChassis chassis(1);
     Log("TBDL", "EVENT", "Bundle %d is %s.\r\n", 7, "up");
     Log("TBDL", "ERROR", "plain newline\n");
     Log("TBDL", "ERROR", "no line end");
@@ -59,7 +59,7 @@ TEST(BoardLog, OneLinePerCallWithTimeBoardIdentityTypeAndText)
 
 TEST(BoardLog, LinesOfConcurrentProcessesNeverMix)
 {
-    TempChassis chassis({.board = 1});
+    TempChassis chassis(1);
     const int kProcs = 4;
     const int kLines = 300;
     const std::string filler(300, 'a');
@@ -105,21 +105,12 @@ TEST(BoardLog, CloseReopensAndOutsideAChassisLinesGoToStderr)
         EXPECT_NE(ReadFile(path).find("TBDL EVENT second"), std::string::npos);
     }
     TempChassis::Reload(); /* no chassis now */
-    char tmpl[] = "/tmp/tbdl-plat-stderr-XXXXXX";
-    int capture = mkstemp(tmpl);
-    ASSERT_GE(capture, 0);
-    int saved = dup(STDERR_FILENO);
-    dup2(capture, STDERR_FILENO);
+    testing::internal::CaptureStderr();
     Log("TBDL", "ERROR", "to stderr %u\r\n", 3u);
-    dup2(saved, STDERR_FILENO);
-    close(saved);
-    close(capture);
-    std::string text = ReadFile(tmpl);
-    unlink(tmpl);
-    ASSERT_FALSE(text.empty());
-    EXPECT_EQ(text.back(), '\n');
+    std::string text = testing::internal::GetCapturedStderr();
     ASSERT_EQ(Lines(text).size(), 1u) << text;
-    EXPECT_EQ(RestOf(Lines(text)[0], "board0"), "TBDL ERROR to stderr 3");
+    EXPECT_EQ(text.back(), '\n');
+    EXPECT_EQ(RestOf(text.substr(0, text.size() - 1), "board0"), "TBDL ERROR to stderr 3");
 }
 
 } // namespace

@@ -1,10 +1,8 @@
 /* Chassis settings and the platform calls answered from them and from the
- * chassis environment; the call journal. */
+ * chassis environment. */
 #include <gtest/gtest.h>
 
 #include <cstring>
-
-#include <nlohmann/json.hpp>
 
 #include "plat_if.h"
 #include "plat_lfib.h"
@@ -49,31 +47,6 @@ TEST(Settings, MissingKeysKeepTheirDefaultsAndBadTextLeavesTheRecord)
         EXPECT_NE(err, "");
         EXPECT_EQ(s, expected);
     }
-}
-
-TEST(Settings, SaveThenLoadGivesTheSameRecordAndBadRecordsOrFilesFail)
-{
-    TempChassis chassis;
-    ChassisSettings s;
-    s.bundleSlots = 64;
-    s.memberLimit = 0;
-    s.modeOnePlusOne = false;
-    s.haMtu = 9000;
-    s.boards = {1, 0};
-    s.masterBoard = 1;
-    std::string path = chassis.Path("chassis.json");
-    std::string err;
-    ASSERT_TRUE(tbdl::plat::SaveSettings(path, s, err)) << err;
-    ChassisSettings bad = s;
-    bad.masterBoard = 5;
-    EXPECT_FALSE(tbdl::plat::SaveSettings(path, bad, err)); /* leaves the file */
-    ChassisSettings loaded;
-    ASSERT_TRUE(tbdl::plat::LoadSettings(path, loaded, err)) << err;
-    EXPECT_EQ(loaded, s);
-    EXPECT_FALSE(tbdl::plat::LoadSettings(chassis.Path("missing.json"), loaded, err));
-    EXPECT_NE(err.find("missing.json"), std::string::npos) << err;
-    EXPECT_FALSE(tbdl::plat::LoadSettings(chassis.Dir(), loaded, err)); /* a directory */
-    EXPECT_EQ(loaded, s);
 }
 
 TEST(SettingsCalls, AnswerFromTheChassisFile)
@@ -143,7 +116,7 @@ TEST(ChassisEnvCalls, StartCauseComesFromTheEnvironmentOnly)
     } cases[] = {{"0", true, 0}, {"1", true, 1}, {nullptr, false, 99}, {"x", false, 99}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.cause != nullptr ? c.cause : "(none)");
-        TempChassis chassis({.startCause = c.cause});
+        TempChassis chassis(0, c.cause);
         u32 cause = 99;
         u32 detail = 99;
         EXPECT_EQ(SERVICE_GetStartCause(&cause, &detail) == 0, c.ok);
@@ -154,7 +127,7 @@ TEST(ChassisEnvCalls, StartCauseComesFromTheEnvironmentOnly)
 
 TEST(ChassisEnvCalls, LocalPortsMapToPathsInTheBoardDirectory)
 {
-    TempChassis chassis({.board = 1});
+    TempChassis chassis(1);
     char path[108];
     ASSERT_EQ(LIPC_GetHostPath(2681, path, sizeof(path)), 0u);
     EXPECT_EQ(std::string(path), chassis.Dir() + "/board1/cfg.sock");
@@ -167,28 +140,6 @@ TEST(ChassisEnvCalls, LocalPortsMapToPathsInTheBoardDirectory)
     unsetenv(tbdl::plat::kEnvChassisDir);
     TempChassis::Reload();
     EXPECT_NE(LIPC_GetHostPath(2681, path, sizeof(path)), 0u);
-}
-
-TEST(Journal, EachCallAppendsOneJsonLineWithHexBuffers)
-{
-    TempChassis chassis({.board = 1, .journal = true});
-    chassis.WriteSettings("{}");
-    u8 info[LFIB_INFO_LEN];
-    ASSERT_EQ(LFIB_GetInfo(info), 0u);
-    char path[8];
-    EXPECT_NE(LIPC_GetHostPath(2681, path, sizeof(path)), 0u);
-
-    auto lines = plattest::Lines(plattest::ReadFile(tbdl::plat::JournalPathOf(chassis.Dir(), 1)));
-    ASSERT_EQ(lines.size(), 2u);
-    nlohmann::json first = nlohmann::json::parse(lines[0]);
-    EXPECT_EQ(first["call"], "LFIB_GetInfo");
-    EXPECT_EQ(first["board"], 1);
-    EXPECT_EQ(first["result"], 0);
-    EXPECT_EQ(first["args"]["info"], std::string(22, '0') + "08" + std::string(32, '0'));
-    nlohmann::json second = nlohmann::json::parse(lines[1]);
-    EXPECT_EQ(second["call"], "LIPC_GetHostPath");
-    EXPECT_EQ(second["args"]["port"], 2681);
-    EXPECT_NE(second["result"], 0);
 }
 
 } // namespace

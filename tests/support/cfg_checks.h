@@ -4,6 +4,7 @@
 #ifndef TBDL_TEST_CFG_CHECKS_H
 #define TBDL_TEST_CFG_CHECKS_H
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -62,17 +63,12 @@ inline bool WaitCfgAnswers(const Chassis &chassis, int timeoutMs = 15000)
         timeoutMs, 5);
 }
 
-/* chassisctl if add Tunnel<n> --mode m --state up|down [--vrf v]. */
-inline testing::AssertionResult AddTunnel(const Chassis &chassis, std::uint32_t n, std::uint32_t mode = 0,
-                                          bool up = true, std::uint16_t vrf = 0)
+/* chassisctl if add Tunnel<n> --mode m --state up|down. */
+inline testing::AssertionResult AddTunnel(const Chassis &chassis, std::uint32_t n, std::uint32_t mode = 0, bool up = true)
 {
-    std::vector<std::string> args{"if",      "add", "Tunnel" + std::to_string(n), "--mode", std::to_string(mode),
-                                  "--state", up ? "up" : "down"};
-    if (vrf != 0) {
-        args.push_back("--vrf");
-        args.push_back(std::to_string(vrf));
-    }
-    return Exited(chassis.Ctl(args), 0);
+    return Exited(chassis.Ctl({"if", "add", "Tunnel" + std::to_string(n), "--mode", std::to_string(mode), "--state",
+                               up ? "up" : "down"}),
+                  0);
 }
 
 /* name -> interface index of every interface of the chassis. */
@@ -80,16 +76,13 @@ inline std::map<std::string, std::uint32_t> IfIndexes(const Chassis &chassis)
 {
     std::map<std::string, std::uint32_t> m;
     Json j = chassis.CtlJson({"dump", "if"});
-    if (j.is_object() && j.contains("interfaces")) {
-        for (const Json &i : j["interfaces"]) {
-            m[i.at("name").get<std::string>()] = i.at("ifindex").get<std::uint32_t>();
-        }
+    for (const Json &i : j.is_object() ? j.value("interfaces", Json::array()) : Json::array()) {
+        m[i.at("name").get<std::string>()] = i.at("ifindex").get<std::uint32_t>();
     }
     return m;
 }
 
 inline std::string BndName(std::uint32_t n) { return "Tunnel-Bundle" + std::to_string(n); }
-inline std::string TnlName(std::uint32_t n) { return "Tunnel" + std::to_string(n); }
 
 /* The daemon's table as its paged display shows it, by bundle number. */
 inline std::optional<std::map<std::uint32_t, tc::BndDetail>> Table(tc::Client &client)
@@ -106,6 +99,19 @@ inline std::optional<std::map<std::uint32_t, tc::BndDetail>> Table(tc::Client &c
     return m;
 }
 
+/* "state/tunnel mode/family/address members i1,i2,..." with the member
+ * interface indexes sorted (the order they reach the kernel may differ). */
+inline std::string KernelSig(std::uint32_t st, std::uint32_t tm, std::uint32_t fam, const std::string &addr,
+                             std::vector<std::uint32_t> members)
+{
+    std::sort(members.begin(), members.end());
+    std::string s = std::to_string(st) + "/" + std::to_string(tm) + "/" + std::to_string(fam) + "/" + addr + " members";
+    for (std::uint32_t m : members) {
+        s += " " + std::to_string(m);
+    }
+    return s;
+}
+
 /* The board's kernel table agrees with the daemon's bundle table: every
  * bundle was pushed with its state, tunnel mode and address, and holds
  * exactly the bundle's members; a kernel entry of an interface that is no
@@ -115,83 +121,66 @@ inline testing::AssertionResult KtbdlMatches(const Chassis &chassis, tc::Client 
                                              const std::set<std::uint32_t> &skip = {})
 {
     std::optional<std::map<std::uint32_t, tc::BndDetail>> table = Table(client);
-    if (!table) {
-        return testing::AssertionFailure() << "no bundle table";
+    Json k = chassis.CtlJson({"dump", "ktbdl", "--board", std::to_string(board)});
+    if (!table || !k.is_object() || !k.contains("bundles")) {
+        return testing::AssertionFailure() << "no bundle table or no kernel table of board " << board;
     }
     const std::map<std::string, std::uint32_t> ifs = IfIndexes(chassis);
-    Json k = chassis.CtlJson({"dump", "ktbdl", "--board", std::to_string(board)});
-    if (!k.is_object() || !k.contains("bundles")) {
-        return testing::AssertionFailure() << "no kernel table of board " << board;
-    }
     std::map<std::uint32_t, Json> kernel;
     for (const Json &e : k["bundles"]) {
         kernel[e.at("ifindex").get<std::uint32_t>()] = e;
     }
     std::ostringstream bad;
-    std::set<std::uint32_t> bundleIdx;
     for (const auto &[n, d] : *table) {
         auto idx = ifs.find(BndName(n));
         if (idx == ifs.end()) {
             bad << BndName(n) << " has no interface; ";
             continue;
         }
-        bundleIdx.insert(idx->second);
-        if (skip.count(n) != 0) {
-            continue;
-        }
         auto e = kernel.find(idx->second);
-        if (e == kernel.end() || !e->second.value("updated", false)) {
-            bad << BndName(n) << " never reached the kernel; ";
-            continue;
+        const bool pushed = e != kernel.end() && e->second.value("updated", false);
+        if (skip.count(n) == 0) {
+            std::vector<std::uint32_t> want;
+            for (const tc::MembDetail &m : d.members) {
+                auto mi = ifs.find("Tunnel" + std::to_string(m.uiTnlNum));
+                want.push_back(mi == ifs.end() ? 0 : mi->second);
+            }
+            const std::string shown = KernelSig(d.ucState, d.usTnlMode, d.stAddr.usFamily, tc::FormatAddr(d.stAddr), want);
+            const Json &j = pushed ? e->second : Json::object();
+            const std::string inKernel = !pushed ? "never pushed"
+                : KernelSig(j.at("state"), j.at("tnl_mode"), j.at("family"), j.at("address"), j.at("members"));
+            if (inKernel != shown) {
+                bad << BndName(n) << " is '" << inKernel << "' in the kernel, '" << shown << "' shown; ";
+            }
         }
-        const Json &j = e->second;
-        /* state / tunnel mode / family / address */
-        auto sig = [](auto st, auto tm, auto fam, const std::string &addr) {
-            return std::to_string(st) + "/" + std::to_string(tm) + "/" + std::to_string(fam) + "/" + addr;
-        };
-        const std::string inKernel = sig(j.at("state").get<std::uint32_t>(), j.at("tnl_mode").get<std::uint32_t>(),
-                                         j.at("family").get<std::uint32_t>(), j.at("address").get<std::string>());
-        const std::string shown = sig(std::uint32_t{d.ucState}, std::uint32_t{d.usTnlMode},
-                                      std::uint32_t{d.stAddr.usFamily}, tc::FormatAddr(d.stAddr));
-        if (inKernel != shown) {
-            bad << BndName(n) << " is " << inKernel << " in the kernel, " << shown << " shown; ";
-        }
-        std::set<std::uint32_t> want;
-        for (const tc::MembDetail &m : d.members) {
-            auto mi = ifs.find(TnlName(m.uiTnlNum));
-            want.insert(mi == ifs.end() ? 0 : mi->second);
-        }
-        std::vector<std::uint32_t> got = j.at("members").get<std::vector<std::uint32_t>>();
-        if (std::set<std::uint32_t>(got.begin(), got.end()) != want || got.size() != want.size()) {
-            bad << BndName(n) << " members " << j["members"] << " in the kernel, " << want.size() << " shown; ";
+        if (e != kernel.end()) {
+            kernel.erase(e);
         }
     }
     for (const auto &[idx, j] : kernel) {
-        if (bundleIdx.count(idx) == 0 && !j.at("members").empty()) {
-            bad << "kernel entry " << idx << " (" << j.value("name", "") << ") of no bundle holds members "
-                << j["members"] << "; ";
+        if (!j.at("members").empty()) {
+            bad << "kernel entry " << idx << " of no bundle holds members " << j["members"] << "; ";
         }
     }
     return bad.str().empty() ? testing::AssertionSuccess() : testing::AssertionFailure() << bad.str();
 }
 
-/* Stored records, decoded from chassisctl's database dump. */
-struct StoredBnd {
-    std::uint16_t usFamily = 0;
-    std::string addr; /* 4 address bytes as hex */
-    std::uint8_t ucMode = 0;
-    std::uint8_t ucTnlMode = 0;
-    std::uint16_t usVrf = 0;
-};
-struct StoredMemb {
-    std::uint16_t usWeight = 0;
-    std::uint8_t ucRole = 0;
-    std::uint16_t usVrf = 0;
-};
-struct Stored {
-    std::map<std::uint32_t, StoredBnd> bundles;
-    std::map<std::uint32_t, std::map<std::uint32_t, StoredMemb>> members; /* bundle -> tunnel -> record */
-};
+/* Stored records, decoded from chassisctl's database dump, by name:
+ * "Tunnel-Bundle<n>" -> "mode M tnl T family F addr HEX" and
+ * "Tunnel-Bundle<n> Tunnel<t>" -> "weight W role R". */
+using Stored = std::map<std::string, std::string>;
+
+inline std::string BndSig(unsigned mode, unsigned tnlMode, unsigned family, const std::string &addrHex)
+{
+    return "mode " + std::to_string(mode) + " tnl " + std::to_string(tnlMode) + " family " + std::to_string(family) +
+           " addr " + addrHex;
+}
+
+inline std::string MembKey(std::uint32_t bnd, std::uint32_t tnl) { return BndName(bnd) + " Tunnel" + std::to_string(tnl); }
+inline std::string MembSig(unsigned weight, unsigned role)
+{
+    return "weight " + std::to_string(weight) + " role " + std::to_string(role);
+}
 
 inline std::optional<Stored> ReadStored(const Chassis &chassis)
 {
@@ -208,33 +197,14 @@ inline std::optional<Stored> ReadStored(const Chassis &chassis)
     };
     Stored s;
     for (const Json &db : j["databases"]) {
-        if (db.value("name", "") != "eTBDL") {
-            continue;
-        }
-        for (const Json &list : db["lists"]) {
+        for (const Json &list : db.value("name", "") == "eTBDL" ? db["lists"] : Json::array()) {
             std::optional<tc::Bytes> key = tc::FromHex(list.at("key").get<std::string>());
-            if (!key || key->empty()) {
-                return std::nullopt;
-            }
             for (const Json &rec : list["records"]) {
                 std::optional<tc::Bytes> r = tc::FromHex(rec.get<std::string>());
-                if (!r) {
-                    return std::nullopt;
-                }
-                if ((*key)[0] == 1 && key->size() == 1 && r->size() == 32) {
-                    StoredBnd b;
-                    b.usFamily = static_cast<std::uint16_t>(be(*r, 0, 2));
-                    b.addr = tc::ToHex(r->data() + 4, 4);
-                    b.ucMode = (*r)[24];
-                    b.ucTnlMode = (*r)[25];
-                    b.usVrf = static_cast<std::uint16_t>(be(*r, 28, 2));
-                    s.bundles[be(*r, 20, 4)] = b;
-                } else if ((*key)[0] == 2 && key->size() == 5 && r->size() == 12) {
-                    StoredMemb m;
-                    m.usWeight = static_cast<std::uint16_t>(be(*r, 4, 2));
-                    m.ucRole = (*r)[6];
-                    m.usVrf = static_cast<std::uint16_t>(be(*r, 8, 2));
-                    s.members[be(*key, 1, 4)][be(*r, 0, 4)] = m;
+                if (key && r && *key == tc::Bytes{1} && r->size() == 32) {
+                    s[BndName(be(*r, 20, 4))] = BndSig((*r)[24], (*r)[25], be(*r, 0, 2), tc::ToHex(r->data() + 4, 4));
+                } else if (key && r && key->size() == 5 && (*key)[0] == 2 && r->size() == 12) {
+                    s[MembKey(be(*key, 1, 4), be(*r, 0, 4))] = MembSig(be(*r, 4, 2), (*r)[6]);
                 } else {
                     return std::nullopt;
                 }
@@ -254,40 +224,23 @@ inline testing::AssertionResult StoreMatches(const Chassis &chassis, tc::Client 
     if (!table || !stored) {
         return testing::AssertionFailure() << "cannot read the table or the database";
     }
-    std::ostringstream bad;
+    Stored want;
     for (const auto &[n, d] : *table) {
-        auto b = stored->bundles.find(n);
-        if (b == stored->bundles.end()) {
-            bad << BndName(n) << " is not stored; ";
-            continue;
-        }
-        if (b->second.ucMode != d.ucMode || b->second.ucTnlMode != d.usTnlMode ||
-            b->second.usFamily != d.stAddr.usFamily || b->second.addr != tc::ToHex(d.stAddr.aucAddr.data(), 4)) {
-            bad << BndName(n) << " stored differently; ";
-        }
-        std::map<std::uint32_t, StoredMemb> members;
-        if (auto m = stored->members.find(n); m != stored->members.end()) {
-            members = m->second;
-        }
-        if (members.size() != d.members.size()) {
-            bad << BndName(n) << " has " << members.size() << " stored members, " << d.members.size()
-                << " shown; ";
-        }
+        want[BndName(n)] = BndSig(d.ucMode, d.usTnlMode, d.stAddr.usFamily, tc::ToHex(d.stAddr.aucAddr.data(), 4));
         for (const tc::MembDetail &m : d.members) {
-            auto sm = members.find(m.uiTnlNum);
-            if (sm == members.end() || sm->second.usWeight != m.usWeight || sm->second.ucRole != m.ucRole) {
-                bad << TnlName(m.uiTnlNum) << " of " << BndName(n) << " stored differently; ";
-            }
+            want[MembKey(n, m.uiTnlNum)] = MembSig(m.usWeight, m.ucRole);
         }
     }
-    for (const auto &[n, b] : stored->bundles) {
-        if (table->count(n) == 0) {
-            bad << "stored " << BndName(n) << " is not in the table; ";
+    std::ostringstream bad;
+    for (const auto &[name, sig] : want) {
+        auto st = stored->find(name);
+        if (st == stored->end() || st->second != sig) {
+            bad << name << " shown as '" << sig << "', stored " << (st == stored->end() ? "nothing" : st->second) << "; ";
         }
     }
-    for (const auto &[n, m] : stored->members) {
-        if (table->count(n) == 0 && !m.empty()) {
-            bad << "members of " << BndName(n) << " stored without the bundle; ";
+    for (const auto &[name, sig] : *stored) {
+        if (want.count(name) == 0) {
+            bad << name << " stored as '" << sig << "' is not shown; ";
         }
     }
     return bad.str().empty() ? testing::AssertionSuccess() : testing::AssertionFailure() << bad.str();
@@ -297,10 +250,7 @@ inline testing::AssertionResult StoreMatches(const Chassis &chassis, tc::Client 
  * configuration socket answers. */
 inline testing::AssertionResult StartWithDaemon(Chassis &chassis, const std::vector<std::string> &args = {})
 {
-    if (!Chassis::HaveRealDaemon()) {
-        return testing::AssertionFailure() << "no board daemon at " << Chassis::RealDaemon();
-    }
-    chassis.UseDaemon(Chassis::RealDaemon());
+    chassis.UseRealDaemon();
     ProcRun run = chassis.Start(args);
     if (run.status != 0) {
         return testing::AssertionFailure() << "chassis did not start: " << run.err << run.out;
@@ -310,6 +260,36 @@ inline testing::AssertionResult StartWithDaemon(Chassis &chassis, const std::vec
     }
     return testing::AssertionSuccess();
 }
+
+/* A chassis with the real board daemon per test, started with the
+ * chassisd options given, and a client on its master board. */
+class DaemonTest : public testing::Test {
+protected:
+    explicit DaemonTest(const std::string &tag, std::vector<std::string> args = {})
+        : m_chassis(tag), m_args(std::move(args))
+    {
+    }
+    void SetUp() override
+    {
+        ASSERT_TRUE(StartWithDaemon(m_chassis, m_args));
+        ASSERT_TRUE(Reconnect());
+    }
+    /* A fresh client, for a new daemon process. */
+    testing::AssertionResult Reconnect()
+    {
+        m_client.reset();
+        tc::Outcome<tc::Client> c = Connect(m_chassis);
+        if (!c) {
+            return testing::AssertionFailure() << c.error();
+        }
+        m_client.emplace(std::move(*c));
+        return testing::AssertionSuccess();
+    }
+
+    Chassis m_chassis;
+    std::vector<std::string> m_args;
+    std::optional<tc::Client> m_client;
+};
 
 }  // namespace tbdl::cfgtest
 

@@ -3,18 +3,17 @@
 
 #include <fcntl.h>
 #include <ftw.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <thread>
+
+#include <gtest/gtest.h>
 
 extern char **environ;
 
@@ -24,97 +23,68 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-void SetNonBlock(int fd) { fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK); }
-
-/* Reads what is there without waiting; false at the end of the pipe. */
-bool Drain(int fd, std::string &into)
+/* The caller's environment with the NAME=value entries of extra replacing theirs. */
+std::vector<std::string> MergedEnv(const std::vector<std::string> &extra)
 {
-    char buf[4096];
-    for (;;) {
-        ssize_t n = read(fd, buf, sizeof(buf));
-        if (n > 0) {
-            into.append(buf, static_cast<size_t>(n));
-            continue;
+    std::vector<std::string> env;
+    for (char **e = environ; *e != nullptr; ++e) {
+        std::string kv(*e);
+        bool replaced = false;
+        for (const auto &x : extra) {
+            replaced = replaced || kv.compare(0, x.find('=') + 1, x, 0, x.find('=') + 1) == 0;
         }
-        return n < 0 && (errno == EAGAIN || errno == EINTR);
+        if (!replaced) {
+            env.push_back(kv);
+        }
     }
+    env.insert(env.end(), extra.begin(), extra.end());
+    return env;
 }
 
-int RemoveEntry(const char *path, const struct stat *, int, struct FTW *)
+std::vector<char *> Pointers(std::vector<std::string> &strings)
 {
-    return remove(path);
+    std::vector<char *> p;
+    for (auto &s : strings) {
+        p.push_back(s.data());
+    }
+    p.push_back(nullptr);
+    return p;
 }
 
 } // namespace
 
+/* Output goes to unlinked temporary files rather than pipes: daemons the
+ * program leaves behind may keep them open without holding up the run. */
 ProcRun RunProcess(const std::vector<std::string> &argv, const std::vector<std::string> &env, int timeoutMs)
 {
     ProcRun run;
-    int outPipe[2], errPipe[2];
-    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) {
-        return run;
-    }
-    std::vector<std::string> envStore;
-    for (char **e = environ; *e != nullptr; ++e) {
-        std::string kv(*e);
-        bool overridden = false;
-        for (const auto &x : env) {
-            if (kv.compare(0, x.find('=') + 1, x, 0, x.find('=') + 1) == 0) {
-                overridden = true;
-            }
-        }
-        if (!overridden) {
-            envStore.push_back(kv);
-        }
-    }
-    envStore.insert(envStore.end(), env.begin(), env.end());
-    std::vector<char *> envp, args;
-    for (auto &kv : envStore) envp.push_back(kv.data());
-    envp.push_back(nullptr);
-    std::vector<std::string> argStore(argv);
-    for (auto &a : argStore) args.push_back(a.data());
-    args.push_back(nullptr);
-
-    pid_t pid = fork();
+    char outPath[] = "/tmp/tbdl-run-XXXXXX", errPath[] = "/tmp/tbdl-run-XXXXXX";
+    int out = mkstemp(outPath), err = mkstemp(errPath);
+    std::vector<std::string> envStore = MergedEnv(env), argStore(argv);
+    std::vector<char *> envp = Pointers(envStore), args = Pointers(argStore);
+    pid_t pid = out >= 0 && err >= 0 ? fork() : -1;
     if (pid == 0) {
-        dup2(outPipe[1], 1);
-        dup2(errPipe[1], 2);
-        int in = open("/dev/null", O_RDONLY);
-        if (in >= 0) dup2(in, 0);
+        dup2(open("/dev/null", O_RDONLY), 0);
+        dup2(out, 1);
+        dup2(err, 2);
         execve(args[0], args.data(), envp.data());
         _exit(127);
     }
-    close(outPipe[1]);
-    close(errPipe[1]);
-    if (pid < 0) {
-        close(outPipe[0]);
-        close(errPipe[0]);
-        return run;
-    }
-    SetNonBlock(outPipe[0]);
-    SetNonBlock(errPipe[0]);
-    auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
     int ws = 0;
-    bool outOpen = true, errOpen = true;
-    for (;;) {
-        pid_t r = waitpid(pid, &ws, WNOHANG);
-        if (outOpen) outOpen = Drain(outPipe[0], run.out);
-        if (errOpen) errOpen = Drain(errPipe[0], run.err);
-        if (r == pid) {
-            break;
-        }
-        if (Clock::now() >= deadline) {
-            run.timedOut = true;
-            kill(pid, SIGKILL);
-            waitpid(pid, &ws, 0);
-            break;
-        }
-        pollfd fds[2] = {{outOpen ? outPipe[0] : -1, POLLIN, 0}, {errOpen ? errPipe[0] : -1, POLLIN, 0}};
-        poll(fds, 2, 10);
+    bool exited = pid > 0 && WaitUntil([&] { return waitpid(pid, &ws, WNOHANG) == pid; }, timeoutMs, 2);
+    if (pid > 0 && !exited) {
+        run.timedOut = true;
+        kill(pid, SIGKILL);
+        waitpid(pid, &ws, 0);
     }
-    close(outPipe[0]);
-    close(errPipe[0]);
-    run.status = WIFEXITED(ws) && !run.timedOut ? WEXITSTATUS(ws) : -1;
+    run.out = ReadFile(outPath);
+    run.err = ReadFile(errPath);
+    for (const char *path : {outPath, errPath}) {
+        unlink(path);
+    }
+    close(out);
+    close(err);
+    run.status = exited && WIFEXITED(ws) ? WEXITSTATUS(ws) : -1;
     return run;
 }
 
@@ -123,22 +93,19 @@ std::string BuildPath(const std::string &rel) { return std::string(TBDL_BIN_DIR)
 bool WaitUntil(const std::function<bool()> &cond, int timeoutMs, int pollMs)
 {
     auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-    for (;;) {
-        if (cond()) {
-            return true;
-        }
+    while (!cond()) {
         if (Clock::now() >= deadline) {
             return false;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(pollMs));
     }
+    return true;
 }
 
 std::string ReadFile(const std::string &path)
 {
-    std::ifstream in(path);
     std::stringstream ss;
-    ss << in.rdbuf();
+    ss << std::ifstream(path).rdbuf();
     return ss.str();
 }
 
@@ -177,7 +144,8 @@ Chassis::~Chassis()
 {
     Stop();
     if (!dir_.empty() && std::getenv("TBDL_KEEP_CHASSIS") == nullptr) {
-        nftw(dir_.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
+        nftw(dir_.c_str(), [](const char *p, const struct stat *, int, FTW *) { return remove(p); }, 16,
+             FTW_DEPTH | FTW_PHYS);
     }
 }
 
@@ -185,26 +153,47 @@ std::string Chassis::FakeDaemon() { return BuildPath("tests/fake_tbdld"); }
 std::string Chassis::RealDaemon() { return BuildPath("daemon/tbdld"); }
 bool Chassis::HaveRealDaemon() { return access(RealDaemon().c_str(), X_OK) == 0; }
 
+void Chassis::UseRealDaemon()
+{
+    if (!HaveRealDaemon()) {
+        ADD_FAILURE() << "no board daemon at " << RealDaemon() << " (build the tbdld target)";
+    }
+    daemon_ = RealDaemon();
+}
+
 ProcRun Chassis::Start(const std::vector<std::string> &chassisdArgs, int timeoutMs)
 {
+    if (access(daemon_.c_str(), X_OK) != 0) {
+        ProcRun missing;
+        missing.err = "no board daemon at " + daemon_;
+        ADD_FAILURE() << missing.err;
+        return missing;
+    }
     std::vector<std::string> argv{BuildPath("tools/chassisctl"), "--dir", dir_, "start",
                                   "--timeout", std::to_string(timeoutMs / 1000), "--daemon", daemon_};
     argv.insert(argv.end(), chassisdArgs.begin(), chassisdArgs.end());
     return RunProcess(argv, env_, timeoutMs + 5000);
 }
 
-ProcRun Chassis::Ctl(const std::vector<std::string> &args, int timeoutMs) const
+namespace {
+
+ProcRun RunTool(const std::string &tool, const std::string &dir, const std::vector<std::string> &args, int timeoutMs)
 {
-    std::vector<std::string> argv{BuildPath("tools/chassisctl"), "--dir", dir_};
+    std::vector<std::string> argv{BuildPath(tool), "--dir", dir};
     argv.insert(argv.end(), args.begin(), args.end());
     return RunProcess(argv, {}, timeoutMs);
 }
 
+} // namespace
+
+ProcRun Chassis::Ctl(const std::vector<std::string> &args, int timeoutMs) const
+{
+    return RunTool("tools/chassisctl", dir_, args, timeoutMs);
+}
+
 ProcRun Chassis::Tbdlctl(const std::vector<std::string> &args, int timeoutMs) const
 {
-    std::vector<std::string> argv{BuildPath("tools/tbdlctl"), "--dir", dir_};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return RunProcess(argv, {}, timeoutMs);
+    return RunTool("tools/tbdlctl", dir_, args, timeoutMs);
 }
 
 Json Chassis::CtlJson(const std::vector<std::string> &args) const
@@ -212,10 +201,7 @@ Json Chassis::CtlJson(const std::vector<std::string> &args) const
     std::vector<std::string> a{"--json"};
     a.insert(a.end(), args.begin(), args.end());
     ProcRun r = Ctl(a, 10000);
-    if (r.status != 0) {
-        return Json();
-    }
-    Json j = Json::parse(r.out, nullptr, false);
+    Json j = r.status == 0 ? Json::parse(r.out, nullptr, false) : Json();
     return j.is_discarded() ? Json() : j;
 }
 
@@ -224,11 +210,9 @@ Json Chassis::Status() const { return CtlJson({"status"}); }
 Json Chassis::Board(int board) const
 {
     Json st = Status();
-    if (st.is_object() && st.contains("boards")) {
-        for (const Json &b : st["boards"]) {
-            if (b["board"] == board) {
-                return b;
-            }
+    for (const Json &b : st.is_object() ? st.value("boards", Json::array()) : Json::array()) {
+        if (b["board"] == board) {
+            return b;
         }
     }
     return Json();

@@ -55,10 +55,13 @@ public:
     static std::string RealDaemon();
     static bool HaveRealDaemon();
     void UseDaemon(const std::string &path) { daemon_ = path; }
+    /* The real board daemon; a missing binary fails the test, naming its path. */
+    void UseRealDaemon();
     /* Environment of chassisctl start, so of chassisd and the daemons. */
     void SetEnv(std::vector<std::string> env) { env_ = std::move(env); }
 
-    /* chassisctl --dir DIR start --daemon D args... */
+    /* chassisctl --dir DIR start --daemon D args...; a missing daemon
+     * binary fails the test. */
     ProcRun Start(const std::vector<std::string> &chassisdArgs = {}, int timeoutMs = 30000);
     /* chassisctl --dir DIR args... */
     ProcRun Ctl(const std::vector<std::string> &args, int timeoutMs = 30000) const;

@@ -10,45 +10,34 @@ using namespace tbdl::cfgtest;
 
 namespace {
 
-TEST(ConfigHold, DeletingTheLastBundleHoldsCreation)
+TEST(ConfigHold, DeletingTheLastBundleHoldsCreationUntilTheDaemonRestarts)
 {
     Chassis chassis("cfghold");
     ASSERT_TRUE(StartWithDaemon(chassis));
     tc::Outcome<tc::Client> c = Connect(chassis);
     ASSERT_TRUE(c) << c.error();
-    for (std::uint32_t n : {1u, 2u, 3u}) {
-        ASSERT_TRUE(Answers(c->CreateBundle(n, TBDL_MODE_LOADBALANCING, 0), TBDL_OK));
-    }
+    ASSERT_TRUE(Answers(c->CreateBundle(2, TBDL_MODE_LOADBALANCING, 0), TBDL_OK));
+    ASSERT_TRUE(Answers(c->CreateBundle(3, TBDL_MODE_LOADBALANCING, 0), TBDL_OK));
     ASSERT_TRUE(AddTunnel(chassis, 30));
-    ASSERT_TRUE(AddTunnel(chassis, 31));
     ASSERT_TRUE(Answers(c->AddMember(3, {30, 1, 0}), TBDL_OK));
-    ASSERT_TRUE(Answers(c->AddMember(3, {31, 1, 0}), TBDL_OK));
-
-    EXPECT_TRUE(Answers(c->DeleteBundle(1), TBDL_OK)) << "not the last bundle";
     ProcRun run = chassis.Tbdlctl({"bundle", "delete", "2"});
     EXPECT_TRUE(Exited(run, 0));
     EXPECT_EQ(run.out, "Tunnel-Bundle2 deleted.\n");
     EXPECT_TRUE(Answers(c->DeleteBundle(3), TBDL_E_LAST_BND_DELETED));
     EXPECT_TRUE(KtbdlMatches(chassis, *c)) << "the members of the last bundle left the kernel";
     EXPECT_TRUE(StoreMatches(chassis, *c));
-
     run = chassis.Tbdlctl({"bundle", "create", "4", "--mode", "loadbalancing"});
     EXPECT_TRUE(Exited(run, 1));
     EXPECT_EQ(run.err,
               "0x65140007 TBDL_E_BND_HOLD: A tunnel bundle cannot be created within 30 seconds after the last one "
               "was deleted.\n");
-    EXPECT_TRUE(Answers(c->CreateBundle(3, TBDL_MODE_ONETOONE, 0), TBDL_E_BND_HOLD));
-    EXPECT_TRUE(Answers(c->DeleteBundle(3), TBDL_OK)) << "nothing to delete during the hold";
 
     /* A new daemon process starts without the hold. */
     const pid_t before = chassis.BoardPid(0);
     ASSERT_TRUE(Exited(chassis.Ctl({"board", "restart", "0"}), 0));
     ASSERT_NE(chassis.BoardPid(0), before);
     ASSERT_TRUE(WaitCfgAnswers(chassis));
-    c = Connect(chassis);
-    ASSERT_TRUE(c) << c.error();
     ASSERT_TRUE(Exited(chassis.Tbdlctl({"bundle", "create", "9", "--mode", "1+1"}), 0));
-    EXPECT_TRUE(KtbdlMatches(chassis, *c));
 
     /* Through the tool the deletion succeeds; the hold is a note. */
     run = chassis.Tbdlctl({"--json", "bundle", "delete", "9"});
@@ -58,7 +47,9 @@ TEST(ConfigHold, DeletingTheLastBundleHoldsCreation)
     EXPECT_EQ(j["ok"], true);
     run = chassis.Tbdlctl({"--json", "bundle", "create", "9", "--mode", "1+1"});
     EXPECT_TRUE(Exited(run, 1));
-    EXPECT_EQ(Json::parse(run.out)["name"], "TBDL_E_BND_HOLD");
+    j = Json::parse(run.out);
+    EXPECT_EQ(j["name"], "TBDL_E_BND_HOLD");
+    EXPECT_EQ(j["ok"], false);
 }
 
 TEST(ConfigModes, ModesSwitchedOffInTheSettings)
@@ -67,27 +58,17 @@ TEST(ConfigModes, ModesSwitchedOffInTheSettings)
     ASSERT_TRUE(StartWithDaemon(chassis, {"--mode", "LoadBalancing=off", "--mode", "ProtectionOneplusone=off"}));
     tc::Outcome<tc::Client> c = Connect(chassis);
     ASSERT_TRUE(c) << c.error();
-    struct Case {
-        const char *mode;
-        int status;
-    };
-    const Case cases[] = {{"loadbalancing", 1}, {"1+1", 1}, {"ProtectionOneplusone", 1}, {"1:1", 0}};
-    std::uint32_t bnd = 1;
-    for (const Case &k : cases) {
-        ProcRun run = chassis.Tbdlctl({"bundle", "create", std::to_string(bnd++), "--mode", k.mode});
-        EXPECT_TRUE(Exited(run, k.status)) << k.mode;
-        if (k.status != 0) {
-            EXPECT_EQ(run.err,
-                      "0x65140006 TBDL_E_MODE_NOTSUPPORT: The work mode is not enabled on this device.\n")
-                << k.mode;
-        }
+    for (const char *mode : {"loadbalancing", "1+1"}) {
+        ProcRun run = chassis.Tbdlctl({"bundle", "create", "1", "--mode", mode});
+        EXPECT_TRUE(Exited(run, 1)) << mode;
+        EXPECT_EQ(run.err, "0x65140006 TBDL_E_MODE_NOTSUPPORT: The work mode is not enabled on this device.\n") << mode;
     }
+    EXPECT_TRUE(Exited(chassis.Tbdlctl({"bundle", "create", "4", "--mode", "1:1"}), 0));
     /* A mode value sharing a bit with an enabled mode passes and is kept as
      * given. */
-    EXPECT_TRUE(Answers(c->CreateBundle(8, 3, 0), TBDL_OK));
+    EXPECT_TRUE(Exited(chassis.Tbdlctl({"bundle", "create", "8", "--mode", "3"}), 0));
     tc::Outcome<tc::Shown<tc::BndDetail>> shown = c->ShowBundle(8);
-    ASSERT_TRUE(shown) << shown.error();
-    ASSERT_TRUE(shown->value);
+    ASSERT_TRUE(shown && shown->value);
     EXPECT_EQ(shown->value->ucMode, 3u);
 
     tc::Outcome<tc::Message> limits = c->Raw(tc::EncodeRequest(TBDL_CFG_MSG_DISPLAY, TBDL_DISP_TYPE_SPEC, 0, {}));

@@ -9,6 +9,7 @@
  * It stops on SIGRTMIN + 1. What it sees goes to DIR/board<N>/fake.log, one
  * line each: "start cause C", "ha event E", "ha message FLAG TEXT",
  * "stop value V". */
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -74,38 +75,23 @@ int main()
     sigemptyset(&set);
     sigaddset(&set, SIGRTMIN + 1);
     sigprocmask(SIG_BLOCK, &set, nullptr);
-    int sfd = signalfd(-1, &set, 0);
-    int ep = epoll_create1(0);
-    epoll_event ev{};
-    ev.events = EPOLLIN;
-    ev.data.u64 = static_cast<u64>(sfd);
-    epoll_ctl(ep, EPOLL_CTL_ADD, sfd, &ev);
-
     u8 ident[8] = {};
     HA_CALLBACKS_S cbs{OnMessage, OnEvent};
     g_ha = HA_Init("TBDL", 0, "TBDL", 1, 2, ident, &cbs);
-    if (g_ha >= 0) {
-        ev.data.u64 = static_cast<u64>(g_ha);
-        epoll_ctl(ep, EPOLL_CTL_ADD, g_ha, &ev);
-    }
     if (std::getenv("FAKE_TBDLD_NO_STATUS") == nullptr) {
         SERVICE_SetStatus(2);
     }
-    for (;;) {
-        epoll_event got{};
-        if (epoll_wait(ep, &got, 1, -1) != 1) {
+    pollfd fds[2] = {{signalfd(-1, &set, 0), POLLIN, 0}, {g_ha, POLLIN, 0}};
+    for (bool stop = false; !stop;) {
+        if (poll(fds, 2, -1) <= 0) {
             continue;
         }
-        if (got.data.u64 == static_cast<u64>(sfd)) {
-            signalfd_siginfo si{};
-            if (read(sfd, &si, sizeof(si)) == static_cast<ssize_t>(sizeof(si))) {
-                Note("stop value " + std::to_string(si.ssi_int));
-                if (std::getenv("FAKE_TBDLD_IGNORE_STOP") == nullptr) {
-                    break;
-                }
-            }
-        } else {
-            HA_Dispatch(got.events, got.data.u64);
+        signalfd_siginfo si{};
+        if (fds[0].revents != 0 && read(fds[0].fd, &si, sizeof(si)) == static_cast<ssize_t>(sizeof(si))) {
+            Note("stop value " + std::to_string(si.ssi_int));
+            stop = std::getenv("FAKE_TBDLD_IGNORE_STOP") == nullptr;
+        } else if (fds[1].revents != 0) {
+            HA_Dispatch(static_cast<u32>(fds[1].revents), static_cast<u64>(g_ha)); /* poll and epoll flags agree */
         }
     }
     if (g_ha >= 0) {

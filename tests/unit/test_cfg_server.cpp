@@ -1,12 +1,18 @@
 /* The configuration server: the listening socket's life, connections on the
  * daemon's event loop, hang-up, error, a peer that never reads, and what
  * happens after the server stops listening. Clients use the real socket. */
+#include <fcntl.h>
 #include <linux/sockios.h>
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 
 #include <algorithm>
+#include <chrono>
+#include <functional>
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -16,6 +22,51 @@
 using namespace cfgtest;
 
 namespace {
+
+inline bool Readable(int fd)
+{
+    struct pollfd p = {fd, POLLIN, 0};
+    return poll(&p, 1, 0) == 1 && (p.revents & POLLIN) != 0;
+}
+
+/* Runs the daemon's loop, one event per wait, until cond holds or the
+ * deadline passes. */
+bool PumpUntil(int epfd, const std::function<bool()> &cond, int timeoutMs = 3000)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!cond()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        struct epoll_event ev;
+        if (epoll_wait(epfd, &ev, 1, 20) == 1) {
+            TBDL_BAS_EpollDispatch(&ev);
+        }
+    }
+    return true;
+}
+
+int Connect(const std::string &path)
+{
+    int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    struct sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+    if (fd >= 0 && connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+int OpenFdCount()
+{
+    int n = 0;
+    for (int fd = 0; fd < 1024; fd++) {
+        n += fcntl(fd, F_GETFD) != -1 ? 1 : 0;
+    }
+    return n;
+}
 
 /* 0: no such path; otherwise the file type bits. */
 mode_t PathType(const std::string &path)
@@ -31,8 +82,6 @@ int Unread(int fd)
     return ioctl(fd, SIOCOUTQ, &n) == 0 ? n : -1;
 }
 
-bool IsClosed(int fd) { return fcntl(fd, F_GETFD) == -1; }
-
 class CfgServer : public CfgModules {
 protected:
     void SetUp() override
@@ -46,7 +95,7 @@ protected:
         for (int fd : m_clients) {
             close(fd);
         }
-        PumpReady(m_epfd);
+        PumpUntil(m_epfd, [this] { return !Readable(m_epfd); });
         CfgModules::TearDown();
     }
 
@@ -73,6 +122,11 @@ protected:
         close(fd);
         m_clients.erase(std::find(m_clients.begin(), m_clients.end(), fd));
     }
+    void ExpectNotListening()
+    {
+        EXPECT_EQ(g_stTbdlCfgGlobalVar.iListenFd, -1);
+        EXPECT_EQ(PathType(m_path), 0u);
+    }
 
     std::string m_path;
     int m_baseFds = 0;
@@ -87,10 +141,8 @@ TEST_F(CfgServer, ListensOnTheBoardPathReplacingAStaleFileAndServesSeveralClient
     ASSERT_NE(f, nullptr);
     fclose(f);
     ASSERT_EQ(TBDL_CFG_Activate(), 0u);
-    EXPECT_NE(g_stTbdlCfgGlobalVar.iListenFd, -1);
     EXPECT_EQ(PathType(m_path), S_IFSOCK);
-    ASSERT_EQ(fake::CountOf("LIPC_GetHostPath"), 1u);
-    EXPECT_EQ(fake::CallsOf("LIPC_GetHostPath")[0].args[0], TBDL_CFG_PORT);
+    EXPECT_EQ(fake::CallsOf("LIPC_GetHostPath").at(0).args.at(0), TBDL_CFG_PORT);
 
     int a = Client();
     int b = Client();
@@ -104,8 +156,7 @@ TEST_F(CfgServer, FailedActivationLeavesNothingOpen)
     /* No epoll descriptor. */
     TBDL_CFG_Fini();
     EXPECT_EQ(TBDL_CFG_Activate(), TBDL_E_FAILED);
-    EXPECT_EQ(g_stTbdlCfgGlobalVar.iListenFd, -1);
-    EXPECT_EQ(PathType(m_path), 0u);
+    ExpectNotListening();
 
     /* No endpoint. */
     TBDL_CFG_Init(static_cast<u32>(m_epfd));
@@ -119,9 +170,8 @@ TEST_F(CfgServer, FailedActivationLeavesNothingOpen)
     int notEpoll = eventfd(0, 0);
     TBDL_CFG_Init(static_cast<u32>(notEpoll));
     EXPECT_EQ(TBDL_CFG_Activate(), TBDL_E_FAILED);
-    EXPECT_EQ(g_stTbdlCfgGlobalVar.iListenFd, -1);
+    ExpectNotListening();
     EXPECT_EQ(OpenFdCount(), m_baseFds + 1);
-    EXPECT_EQ(PathType(m_path), 0u);
     close(notEpoll);
     TBDL_CFG_Init(static_cast<u32>(m_epfd));
 }
@@ -133,8 +183,7 @@ TEST_F(CfgServer, DeactivateClosesTheListenerAndSilencesOpenConnections)
     ASSERT_EQ(ResultOf(Exchange(fd, Request(0, 1, 0, BndCreateTlvs(1)))), 0u);
 
     TBDL_CFG_Deactivate();
-    EXPECT_EQ(g_stTbdlCfgGlobalVar.iListenFd, -1);
-    EXPECT_EQ(PathType(m_path), 0u);
+    ExpectNotListening();
     EXPECT_LT(Connect(m_path), 0);
 
     /* The request is read and dropped: no reply, no effect. */
@@ -189,11 +238,7 @@ TEST_F(CfgServer, PeerThatNeverReadsDoesNotStopTheLoop)
 TEST_F(CfgServer, ConnectionEventMasks)
 {
     ASSERT_EQ(TBDL_CFG_Activate(), 0u);
-    const struct {
-        const char *what;
-        u32 events;
-        bool sent, answered, closed;
-    } cases[] = {
+    const struct { const char *what; u32 events; bool sent, answered, closed; } cases[] = {
         {"in", EPOLLIN, true, true, false},
         {"in and hang-up: answered, then closed", EPOLLIN | EPOLLHUP, true, true, true},
         {"in and error: answered, then closed", EPOLLIN | EPOLLERR, true, true, true},
@@ -212,7 +257,7 @@ TEST_F(CfgServer, ConnectionEventMasks)
         if (c.answered) {
             EXPECT_EQ(TryRecv(fds[0]), Head(0, 0, 0, 1, 0));
         }
-        EXPECT_EQ(IsClosed(fds[1]), c.closed);
+        EXPECT_EQ(fcntl(fds[1], F_GETFD) == -1, c.closed);
         if (c.closed) {
             /* End of file, or a reset when the request was left unread. */
             uint8_t b;

@@ -1,6 +1,5 @@
-/* Shared fixture of the bundle table, member and HA tests: the table on a
- * real epoll descriptor against the recording fake, with HA hooks, KTBDL
- * commands, database writes and bundle callbacks in one ordered trace. */
+/* Shared fixture of the bundle table, member and HA tests: the table on a real epoll descriptor against the recording
+ * fake, with HA hooks, KTBDL commands, database writes and bundle callbacks in one ordered trace. */
 #ifndef BND_FIXTURE_H
 #define BND_FIXTURE_H
 
@@ -30,10 +29,7 @@ using Trace = std::vector<std::string>;
 inline Trace g_trace;
 inline std::vector<Bytes> g_haPayloads; /* payloads handed to the HA encoder */
 
-inline void BndEv(u32 uiEvent, u32 uiBndNum)
-{
-    g_trace.push_back("EV" + std::to_string(uiEvent) + ":" + std::to_string(uiBndNum));
-}
+inline void BndEv(u32 ev, u32 num) { g_trace.push_back("EV" + std::to_string(ev) + ":" + std::to_string(num)); }
 
 inline Bytes Be32(u32 ui) { return {uint8_t(ui >> 24), uint8_t(ui >> 16), uint8_t(ui >> 8), uint8_t(ui)}; }
 inline Bytes Cat(std::initializer_list<Bytes> parts)

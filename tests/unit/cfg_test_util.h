@@ -79,13 +79,9 @@ inline std::optional<Bytes> TryRecv(int fd)
     return n < 0 ? std::nullopt : std::optional<Bytes>(Bytes(buf, buf + n));
 }
 
-inline bool Send(int fd, const Bytes &msg)
-{
-    return send(fd, msg.data(), msg.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(msg.size());
-}
+inline bool Send(int fd, const Bytes &m) { return send(fd, m.data(), m.size(), MSG_NOSIGNAL) == ssize_t(m.size()); }
 
-/* The modules a configuration request reaches, on the test's own epoll
- * descriptor, against a freshly reset fake. */
+/* The modules a configuration request reaches, on the test's own epoll descriptor, against a freshly reset fake. */
 class CfgModules : public ::testing::Test {
 protected:
     void SetUp() override

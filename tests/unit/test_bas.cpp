@@ -76,8 +76,7 @@ TEST_F(BasTest, RegistrationHandsBackReportedMaskAndRegisteredDatum)
     ASSERT_TRUE(DispatchOne());
     EXPECT_EQ((Seen{2, EPOLLIN, 7, 'B'}), g_stSeen);
 
-    /* After DEL, and after refused registrations, a stale event for the
-     * descriptor calls nothing. */
+    /* After DEL, and after refused registrations, a stale event for the descriptor calls nothing. */
     ASSERT_EQ(0, TBDL_BAS_EpollCtl(m_iEpfd, EPOLL_CTL_DEL, iFd, nullptr));
     EXPECT_EQ(-1, TBDL_BAS_EpollCtl(m_iEpfd, EPOLL_CTL_MOD, iFd, &stCb));
     EXPECT_EQ(-1, TBDL_BAS_EpollCtl(-1, EPOLL_CTL_ADD, iFd, &stCb));
@@ -119,8 +118,7 @@ struct OneShot {
 };
 OneShot g_stShot;
 
-/* A one-shot timer callback in the usual shape: read first, then stop
- * itself and forget the descriptor. */
+/* A one-shot timer callback in the usual shape: read first, then stop itself and forget the descriptor. */
 u32 OneShotCb(u32 uiEvents, u64 ulData)
 {
     if (TBDL_BAS_TIMERFD_Read(uiEvents, g_stShot.iTimerFd) != 0) {

@@ -103,8 +103,7 @@ TEST_F(BndCfg, DeleteRemovesMembersThenAnnouncesThenDeletesRecord)
     EXPECT_EQ(std::make_tuple(g_trace, g_stTbdlGlobalVar.uiBndCnt), std::make_tuple(Trace{}, 1u));
 }
 
-/* The hold after the last deletion ends at ClearRunning or at the timer's
- * first expiry. */
+/* The hold after the last deletion ends at ClearRunning or at the timer's first expiry. */
 TEST_F(BndCfg, HoldAfterLastDeletion)
 {
     Init();

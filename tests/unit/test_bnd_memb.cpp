@@ -56,10 +56,9 @@ TEST_F(BndMemb, TunnelModeMustMatch)
     EXPECT_EQ(MembEv(1, TBDL_MEMB_EV_ADD, 0x7777, 1), TBDL_E_TNL_MODE_MISMATCH);
 }
 
-/* The bundle is up while one of its members is up; each change of that
- * state is pushed, the HA message ahead of the KTBDL command, and a removed
- * member's bundle state ahead of its deletion. Member commands go to KTBDL
- * first and to the standby only when KTBDL took them. */
+/* The bundle is up while one of its members is up; each change of that state is pushed, the HA message ahead of the
+ * KTBDL command, and a removed member's bundle state ahead of its deletion. Member commands go to KTBDL first and to
+ * the standby only when KTBDL took them. */
 TEST_F(BndMemb, MemberEventsAndTheirPushes)
 {
     Init();
@@ -137,9 +136,8 @@ TEST_F(BndMemb, WeightChange)
     }
 }
 
-/* A batch start moves the mark; its end drops the VRF of the bundles that
- * saw no VRF event meanwhile, silently and keeping their members. A real VRF
- * change flushes the members and pushes the down bundle with its new VRF. */
+/* A batch start moves the mark; its end drops the VRF of the bundles that saw no VRF event meanwhile, silently and
+ * keeping their members. A real VRF change flushes the members and pushes the down bundle with its new VRF. */
 TEST_F(BndMemb, VrfEventsAndTheBatchSweep)
 {
     Init(1, 1, 1, 16);

@@ -8,10 +8,7 @@ namespace {
 
 class BndRecover : public BndTest {
 protected:
-    static TBDL_DBM_BND_S Rec(u32 num, u8 mode, u16 vrf = 0)
-    {
-        return TBDL_DBM_BND_S{{2, {0, 0x5a}, {10, 0, 0, 9}}, num, mode, 3, 0, vrf, 0};
-    }
+    static TBDL_DBM_BND_S Rec(u32 n, u8 m, u16 v = 0) { return {{2, {0, 0x5a}, {10, 0, 0, 9}}, n, m, 3, 0, v, 0}; }
     static u32 BndIf(u32 num) { return IF_GetIfIndexByFullName(("Tunnel-Bundle" + std::to_string(num)).c_str()); }
 };
 

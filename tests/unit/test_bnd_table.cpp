@@ -9,7 +9,8 @@ class BndTable : public BndTest {};
 
 TEST_F(BndTable, ModeSwitchesOnlyValueOneEnables)
 {
-    const struct { u16 lb, one2one, one4one; u8 flags; } rows[] = {{1, 1, 1, 7}, {1, 2, 1, 5}, {0, 1, 0, 2}, {2, 2, 2, 0}};
+    const struct { u16 lb, one2one, one4one; u8 flags; } rows[] = {
+        {1, 1, 1, 7}, {1, 2, 1, 5}, {0, 1, 0, 2}, {2, 2, 2, 0}};
     for (const auto &r : rows) {
         SCOPED_TRACE(testing::Message() << r.lb << r.one2one << r.one4one);
         Init(r.lb, r.one2one, r.one4one, 16, 4);
@@ -22,8 +23,7 @@ TEST_F(BndTable, ModeSwitchesOnlyValueOneEnables)
     }
 }
 
-/* A table without slots, or whose allocation failed, answers every query
- * and ignores refresh and clearing. */
+/* A table without slots, or whose allocation failed, answers every query and ignores refresh and clearing. */
 TEST_F(BndTable, EmptyTableAnswersNotExistAndInvalid)
 {
     for (int allocFails = 0; allocFails < 2; allocFails++) {

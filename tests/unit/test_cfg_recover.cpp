@@ -1,6 +1,5 @@
-/* Replay of the stored configuration: bundles and then members come back
- * from the platform database in blocks, with the system-boot flag set only
- * during a boot's walk. */
+/* Replay of the stored configuration: bundles and then members come back from the platform database in blocks, with the
+ * system-boot flag set only during a boot's walk. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -16,18 +15,14 @@ const Bytes kBndKey = {1};
 
 Bytes MembKey(uint32_t bnd) { return Cat({Bytes{2}, Be32(bnd)}); }
 
-/* Stored bundle: family, carried and address bytes, number, mode, tunnel
- * mode, VRF; numbers big-endian. */
+/* Stored bundle: family, carried and address bytes, number, mode, tunnel mode, VRF; numbers big-endian. */
 void PutBnd(uint32_t bnd, uint8_t mode = 1, uint16_t vrf = 0, uint16_t family = 0)
 {
     Bytes addr = family ? Cat({Bytes{0xC1, 0xC2, 192, 0, 2, uint8_t(bnd)}, Bytes(12, 0)}) : Bytes(18, 0);
     fake::DbPut(kBndKey, 20, Cat({Be16(family), addr, Be32(bnd), Bytes{mode, 0, 0, 0}, Be16(vrf), Bytes{0, 0}}));
 }
 
-void PutMemb(uint32_t bnd, uint32_t tnl, uint16_t weight)
-{
-    fake::DbPut(MembKey(bnd), 0, Cat({Be32(tnl), Be16(weight), Bytes(6, 0)}));
-}
+void PutMemb(uint32_t b, uint32_t t, uint16_t w) { fake::DbPut(MembKey(b), 0, Cat({Be32(t), Be16(w), Bytes(6, 0)})); }
 
 /* One field of every recorded call of a platform function, in call order. */
 template <typename T> std::vector<T> CallField(const std::string &name, T fake::Call::*field)
@@ -56,8 +51,7 @@ protected:
     std::vector<u16> m_bootDuringWalk;
 };
 
-/* An empty database, or a failed first fetch, restores nothing; the
- * failed walk still frees its iterator. */
+/* An empty database, or a failed first fetch, restores nothing; the failed walk still frees its iterator. */
 TEST_F(CfgRecover, EmptyDatabaseOrFailedFetchRestoresNothing)
 {
     for (bool fetchFails : {false, true}) {
@@ -102,9 +96,8 @@ TEST_F(CfgRecover, BundlesComeInBlocksOfTenInStoredOrderWithNumbersConverted)
               std::make_tuple(u8(1), u16(2), u8(0xC1), u8(72)));
 }
 
-/* Every bundle comes before the first member (a discarded one is looked up
- * again to drop its index); every record is handed on whatever its owner
- * answers (bundle 3's mode is refused, its member list is still read). */
+/* Every bundle comes before the first member (a discarded one is looked up again to drop its index); every record is
+ * handed on whatever its owner answers (bundle 3's mode is refused, its member list is still read). */
 TEST_F(CfgRecover, MembersTakeTheirBundleNumberFromTheListKey)
 {
     PutBnd(3, 8);
@@ -129,8 +122,8 @@ TEST_F(CfgRecover, MembersTakeTheirBundleNumberFromTheListKey)
     EXPECT_EQ(std::make_tuple(memb[0].uiIfIndex, memb[0].usWeight, memb[1].uiIfIndex, memb[1].usWeight),
               std::make_tuple(if4, u16(0x0102), if3, u16(300)));
     EXPECT_EQ(static_cast<TBDL_INTF_PD_S *>(fake::PrivateData().at(if5))->uiBndNum, 9u);
-    EXPECT_THAT(Lookups(), ElementsAre("Tunnel-Bundle3", "Tunnel-Bundle3", "Tunnel-Bundle7", "Tunnel-Bundle9", "Tunnel5", "Tunnel3",
-                                       "Tunnel4", "Tunnel5"));
+    EXPECT_THAT(Lookups(), ElementsAre("Tunnel-Bundle3", "Tunnel-Bundle3", "Tunnel-Bundle7", "Tunnel-Bundle9",
+                                       "Tunnel5", "Tunnel3", "Tunnel4", "Tunnel5"));
     EXPECT_THAT(CallField("DBM_BatchGetNextSortList", &fake::Call::data),
                 ElementsAre(kBndKey, kBndKey, MembKey(3), MembKey(3), MembKey(7), MembKey(7), MembKey(9), MembKey(9)));
 }

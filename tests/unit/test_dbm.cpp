@@ -1,5 +1,4 @@
-/* Database records: open arguments, stored bytes, key handling and failure
- * messages. */
+/* Database records: open arguments, stored bytes, key handling and failure messages. */
 #include <gtest/gtest.h>
 
 #include "fake_platform.h"
@@ -12,10 +11,7 @@ using fake::Bytes;
 
 const Bytes kBndKey = {0x01};
 
-Bytes MembKey(uint32_t uiBnd)
-{
-    return {0x02, uint8_t(uiBnd >> 24), uint8_t(uiBnd >> 16), uint8_t(uiBnd >> 8), uint8_t(uiBnd)};
-}
+Bytes MembKey(uint32_t b) { return {0x02, uint8_t(b >> 24), uint8_t(b >> 16), uint8_t(b >> 8), uint8_t(b)}; }
 
 u32 SetBnd(u16 usDel, u32 uiBndNum)
 {

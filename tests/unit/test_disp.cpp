@@ -1,6 +1,5 @@
-/* Display handlers: the bytes of the bundle details, counts, debug switch
- * and device limit TLVs, paging, and the answers when there is nothing to
- * show or no room. */
+/* Display handlers: the bytes of the bundle details, counts, debug switch and device limit TLVs, paging, and the
+ * answers when there is nothing to show or no room. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -38,15 +37,9 @@ u32 Configure(TBDL_CFG_HANDLER_PF handler, uint32_t bnd, u16 operType, const Byt
     return handler(0, &key, operType, &oper);
 }
 
-u32 CreateBnd(uint32_t bnd, uint16_t mode = 1, uint16_t tnlMode = 0)
-{
-    return Configure(TBDL_BND_Configure, bnd, 202, Cat({Host(mode), Host(tnlMode)}));
-}
+u32 CreateBnd(u32 b, u16 m = 1, u16 t = 0) { return Configure(TBDL_BND_Configure, b, 202, Cat({Host(m), Host(t)})); }
 
-u32 Bind(uint32_t bnd, uint32_t tnl, uint16_t weight)
-{
-    return Configure(TBDL_INTF_Configure, bnd, 204, Cat({Host(tnl), Host(weight), Bytes{0}}));
-}
+u32 Bind(u32 b, u32 t, u16 w) { return Configure(TBDL_INTF_Configure, b, 204, Cat({Host(t), Host(w), Bytes{0}})); }
 
 /* TLV 402 of a bundle without address. */
 Bytes Details(uint32_t bnd, const Bytes &members, uint32_t count, uint8_t state)
@@ -67,8 +60,7 @@ protected:
     }
 };
 
-/* The address as stored, the low byte of the tunnel mode, and the members
- * newest first. */
+/* The address as stored, the low byte of the tunnel mode, and the members newest first. */
 TEST_F(DispTest, DetailsOfABundleWithAddressAndEightMembers)
 {
     ASSERT_EQ(CreateBnd(5, 2, 0x0103), 0u);
@@ -184,7 +176,7 @@ TEST_F(DispTest, TooLittleRoomWritesNothingPastTheBuffer)
     ASSERT_EQ(CreateBnd(4), 0u);
     fake::AddTunnel(7);
     ASSERT_EQ(Bind(4, 7, 1), 0u);
-    const struct { const char *what; TBDL_DISP_HANDLER_PF handler; uint16_t oper, bufLen; uint32_t result; uint16_t outLen; }
+    const struct { const char *what; TBDL_DISP_HANDLER_PF fn; uint16_t oper, bufLen; uint32_t result; uint16_t outLen; }
         cases[] = {
         {"details: exact room for 4 + 32 + 8", TBDL_DISP_TnlBnd, 2, 44, 0, 44},
         {"details: one byte short", TBDL_DISP_TnlBnd, 2, 43, TBDL_E_FAILED, 0},
@@ -195,7 +187,7 @@ TEST_F(DispTest, TooLittleRoomWritesNothingPastTheBuffer)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
-        Out o = Disp(c.handler, c.oper, 4, c.bufLen);
+        Out o = Disp(c.fn, c.oper, 4, c.bufLen);
         EXPECT_EQ(std::make_tuple(o.result, o.outLen, o.overrun), std::make_tuple(c.result, c.outLen, false));
     }
 }

@@ -170,12 +170,15 @@ TEST_F(HaMsgTest, StandbyAppliesEachKnownTlvToItsKernel)
     Pump();
 
     EXPECT_EQ(g_trace, (Trace{"K7c0002", "K7c0003", "K7c0004"}));
-    auto k = fake::CallsOf("CIOCTL");
-    ASSERT_EQ(k.size(), 3u);
-    const TBDL_KBND_S bnd = {kAddr, 0x01020000, 0, 0, 0, 0}; /* two bytes of the index arrived; the rest is zero */
-    EXPECT_EQ(k[0].data, BytesOf(bnd));
-    EXPECT_EQ(k[1].data, BytesOf(TBDL_KMEMB_S{0x1000, 0})) << "member index zero-padded";
-    EXPECT_EQ(k[2].data, BytesOf(TBDL_KMEMB_S{0x1000, 0x100})) << "longer value cut to 8 bytes";
+    std::vector<Bytes> k;
+    for (const fake::Call &c : fake::CallsOf("CIOCTL")) {
+        k.push_back(c.data);
+    }
+    /* Two bytes of the bundle's index arrived, the rest is zero; the member
+     * index is zero-padded; a longer value is cut to 8 bytes. */
+    const TBDL_KBND_S bnd = {kAddr, 0x01020000, 0, 0, 0, 0};
+    EXPECT_EQ(k, (std::vector<Bytes>{BytesOf(bnd), BytesOf(TBDL_KMEMB_S{0x1000, 0}),
+                                     BytesOf(TBDL_KMEMB_S{0x1000, 0x100})}));
 
     EXPECT_EQ(fake::LogLines(), std::vector<std::string>{"EVENT Received an HA message (Type 0).\r\n"});
     EXPECT_EQ(fake::CountOf("HA_FreeMsg"), 1u);

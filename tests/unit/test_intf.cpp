@@ -93,8 +93,7 @@ TEST_F(IntfTest, BindRecordsMembershipStoresMemberAndRebindUpdatesWeight)
     EXPECT_EQ(StoredMembers(3), (std::vector<Bytes>{StoredMemb(7, 30, 0, 5), StoredMemb(8, 20, 0, 5)}));
 }
 
-/* Every refused bind leaves private data, stored members, the kernel and the
- * standby as they were. */
+/* Every refused bind leaves private data, stored members, the kernel and the standby as they were. */
 TEST_F(IntfTest, RefusedBindsLeaveNoTrace)
 {
     MakeBnd(3, TBDL_MODE_LOADBALANCING, 5);

@@ -1,7 +1,5 @@
-/* Process start-up, event loop, stop signal and teardown. The daemon runs
- * on its own thread against the fake; a hook on the service status report
- * raises the stop signal on that thread, so the loop starts with the
- * signal pending. */
+/* Process start-up, event loop, stop signal and teardown. The daemon runs on its own thread against the fake; a hook on
+ * the service status report raises the stop signal on that thread, so the loop starts with the signal pending. */
 #include <pthread.h>
 #include <signal.h>
 #include <sys/epoll.h>
@@ -27,8 +25,7 @@ namespace {
 
 constexpr int kPlainKill = -1;
 
-/* Sends the stop signal to the calling thread: plain kill (value 0) or
- * with a value. */
+/* Sends the stop signal to the calling thread: plain kill (value 0) or with a value. */
 void RaiseStop(int iValue)
 {
     sigval stVal{};
@@ -65,8 +62,7 @@ protected:
         m_iIfEvFd = eventfd(0, EFD_CLOEXEC);
         fake::FailAlways("IF_Event_Init", static_cast<uint64_t>(m_iIfEvFd));
         fake::FailAlways("IF_RegIfEventEx", 1);
-        /* The normal-stop flag as deactivation sees it: the interface
-         * module's deactivation walks its private data. */
+        /* The normal-stop flag as deactivation sees it: the interface module's deactivation walks its private data. */
         fake::OnCall("IF_GetFirstPrivateData",
                      [this](const fake::Call &) { m_vecStopFlagAtDeactivation.push_back(g_bTbdlNormalStop); });
     }
@@ -77,10 +73,7 @@ protected:
     }
 
     /* Stops the daemon with iValue as soon as it reports itself up. */
-    void StopWhenUp(int iValue)
-    {
-        fake::OnCall("SERVICE_SetStatus", [iValue](const fake::Call &) { RaiseStop(iValue); });
-    }
+    void StopWhenUp(int v) { fake::OnCall("SERVICE_SetStatus", [v](const fake::Call &) { RaiseStop(v); }); }
 
     /* Runs the daemon to its end on its own thread (10 s at most); pfnAfter
      * runs on that thread once the daemon has returned. */
@@ -103,8 +96,7 @@ protected:
         return stResult.get();
     }
 
-    /* Log and database closed, descriptors and stop flags back at their
-     * initial values. */
+    /* Log and database closed, descriptors and stop flags back at their initial values. */
     void ExpectAllReleased()
     {
         EXPECT_FALSE(fake::LogOpen());
@@ -117,11 +109,9 @@ protected:
     std::vector<u16> m_vecStopFlagAtDeactivation;
 };
 
-/* Limits come from the platform (failed queries keep the defaults); only
- * value 3 is an orderly stop; a standby reports up without activating or
- * deactivating; a failed start runs every Init, then the full teardown
- * (deactivating the master as an orderly stop), and exits with -1 without
- * reporting up. */
+/* Limits come from the platform (failed queries keep the defaults); only value 3 is an orderly stop; a standby reports
+ * up without activating or deactivating; a failed start runs every Init, then the full teardown (deactivating the
+ * master as an orderly stop), and exits with -1 without reporting up. */
 TEST_F(MainTest, RunsUntilTheStopSignalAndTearsDownInOrder)
 {
     using Names = std::vector<std::string>;

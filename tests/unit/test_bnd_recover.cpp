@@ -31,8 +31,7 @@ TEST_F(BndRecover, RestoredBundleIsDownAndSilent)
     /* A second record for a bundle already in the table leaves it alone. */
     TBDL_DBM_BND_S again = Rec(12, 4);
     EXPECT_NE(TBDL_BND_RecoverBnd(&again), TBDL_OK);
-    EXPECT_EQ(Snap(12).ucMode, 2);
-    EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 1u);
+    EXPECT_EQ(std::make_pair(Snap(12).ucMode, g_stTbdlGlobalVar.uiBndCnt), std::make_pair(u8(2), 1u));
 }
 
 enum Fault { NONE, NO_IFINDEX, DESTROY_FAILS, ALLOC_FAILS };

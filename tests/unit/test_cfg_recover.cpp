@@ -65,10 +65,9 @@ TEST_F(CfgRecover, EmptyDatabaseOrFailedFetchRestoresNothing)
         fake::Config().startCause = 0;
         TBDL_CFG_Recovery();
         TBDL_BND_INFO_S info = {};
-        EXPECT_EQ(TBDL_BND_GetFirstBndInfo(&info), TBDL_E_NOTEXIST);
-        EXPECT_TRUE(Lookups().empty());
-        EXPECT_EQ(TBDL_INTF_IsSystemBoot(), 0u);
-        EXPECT_EQ(fake::CountOf("DBM_FreeIterator"), fetchFails ? 1u : 0u);
+        EXPECT_EQ(std::make_tuple(TBDL_BND_GetFirstBndInfo(&info), Lookups().size(), TBDL_INTF_IsSystemBoot(),
+                                  fake::CountOf("DBM_FreeIterator")),
+                  std::make_tuple(TBDL_E_NOTEXIST, size_t(0), u16(0), size_t(fetchFails)));
         EXPECT_EQ(CallField("DBM_Batch_Proc", &fake::Call::args),
                   (std::vector<std::vector<uint64_t>>{{TBDL_DBM_GetHandle(), ~0ull, 2, 0, 0, 1, 0}}));
     }

@@ -44,10 +44,8 @@ TEST_F(DbgTest, InitOpensTheLogAndFiniClosesItAndForgetsTheCounts)
     EXPECT_EQ((std::vector<uint64_t>{4, 184}), opens[0].args);
     TBDL_DBG_Output(TBDL_DBG_ERROR, "a\r\n");
     TBDL_DBG_Fini();
-    EXPECT_FALSE(fake::LogOpen());
-    EXPECT_EQ("TBDL", fake::CallsOf("closelog2").at(0).text);
-    EXPECT_EQ("0", Counts());
-    EXPECT_EQ(0, g_ausTbdlErrCnt[0]);
+    EXPECT_EQ(std::make_tuple(false, std::string("TBDL"), std::string("0"), u16(0)),
+              std::make_tuple(fake::LogOpen(), fake::CallsOf("closelog2").at(0).text, Counts(), g_ausTbdlErrCnt[0]));
     TBDL_DBG_Init();
 }
 
@@ -121,9 +119,10 @@ TEST_F(DbgTest, SwitchCommandsTheirUndoAndClearRunning)
     for (size_t i = 0; i < std::size(steps); i++) {
         SCOPED_TRACE(i);
         EXPECT_EQ(steps[i].uiResult, Set(steps[i].usUndo, steps[i].uiType));
-        EXPECT_EQ(steps[i].uiSwitchAfter, TBDL_DBG_GetDebug());
-        EXPECT_EQ(steps[i].uiSwitchAfter & 1u, TBDL_DBG_IsOpen(TBDL_DBG_ERROR));
-        EXPECT_EQ((steps[i].uiSwitchAfter >> 1) & 1u, TBDL_DBG_IsOpen(TBDL_DBG_EVENT));
+        const u32 w = steps[i].uiSwitchAfter;
+        EXPECT_EQ(std::make_tuple(w, w & 1u, (w >> 1) & 1u),
+                  std::make_tuple(TBDL_DBG_GetDebug(), u32(TBDL_DBG_IsOpen(TBDL_DBG_ERROR)),
+                                  u32(TBDL_DBG_IsOpen(TBDL_DBG_EVENT))));
     }
     EXPECT_EQ(0, TBDL_DBG_IsOpen(2));
 

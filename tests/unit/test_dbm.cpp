@@ -68,9 +68,8 @@ TEST(DbmOpen, OpensWithTheFixedArgumentsAndClosesOnce)
     u64 ulHandle = TBDL_DBM_GetHandle();
     TBDL_DBM_Fini();
     TBDL_DBM_Fini();
-    EXPECT_EQ(std::vector<uint64_t>{ulHandle}, fake::CallsOf("DBM_Close").at(0).args);
-    EXPECT_EQ(1u, fake::CountOf("DBM_Close"));
-    EXPECT_EQ(DBM_HANDLE_NONE, TBDL_DBM_GetHandle());
+    EXPECT_EQ(std::make_tuple(std::vector<uint64_t>{ulHandle}, size_t(1), DBM_HANDLE_NONE),
+              std::make_tuple(fake::CallsOf("DBM_Close").at(0).args, fake::CountOf("DBM_Close"), TBDL_DBM_GetHandle()));
 
     /* A failed open leaves no handle and nothing to close. */
     fake::FailOnce("DBM_Open", 0x77);
@@ -148,9 +147,9 @@ TEST_F(DbmTest, MemberRemovalOneByOneAndAllAtOnce)
     fake::ClearJournal();
     EXPECT_EQ(0u, TBDL_DBM_SetMemb(1, 2, nullptr));
     EXPECT_EQ((std::vector<std::string>{"DBM_DeleteKey"}), fake::Names());
-    EXPECT_EQ(MembKey(2), fake::CallsOf("DBM_DeleteKey").at(0).data);
-    EXPECT_EQ(0u, fake::Db().count(MembKey(2)));
-    EXPECT_EQ(1u, fake::Db().count(kBndKey));
+    EXPECT_EQ(std::make_tuple(MembKey(2), size_t(0), size_t(1)),
+              std::make_tuple(fake::CallsOf("DBM_DeleteKey").at(0).data, fake::Db().count(MembKey(2)),
+                              fake::Db().count(kBndKey)));
 }
 
 TEST_F(DbmTest, FailuresAreLoggedAsTheOperationSays)
@@ -188,8 +187,7 @@ TEST_F(DbmTest, FailedRemovalStillDeletesAnEmptyKey)
     fake::DbPut(kBndKey, 20, Bytes(32, 0));
     fake::Db()[kBndKey].clear();
     EXPECT_NE(0u, SetBnd(1, 5));
-    EXPECT_EQ(1u, fake::CountOf("DBM_DeleteKey"));
-    EXPECT_EQ(0u, fake::Db().count(kBndKey));
+    EXPECT_EQ(std::make_pair(fake::CountOf("DBM_DeleteKey"), fake::Db().count(kBndKey)), std::make_pair(1ul, 0ul));
     EXPECT_EQ((std::vector<std::string>{"ERROR Failed to delete tunnel bundle interface (5) from DBM.\r\n"}),
               fake::LogLines());
 }

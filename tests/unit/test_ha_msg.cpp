@@ -99,8 +99,8 @@ TEST_F(HaMsgTest, OnlyTheMasterEncodesAndOnlyTypesOneToThree)
     fake::Config().master = true;
     EXPECT_EQ(tbdl_ha_EncMsg(0, &kSampleBnd), TBDL_E_FAILED);
     EXPECT_EQ(tbdl_ha_EncMsg(4, &kSampleBnd), TBDL_E_FAILED);
-    EXPECT_EQ(g_stTbdlHaVar.usMsgLen, 0);
-    EXPECT_EQ(fake::LogLines(), std::vector<std::string>(2, "ERROR Invalid HA message type.\r\n"));
+    EXPECT_EQ(std::make_pair(g_stTbdlHaVar.usMsgLen, fake::LogLines()),
+              std::make_pair(u16(0), std::vector<std::string>(2, "ERROR Invalid HA message type.\r\n")));
 }
 
 TEST_F(HaMsgTest, MessageThatDoesNotFitSendsTheBufferFirst)
@@ -110,16 +110,14 @@ TEST_F(HaMsgTest, MessageThatDoesNotFitSendsTheBufferFirst)
     ASSERT_EQ(tbdl_ha_EncMsg(TBDL_HA_MSG_BND_UPDATE, &kSampleBnd), 0u);
     ASSERT_EQ(tbdl_ha_EncMsg(TBDL_HA_MSG_MEMB_ADD, &add), 0u);
     ASSERT_EQ(fake::HaSentMessages().size(), 1u);
-    EXPECT_EQ(fake::HaSentMessages()[0].msg, kGoldenBnd);
-    EXPECT_EQ(fake::HaSentMessages()[0].flag, 1u);
-    EXPECT_EQ(g_stTbdlHaVar.usMsgLen, 12);
+    EXPECT_EQ(std::make_tuple(fake::HaSentMessages()[0].msg, fake::HaSentMessages()[0].flag, g_stTbdlHaVar.usMsgLen),
+              std::make_tuple(kGoldenBnd, 1u, u16(12)));
 
     /* A TLV larger than the whole buffer is refused after one send. */
     Reinit(30);
     ASSERT_EQ(tbdl_ha_EncMsg(TBDL_HA_MSG_MEMB_ADD, &add), 0u);
     EXPECT_EQ(tbdl_ha_EncMsg(TBDL_HA_MSG_BND_UPDATE, &kSampleBnd), TBDL_E_FAILED);
-    EXPECT_EQ(fake::HaSentMessages().size(), 2u);
-    EXPECT_EQ(g_stTbdlHaVar.usMsgLen, 0);
+    EXPECT_EQ(std::make_pair(fake::HaSentMessages().size(), g_stTbdlHaVar.usMsgLen), std::make_pair(size_t(2), u16(0)));
 }
 
 /* The batch sends every bundle in ascending number, each update followed by

@@ -99,10 +99,9 @@ TEST_F(HaRoleTest, InitFailuresReleaseWhatWasObtained)
             fake::FailOnce(c.fail, c.result);
         }
         EXPECT_EQ(TBDL_HA_Init(c.badEpoll ? -1 : epfd), TBDL_E_FAILED);
-        EXPECT_EQ(fake::CountOf("HA_Exit"), c.nExit);
-        EXPECT_EQ(fake::CountOf("HA_FreeMsg"), c.nFree);
-        EXPECT_EQ(g_stTbdlHaVar.iHaFd, -1);
-        EXPECT_EQ(g_stTbdlHaVar.pucMsgBuf, nullptr);
+        EXPECT_EQ(std::make_tuple(fake::CountOf("HA_Exit"), fake::CountOf("HA_FreeMsg"), g_stTbdlHaVar.iHaFd,
+                                  g_stTbdlHaVar.pucMsgBuf),
+                  std::make_tuple(c.nExit, c.nFree, -1, nullptr));
         EXPECT_EQ(TBDL_BAS_HAIsMaster(), 0) << "hooks are not registered";
     }
     EXPECT_EQ(fake::CountOf("HA_GetMTU"), 1u) << "the first case stops before asking the MTU";

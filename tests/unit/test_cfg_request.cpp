@@ -63,6 +63,7 @@ TEST_F(CfgRequest, MalformedRequestsAnswerInvalidMsgAndChangeNothing)
     Bytes debugOn = Request(0, 0, 0, Tlv(398, Be32(2)));
     Bytes cut = Request(0, 1, 7);
     cut.resize(11);
+    /* The request and the type and oper its reply carries. */
     const struct { const char *what; Bytes msg; uint16_t type, oper; } cases[] = {
         {"5 bytes", Bytes(5, 0), 0, 0},
         {"11 bytes: type and oper not there", cut, 0, 0},
@@ -167,6 +168,7 @@ TEST(CfgParse, OperationTlvsFillTheOperationDataInHostOrder)
     TBDL_DBG_Init();
     Bytes addr = Cat({Be16(2), Bytes{0xA1, 0xA2, 10, 0, 0, 1}, Bytes(12, 0xEE)});
     Bytes memb = Tlv(204, Cat({Be32(5), Be16(6), Bytes{1}}));
+    /* The payload, then the key, operation type and leading bytes of the operation data it gives. */
     const struct { const char *what; Bytes payload; uint32_t key; uint16_t type; Bytes data; } cases[] = {
         {"202: two u16", Cat({Tlv(2, Be32(0x01020304)), Tlv(202, Cat({Be16(4), Be16(0x0102)}))}), 0x01020304, 202,
          Cat({Host<u16>(4), Host<u16>(0x0102), Bytes{0, 0}})},

@@ -112,7 +112,7 @@ protected:
 /* Limits come from the platform (failed queries keep the defaults); only value 3 is an orderly stop; a standby reports
  * up without activating or deactivating; a failed start runs every Init, then the full teardown (deactivating the
  * master as an orderly stop), and exits with -1 without reporting up. */
-TEST_F(MainTest, RunsUntilTheStopSignalAndTearsDownInOrder)
+TEST_F(MainTest, StartsWithPlatformLimitsStopsOnSignalAndTearsDownInOrder)
 {
     using Names = std::vector<std::string>;
     /* master, stop value, failing call and its result, platform limits (bundle slots answered, LFIB answered, its

@@ -1,6 +1,5 @@
-/* Shared fixture of the bundle table, member and HA tests: the table on a
- * real epoll descriptor against the recording fake, with HA hooks, KTBDL
- * commands, database writes and bundle callbacks in one ordered trace. */
+/* Shared fixture of the bundle table, member and HA tests: the table on a real epoll descriptor against the recording
+ * fake, with HA hooks, KTBDL commands, database writes and bundle callbacks in one ordered trace. */
 #ifndef BND_FIXTURE_H
 #define BND_FIXTURE_H
 
@@ -30,25 +29,7 @@ using Trace = std::vector<std::string>;
 inline Trace g_trace;
 inline std::vector<Bytes> g_haPayloads; /* payloads handed to the HA encoder */
 
-inline u32 HaEnc(u16 usType, const void *pData)
-{
-    const uint8_t *p = static_cast<const uint8_t *>(pData);
-    g_trace.push_back("HA" + std::to_string(usType));
-    g_haPayloads.emplace_back(p, p + (usType == 1 ? sizeof(TBDL_KBND_S) : sizeof(TBDL_KMEMB_S)));
-    return 0;
-}
-inline u16 HaYes(void) { return 1; }
-inline u32 HaFlush(u16) { g_trace.push_back("HAF"); return 0; }
-inline void BndEv(u32 uiEvent, u32 uiBndNum)
-{
-    g_trace.push_back("EV" + std::to_string(uiEvent) + ":" + std::to_string(uiBndNum));
-}
-/* A bundle record's number is the big-endian word at offset 20. */
-inline void DbTrace(const char *pcOp, const fake::Call &c)
-{
-    const uint8_t *p = c.rec.size() >= 24 ? &c.rec[20] : nullptr;
-    g_trace.push_back(pcOp + (p ? std::to_string(u32(p[0] << 24 | p[1] << 16 | p[2] << 8 | p[3])) : "?"));
-}
+inline void BndEv(u32 ev, u32 num) { g_trace.push_back("EV" + std::to_string(ev) + ":" + std::to_string(num)); }
 
 inline Bytes Be32(u32 ui) { return {uint8_t(ui >> 24), uint8_t(ui >> 16), uint8_t(ui >> 8), uint8_t(ui)}; }
 inline Bytes Cat(std::initializer_list<Bytes> parts)
@@ -60,11 +41,11 @@ inline Bytes Cat(std::initializer_list<Bytes> parts)
     return out;
 }
 template <class T> Bytes BytesOf(const T &t) { return Bytes((const uint8_t *)&t, (const uint8_t *)&t + sizeof(T)); }
-template <class T> T As(const Bytes &b)
+inline TBDL_KBND_S Kbnd(const Bytes &b)
 {
-    T t{};
-    EXPECT_EQ(b.size(), sizeof(T));
-    memcpy(&t, b.data(), std::min(b.size(), sizeof(T)));
+    TBDL_KBND_S t{};
+    EXPECT_EQ(b.size(), sizeof(t));
+    memcpy(&t, b.data(), std::min(b.size(), sizeof(t)));
     return t;
 }
 inline bool Logged(const std::string &line)
@@ -85,7 +66,15 @@ protected:
         TBDL_DBG_Init();
         g_stTbdlLogVar.uiDebugSwitch = 3;
         TBDL_DBM_Init();
-        static const TBDL_BAS_HA_FUNC_S hooks = {HaEnc, HaYes, HaFlush, HaYes};
+        static const TBDL_BAS_HA_FUNC_S hooks = {
+            [](u16 usType, const void *pData) -> u32 {
+                const uint8_t *p = static_cast<const uint8_t *>(pData);
+                g_trace.push_back("HA" + std::to_string(usType));
+                g_haPayloads.emplace_back(p, p + (usType == 1 ? sizeof(TBDL_KBND_S) : sizeof(TBDL_KMEMB_S)));
+                return 0;
+            },
+            []() -> u16 { return 1; }, [](u16) -> u32 { g_trace.push_back("HAF"); return 0u; },
+            []() -> u16 { return 1; }};
         TBDL_BAS_RegHAFunc(&hooks);
         fake::OnCall("CIOCTL", [](const fake::Call &c) {
             EXPECT_EQ(c.args.at(0), TBDL_KTBDL_DEV);
@@ -93,8 +82,14 @@ protected:
             snprintf(b, sizeof(b), "K%llx", (unsigned long long)c.args.at(1));
             g_trace.push_back(b);
         });
-        fake::OnCall("DBM_InsertSortList", [](const fake::Call &c) { DbTrace("DB+", c); });
-        fake::OnCall("DBM_RemoveSortList", [](const fake::Call &c) { DbTrace("DB-", c); });
+        /* A bundle record's number is the big-endian word at offset 20. */
+        for (const char *op : {"DBM_InsertSortList", "DBM_RemoveSortList"}) {
+            fake::OnCall(op, [op](const fake::Call &c) {
+                const uint8_t *p = c.rec.size() >= 24 ? &c.rec[20] : nullptr;
+                g_trace.push_back((op[4] == 'I' ? "DB+" : "DB-") +
+                                  (p ? std::to_string(u32(p[0] << 24 | p[1] << 16 | p[2] << 8 | p[3])) : "?"));
+            });
+        }
         epfd = epoll_create1(0);
         ASSERT_GE(epfd, 0);
     }
@@ -179,7 +174,7 @@ protected:
         auto calls = fake::CallsOf("CIOCTL");
         auto it = std::find_if(calls.rbegin(), calls.rend(),
                                [](const fake::Call &c) { return c.args.at(1) == TBDL_KCMD_BND_UPDATE; });
-        return As<TBDL_KBND_S>(it == calls.rend() ? Bytes{} : it->data);
+        return Kbnd(it == calls.rend() ? Bytes{} : it->data);
     }
 
     /* Waits (5 s at most) for one event on the loop and dispatches it as the main loop would. */

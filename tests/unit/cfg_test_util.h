@@ -1,21 +1,15 @@
 /* Helpers of the configuration-channel and display tests: byte builders for
- * requests, replies and TLVs, and a driver of the daemon's event loop. */
+ * requests, replies and TLVs, and the modules a request reaches. */
 #ifndef CFG_TEST_UTIL_H
 #define CFG_TEST_UTIL_H
 
-#include <fcntl.h>
-#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <optional>
-#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -36,18 +30,7 @@ inline Bytes Be16(uint16_t v) { return {uint8_t(v >> 8), uint8_t(v)}; }
 inline Bytes Be32(uint32_t v) { return {uint8_t(v >> 24), uint8_t(v >> 16), uint8_t(v >> 8), uint8_t(v)}; }
 
 /* A value in host order, as the handlers' records hold it. */
-template <typename T>
-Bytes Host(T v)
-{
-    Bytes b(sizeof(T));
-    memcpy(b.data(), &v, sizeof(T));
-    return b;
-}
-
-inline uint32_t GetBe32(const Bytes &b, size_t at)
-{
-    return (uint32_t(b.at(at)) << 24) | (uint32_t(b.at(at + 1)) << 16) | (uint32_t(b.at(at + 2)) << 8) | b.at(at + 3);
-}
+template <typename T> Bytes Host(T v) { return Bytes((const uint8_t *)&v, (const uint8_t *)&v + sizeof(T)); }
 
 inline Bytes Cat(std::initializer_list<Bytes> parts)
 {
@@ -77,7 +60,10 @@ inline Bytes Request(uint16_t cls, uint16_t type, uint16_t oper, const Bytes &pa
     return Cat({Head(cls, dataLen.value_or(static_cast<uint16_t>(payload.size())), 0, type, oper), payload});
 }
 
-inline uint32_t ResultOf(const Bytes &reply) { return reply.size() >= 12 ? GetBe32(reply, 4) : 0xDEADu; }
+inline uint32_t ResultOf(const Bytes &reply)
+{
+    return reply.size() >= 12 ? uint32_t(reply[4] << 24 | reply[5] << 16 | reply[6] << 8 | reply[7]) : 0xDEADu;
+}
 
 /* Key and operation TLVs that create bundle `bnd`. */
 inline Bytes BndCreateTlvs(uint32_t bnd, uint16_t mode = 1, uint16_t tnlMode = 0)
@@ -93,74 +79,9 @@ inline std::optional<Bytes> TryRecv(int fd)
     return n < 0 ? std::nullopt : std::optional<Bytes>(Bytes(buf, buf + n));
 }
 
-inline bool Readable(int fd)
-{
-    struct pollfd p = {fd, POLLIN, 0};
-    return poll(&p, 1, 0) == 1 && (p.revents & POLLIN) != 0;
-}
+inline bool Send(int fd, const Bytes &m) { return send(fd, m.data(), m.size(), MSG_NOSIGNAL) == ssize_t(m.size()); }
 
-inline bool Send(int fd, const Bytes &msg)
-{
-    return send(fd, msg.data(), msg.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(msg.size());
-}
-
-/* Runs the daemon's loop, one event per wait, until cond holds or the
- * deadline passes. */
-inline bool PumpUntil(int epfd, const std::function<bool()> &cond, int timeoutMs = 3000)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!cond()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        struct epoll_event ev;
-        if (epoll_wait(epfd, &ev, 1, 20) == 1) {
-            TBDL_BAS_EpollDispatch(&ev);
-        }
-    }
-    return true;
-}
-
-inline void PumpReady(int epfd)
-{
-    PumpUntil(epfd, [epfd] { return !Readable(epfd); });
-}
-
-inline int Connect(const std::string &path)
-{
-    int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-    struct sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-    if (fd >= 0 && connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-inline int OpenFdCount()
-{
-    int n = 0;
-    for (int fd = 0; fd < 1024; fd++) {
-        n += fcntl(fd, F_GETFD) != -1 ? 1 : 0;
-    }
-    return n;
-}
-
-/* One field of every recorded call of a platform function, in call order. */
-template <typename T>
-std::vector<T> CallField(const std::string &name, T fake::Call::*field)
-{
-    std::vector<T> out;
-    for (const fake::Call &c : fake::CallsOf(name)) {
-        out.push_back(c.*field);
-    }
-    return out;
-}
-
-/* The modules a configuration request reaches, on the test's own epoll
- * descriptor, against a freshly reset fake. */
+/* The modules a configuration request reaches, on the test's own epoll descriptor, against a freshly reset fake. */
 class CfgModules : public ::testing::Test {
 protected:
     void SetUp() override

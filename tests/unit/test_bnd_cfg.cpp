@@ -71,9 +71,8 @@ TEST_F(BndCfg, CreateAnnouncesPushesAndSaves)
     TBDL_BAS_SetAllocFault(0, 1);
     EXPECT_EQ(Create(6, 1), TBDL_E_NOMEM);
     TBDL_BAS_SetAllocFault(0, 0);
-    EXPECT_EQ(g_stTbdlGlobalVar.ppstBnd[6], nullptr);
-    EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 1u);
-    EXPECT_TRUE(g_trace.empty());
+    EXPECT_EQ(std::make_tuple(g_stTbdlGlobalVar.ppstBnd[6], g_stTbdlGlobalVar.uiBndCnt, g_trace),
+              std::make_tuple(nullptr, 1u, Trace{}));
 }
 
 TEST_F(BndCfg, DeleteRemovesMembersThenAnnouncesThenDeletesRecord)
@@ -95,18 +94,16 @@ TEST_F(BndCfg, DeleteRemovesMembersThenAnnouncesThenDeletesRecord)
     EXPECT_EQ(seen, std::make_pair(size_t(0), u8(0)));
     u32 bndIf = fake::FindInterface("Tunnel-Bundle1")->ifIndex;
     EXPECT_EQ(g_haPayloads.at(0), BytesOf(TBDL_KMEMB_S{bndIf, b})) << "newest member first";
-    EXPECT_EQ(g_stTbdlGlobalVar.ppstBnd[1], nullptr);
-    EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 1u);
-    EXPECT_EQ(g_stTbdlGlobalVar.iTimerFd, -1) << "not the last bundle: no hold";
+    /* Not the last bundle: no hold. */
+    EXPECT_EQ(std::make_tuple(g_stTbdlGlobalVar.ppstBnd[1], g_stTbdlGlobalVar.uiBndCnt, g_stTbdlGlobalVar.iTimerFd),
+              std::make_tuple(nullptr, 1u, -1));
 
     Mark();
     EXPECT_EQ(Delete(1), TBDL_OK) << "deleting a missing bundle succeeds";
-    EXPECT_TRUE(g_trace.empty());
-    EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 1u);
+    EXPECT_EQ(std::make_tuple(g_trace, g_stTbdlGlobalVar.uiBndCnt), std::make_tuple(Trace{}, 1u));
 }
 
-/* The hold after the last deletion ends at ClearRunning or at the timer's
- * first expiry. */
+/* The hold after the last deletion ends at ClearRunning or at the timer's first expiry. */
 TEST_F(BndCfg, HoldAfterLastDeletion)
 {
     Init();
@@ -131,10 +128,9 @@ TEST_F(BndCfg, HoldAfterLastDeletion)
         } else {
             TBDL_BND_ClearRunning();
         }
-        EXPECT_TRUE(g_trace.empty());
-        EXPECT_EQ(g_stTbdlGlobalVar.iTimerFd, -1);
-        EXPECT_EQ(fcntl(tfd, F_GETFD), -1) << "timer descriptor closed";
-        EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 0u);
+        /* Silent; the timer descriptor closed. */
+        EXPECT_EQ(std::make_tuple(g_trace, g_stTbdlGlobalVar.iTimerFd, fcntl(tfd, F_GETFD), g_stTbdlGlobalVar.uiBndCnt),
+                  std::make_tuple(Trace{}, -1, -1, 0u));
         EXPECT_EQ(Create(3, 1), TBDL_OK);
         EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 1u);
         EXPECT_EQ(Delete(3), TBDL_E_LAST_BND_DELETED);

@@ -8,10 +8,7 @@ namespace {
 
 class BndRecover : public BndTest {
 protected:
-    static TBDL_DBM_BND_S Rec(u32 num, u8 mode, u16 vrf = 0)
-    {
-        return TBDL_DBM_BND_S{{2, {0, 0x5a}, {10, 0, 0, 9}}, num, mode, 3, 0, vrf, 0};
-    }
+    static TBDL_DBM_BND_S Rec(u32 n, u8 m, u16 v = 0) { return {{2, {0, 0x5a}, {10, 0, 0, 9}}, n, m, 3, 0, v, 0}; }
     static u32 BndIf(u32 num) { return IF_GetIfIndexByFullName(("Tunnel-Bundle" + std::to_string(num)).c_str()); }
 };
 
@@ -34,8 +31,7 @@ TEST_F(BndRecover, RestoredBundleIsDownAndSilent)
     /* A second record for a bundle already in the table leaves it alone. */
     TBDL_DBM_BND_S again = Rec(12, 4);
     EXPECT_NE(TBDL_BND_RecoverBnd(&again), TBDL_OK);
-    EXPECT_EQ(Snap(12).ucMode, 2);
-    EXPECT_EQ(g_stTbdlGlobalVar.uiBndCnt, 1u);
+    EXPECT_EQ(std::make_pair(Snap(12).ucMode, g_stTbdlGlobalVar.uiBndCnt), std::make_pair(u8(2), 1u));
 }
 
 enum Fault { NONE, NO_IFINDEX, DESTROY_FAILS, ALLOC_FAILS };

@@ -1,6 +1,5 @@
-/* Replay of the stored configuration: bundles and then members come back
- * from the platform database in blocks, with the system-boot flag set only
- * during a boot's walk. */
+/* Replay of the stored configuration: bundles and then members come back from the platform database in blocks, with the
+ * system-boot flag set only during a boot's walk. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -17,17 +16,23 @@ const Bytes kBndKey = {1};
 
 Bytes MembKey(uint32_t bnd) { return Cat({Bytes{2}, Be32(bnd)}); }
 
-/* Stored bundle: family, carried and address bytes, number, mode, tunnel
- * mode, VRF; numbers big-endian. */
+/* Stored bundle: family, carried and address bytes, number, mode, tunnel mode, VRF; numbers big-endian. */
 void PutBnd(uint32_t bnd, uint8_t mode = 1, uint16_t vrf = 0, uint16_t family = 0)
 {
     Bytes addr = family ? Cat({Bytes{0xC1, 0xC2, 192, 0, 2, uint8_t(bnd)}, Bytes(12, 0)}) : Bytes(18, 0);
     fake::DbPut(kBndKey, 20, Cat({Be16(family), addr, Be32(bnd), Bytes{mode, 0, 0, 0}, Be16(vrf), Bytes{0, 0}}));
 }
 
-void PutMemb(uint32_t bnd, uint32_t tnl, uint16_t weight)
+void PutMemb(uint32_t b, uint32_t t, uint16_t w) { fake::DbPut(MembKey(b), 0, Cat({Be32(t), Be16(w), Bytes(6, 0)})); }
+
+/* One field of every recorded call of a platform function, in call order. */
+template <typename T> std::vector<T> CallField(const std::string &name, T fake::Call::*field)
 {
-    fake::DbPut(MembKey(bnd), 0, Cat({Be32(tnl), Be16(weight), Bytes(6, 0)}));
+    std::vector<T> out;
+    for (const fake::Call &c : fake::CallsOf(name)) {
+        out.push_back(c.*field);
+    }
+    return out;
 }
 
 /* Names looked up while restoring: bundles, then member tunnels. */
@@ -47,17 +52,26 @@ protected:
     std::vector<u16> m_bootDuringWalk;
 };
 
-TEST_F(CfgRecover, EmptyDatabaseRestoresNothing)
+/* An empty database, or a failed first fetch, restores nothing; the failed walk still frees its iterator. */
+TEST_F(CfgRecover, EmptyDatabaseOrFailedFetchRestoresNothing)
 {
-    fake::Config().startCause = 0;
-    TBDL_CFG_Recovery();
-    TBDL_BND_INFO_S info = {};
-    EXPECT_EQ(TBDL_BND_GetFirstBndInfo(&info), TBDL_E_NOTEXIST);
-    EXPECT_TRUE(Lookups().empty());
-    EXPECT_EQ(TBDL_INTF_IsSystemBoot(), 0u);
-    ASSERT_EQ(fake::CountOf("DBM_Batch_Proc"), 1u);
-    fake::Call walk = fake::CallsOf("DBM_Batch_Proc")[0];
-    EXPECT_EQ(walk.args, (std::vector<uint64_t>{TBDL_DBM_GetHandle(), ~0ull, 2, 0, 0, 1, 0}));
+    for (bool fetchFails : {false, true}) {
+        SCOPED_TRACE(fetchFails);
+        TearDown();
+        SetUp();
+        if (fetchFails) {
+            PutBnd(1);
+            fake::FailOnce("DBM_BatchGetNextSortList", ~0ull);
+        }
+        fake::Config().startCause = 0;
+        TBDL_CFG_Recovery();
+        TBDL_BND_INFO_S info = {};
+        EXPECT_EQ(std::make_tuple(TBDL_BND_GetFirstBndInfo(&info), Lookups().size(), TBDL_INTF_IsSystemBoot(),
+                                  fake::CountOf("DBM_FreeIterator")),
+                  std::make_tuple(TBDL_E_NOTEXIST, size_t(0), u16(0), size_t(fetchFails)));
+        EXPECT_EQ(CallField("DBM_Batch_Proc", &fake::Call::args),
+                  (std::vector<std::vector<uint64_t>>{{TBDL_DBM_GetHandle(), ~0ull, 2, 0, 0, 1, 0}}));
+    }
 }
 
 TEST_F(CfgRecover, BundlesComeInBlocksOfTenInStoredOrderWithNumbersConverted)
@@ -78,49 +92,48 @@ TEST_F(CfgRecover, BundlesComeInBlocksOfTenInStoredOrderWithNumbersConverted)
 
     TBDL_BND_INFO_S info = {};
     ASSERT_TRUE(HasBnd(72, &info));
-    EXPECT_EQ(info.ucMode, 1u);
-    EXPECT_EQ(info.stAddr.usFamily, 2u);
-    EXPECT_EQ(info.stAddr.aucCarried[0], 0xC1);
-    EXPECT_EQ(info.stAddr.aucAddr[3], 72);
+    EXPECT_EQ(std::make_tuple(info.ucMode, info.stAddr.usFamily, info.stAddr.aucCarried[0], info.stAddr.aucAddr[3]),
+              std::make_tuple(u8(1), u16(2), u8(0xC1), u8(72)));
 }
 
+/* Every bundle comes before the first member (a discarded one is looked up again to drop its index); every record is
+ * handed on whatever its owner answers (bundle 3's mode is refused, its member list is still read). */
 TEST_F(CfgRecover, MembersTakeTheirBundleNumberFromTheListKey)
 {
+    PutBnd(3, 8);
     PutBnd(7);
     PutBnd(9);
     uint32_t if3 = fake::AddTunnel(3);
     uint32_t if4 = fake::AddTunnel(4);
     uint32_t if5 = fake::AddTunnel(5);
+    PutMemb(3, 5, 1);
     PutMemb(7, 3, 300);
     PutMemb(7, 4, 0x0102);
     PutMemb(9, 5, 1);
     TBDL_CFG_Recovery();
 
+    EXPECT_FALSE(HasBnd(3));
     TBDL_MEMB_INFO_S memb[32] = {};
     TBDL_BND_INFO_S info = {};
     info.pstMembInfo = memb;
     ASSERT_TRUE(HasBnd(7, &info));
     ASSERT_EQ(info.usMembNum, 2u);
     /* Newest first, weights converted. */
-    EXPECT_EQ(memb[0].uiIfIndex, if4);
-    EXPECT_EQ(memb[0].usWeight, 0x0102u);
-    EXPECT_EQ(memb[1].uiIfIndex, if3);
-    EXPECT_EQ(memb[1].usWeight, 300u);
+    EXPECT_EQ(std::make_tuple(memb[0].uiIfIndex, memb[0].usWeight, memb[1].uiIfIndex, memb[1].usWeight),
+              std::make_tuple(if4, u16(0x0102), if3, u16(300)));
     EXPECT_EQ(static_cast<TBDL_INTF_PD_S *>(fake::PrivateData().at(if5))->uiBndNum, 9u);
-    /* Every bundle before the first member. */
-    EXPECT_THAT(Lookups(), ElementsAre("Tunnel-Bundle7", "Tunnel-Bundle9", "Tunnel3", "Tunnel4", "Tunnel5"));
+    EXPECT_THAT(Lookups(), ElementsAre("Tunnel-Bundle3", "Tunnel-Bundle3", "Tunnel-Bundle7", "Tunnel-Bundle9",
+                                       "Tunnel5", "Tunnel3", "Tunnel4", "Tunnel5"));
+    EXPECT_THAT(CallField("DBM_BatchGetNextSortList", &fake::Call::data),
+                ElementsAre(kBndKey, kBndKey, MembKey(3), MembKey(3), MembKey(7), MembKey(7), MembKey(9), MembKey(9)));
 }
 
 TEST_F(CfgRecover, SystemBootFlagIsSetOnlyDuringTheWalkOfABoot)
 {
     /* Outside a boot a stored VRF other than what L3VPN reports (0)
      * discards the bundle; during a boot it is taken as stored. */
-    const struct {
-        const char *what;
-        uint32_t cause;
-        bool causeFails;
-        u16 flag;
-    } cases[] = {{"boot", 0, false, 1}, {"process restart", 1, false, 0}, {"failed cause query", 0, true, 0}};
+    const struct { const char *what; uint32_t cause; bool causeFails; u16 flag; } cases[] = {
+        {"boot", 0, false, 1}, {"process restart", 1, false, 0}, {"failed cause query", 0, true, 0}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         TearDown();
@@ -139,32 +152,6 @@ TEST_F(CfgRecover, SystemBootFlagIsSetOnlyDuringTheWalkOfABoot)
         EXPECT_EQ(HasBnd(2, &info), c.flag == 1);
         EXPECT_EQ(info.usVrfIndex, c.flag == 1 ? 5u : 0u);
     }
-}
-
-TEST_F(CfgRecover, EveryRecordIsHandedOnWhateverTheOwnerAnswers)
-{
-    /* Bundle 3's mode is refused; bundle 4 and both member lists are still
-     * read. */
-    PutBnd(3, 8);
-    PutBnd(4, 1);
-    fake::AddTunnel(6);
-    PutMemb(3, 6, 1);
-    PutMemb(4, 6, 2);
-    TBDL_CFG_Recovery();
-    EXPECT_FALSE(HasBnd(3));
-    EXPECT_TRUE(HasBnd(4));
-    EXPECT_THAT(CallField("DBM_BatchGetNextSortList", &fake::Call::data),
-                ElementsAre(kBndKey, kBndKey, MembKey(3), MembKey(3), MembKey(4), MembKey(4)));
-}
-
-TEST_F(CfgRecover, FailedFetchEndsTheListAndFreesTheIterator)
-{
-    PutBnd(1);
-    fake::FailOnce("DBM_BatchGetNextSortList", ~0ull);
-    TBDL_CFG_Recovery();
-    EXPECT_FALSE(HasBnd(1));
-    EXPECT_EQ(fake::CountOf("DBM_FreeIterator"), 1u);
-    EXPECT_EQ(TBDL_INTF_IsSystemBoot(), 0u);
 }
 
 } // namespace

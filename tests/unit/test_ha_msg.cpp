@@ -99,8 +99,8 @@ TEST_F(HaMsgTest, OnlyTheMasterEncodesAndOnlyTypesOneToThree)
     fake::Config().master = true;
     EXPECT_EQ(tbdl_ha_EncMsg(0, &kSampleBnd), TBDL_E_FAILED);
     EXPECT_EQ(tbdl_ha_EncMsg(4, &kSampleBnd), TBDL_E_FAILED);
-    EXPECT_EQ(g_stTbdlHaVar.usMsgLen, 0);
-    EXPECT_EQ(fake::LogLines(), std::vector<std::string>(2, "ERROR Invalid HA message type.\r\n"));
+    EXPECT_EQ(std::make_pair(g_stTbdlHaVar.usMsgLen, fake::LogLines()),
+              std::make_pair(u16(0), std::vector<std::string>(2, "ERROR Invalid HA message type.\r\n")));
 }
 
 TEST_F(HaMsgTest, MessageThatDoesNotFitSendsTheBufferFirst)
@@ -110,16 +110,14 @@ TEST_F(HaMsgTest, MessageThatDoesNotFitSendsTheBufferFirst)
     ASSERT_EQ(tbdl_ha_EncMsg(TBDL_HA_MSG_BND_UPDATE, &kSampleBnd), 0u);
     ASSERT_EQ(tbdl_ha_EncMsg(TBDL_HA_MSG_MEMB_ADD, &add), 0u);
     ASSERT_EQ(fake::HaSentMessages().size(), 1u);
-    EXPECT_EQ(fake::HaSentMessages()[0].msg, kGoldenBnd);
-    EXPECT_EQ(fake::HaSentMessages()[0].flag, 1u);
-    EXPECT_EQ(g_stTbdlHaVar.usMsgLen, 12);
+    EXPECT_EQ(std::make_tuple(fake::HaSentMessages()[0].msg, fake::HaSentMessages()[0].flag, g_stTbdlHaVar.usMsgLen),
+              std::make_tuple(kGoldenBnd, 1u, u16(12)));
 
     /* A TLV larger than the whole buffer is refused after one send. */
     Reinit(30);
     ASSERT_EQ(tbdl_ha_EncMsg(TBDL_HA_MSG_MEMB_ADD, &add), 0u);
     EXPECT_EQ(tbdl_ha_EncMsg(TBDL_HA_MSG_BND_UPDATE, &kSampleBnd), TBDL_E_FAILED);
-    EXPECT_EQ(fake::HaSentMessages().size(), 2u);
-    EXPECT_EQ(g_stTbdlHaVar.usMsgLen, 0);
+    EXPECT_EQ(std::make_pair(fake::HaSentMessages().size(), g_stTbdlHaVar.usMsgLen), std::make_pair(size_t(2), u16(0)));
 }
 
 /* The batch sends every bundle in ascending number, each update followed by
@@ -170,12 +168,15 @@ TEST_F(HaMsgTest, StandbyAppliesEachKnownTlvToItsKernel)
     Pump();
 
     EXPECT_EQ(g_trace, (Trace{"K7c0002", "K7c0003", "K7c0004"}));
-    auto k = fake::CallsOf("CIOCTL");
-    ASSERT_EQ(k.size(), 3u);
-    const TBDL_KBND_S bnd = {kAddr, 0x01020000, 0, 0, 0, 0}; /* two bytes of the index arrived; the rest is zero */
-    EXPECT_EQ(k[0].data, BytesOf(bnd));
-    EXPECT_EQ(k[1].data, BytesOf(TBDL_KMEMB_S{0x1000, 0})) << "member index zero-padded";
-    EXPECT_EQ(k[2].data, BytesOf(TBDL_KMEMB_S{0x1000, 0x100})) << "longer value cut to 8 bytes";
+    std::vector<Bytes> k;
+    for (const fake::Call &c : fake::CallsOf("CIOCTL")) {
+        k.push_back(c.data);
+    }
+    /* Two bytes of the bundle's index arrived, the rest is zero; the member
+     * index is zero-padded; a longer value is cut to 8 bytes. */
+    const TBDL_KBND_S bnd = {kAddr, 0x01020000, 0, 0, 0, 0};
+    EXPECT_EQ(k, (std::vector<Bytes>{BytesOf(bnd), BytesOf(TBDL_KMEMB_S{0x1000, 0}),
+                                     BytesOf(TBDL_KMEMB_S{0x1000, 0x100})}));
 
     EXPECT_EQ(fake::LogLines(), std::vector<std::string>{"EVENT Received an HA message (Type 0).\r\n"});
     EXPECT_EQ(fake::CountOf("HA_FreeMsg"), 1u);

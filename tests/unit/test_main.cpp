@@ -1,7 +1,5 @@
-/* Process start-up, event loop, stop signal and teardown. The daemon runs
- * on its own thread against the fake; a hook on the service status report
- * raises the stop signal on that thread, so the loop starts with the
- * signal pending. */
+/* Process start-up, event loop, stop signal and teardown. The daemon runs on its own thread against the fake; a hook on
+ * the service status report raises the stop signal on that thread, so the loop starts with the signal pending. */
 #include <pthread.h>
 #include <signal.h>
 #include <sys/epoll.h>
@@ -10,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <functional>
 #include <future>
@@ -26,8 +25,7 @@ namespace {
 
 constexpr int kPlainKill = -1;
 
-/* Sends the stop signal to the calling thread: plain kill (value 0) or
- * with a value. */
+/* Sends the stop signal to the calling thread: plain kill (value 0) or with a value. */
 void RaiseStop(int iValue)
 {
     sigval stVal{};
@@ -39,24 +37,20 @@ void RaiseStop(int iValue)
     }
 }
 
-/* Checks that `want` occurs in `names` in this order from `from` on (other
- * calls may lie between); returns the position after the last one. */
-size_t ExpectInOrder(const std::vector<std::string> &names, const std::vector<std::string> &want, size_t from = 0)
-{
-    auto it = names.begin() + static_cast<long>(std::min(from, names.size()));
-    for (const std::string &n : want) {
-        it = std::find(it, names.end(), n);
-        EXPECT_NE(it, names.end()) << n << " missing or out of order";
-        if (it == names.end()) {
-            return names.size();
-        }
-        ++it;
-    }
-    return static_cast<size_t>(it - names.begin());
-}
+/* Start-up and teardown milestones: limits, log, module Inits, activation
+ * (recovery), status report, deactivation (private data walk), Finis. */
+const std::vector<std::string> kMilestones = {
+    "IF_GetDataByIfType", "LFIB_GetInfo", "TBDL_Opt_Parse", "openlog", "DBM_Open", "HA_Init",
+    "IF_CreatePDInstance", "DBM_Batch_Proc", "SERVICE_SetStatus", "IF_GetFirstPrivateData",
+    "IF_DestroyPDInstance", "closelog2", "DBM_Close", "HA_Exit"};
 
-const std::vector<std::string> kTeardown = {"HA_IsMaster", "IF_GetFirstPrivateData", "IF_DestroyPDInstance",
-                                            "closelog2"};
+std::vector<std::string> Without(std::vector<std::string> v, const std::vector<std::string> &drop)
+{
+    for (const std::string &d : drop) {
+        v.erase(std::find(v.begin(), v.end(), d));
+    }
+    return v;
+}
 
 class MainTest : public ::testing::Test {
 protected:
@@ -68,8 +62,7 @@ protected:
         m_iIfEvFd = eventfd(0, EFD_CLOEXEC);
         fake::FailAlways("IF_Event_Init", static_cast<uint64_t>(m_iIfEvFd));
         fake::FailAlways("IF_RegIfEventEx", 1);
-        /* The normal-stop flag as deactivation sees it: the interface
-         * module's deactivation walks its private data. */
+        /* The normal-stop flag as deactivation sees it: the interface module's deactivation walks its private data. */
         fake::OnCall("IF_GetFirstPrivateData",
                      [this](const fake::Call &) { m_vecStopFlagAtDeactivation.push_back(g_bTbdlNormalStop); });
     }
@@ -80,10 +73,7 @@ protected:
     }
 
     /* Stops the daemon with iValue as soon as it reports itself up. */
-    void StopWhenUp(int iValue)
-    {
-        fake::OnCall("SERVICE_SetStatus", [iValue](const fake::Call &) { RaiseStop(iValue); });
-    }
+    void StopWhenUp(int v) { fake::OnCall("SERVICE_SetStatus", [v](const fake::Call &) { RaiseStop(v); }); }
 
     /* Runs the daemon to its end on its own thread (10 s at most); pfnAfter
      * runs on that thread once the daemon has returned. */
@@ -106,9 +96,11 @@ protected:
         return stResult.get();
     }
 
-    /* Descriptors and stop flags back at their initial values. */
-    void ExpectGlobalsReset()
+    /* Log and database closed, descriptors and stop flags back at their initial values. */
+    void ExpectAllReleased()
     {
+        EXPECT_FALSE(fake::LogOpen());
+        EXPECT_FALSE(fake::DbOpen());
         EXPECT_EQ(std::make_tuple(-1, -1, 0, 0), std::make_tuple(g_iTbdlEpollFd, g_iTbdlScmSignalFd,
                                                                  int(g_bTbdlIsStopProcess), int(g_bTbdlNormalStop)));
     }
@@ -117,50 +109,48 @@ protected:
     std::vector<u16> m_vecStopFlagAtDeactivation;
 };
 
-TEST_F(MainTest, MasterStartsEveryModuleReportsUpAndTearsDownInOrder)
+/* Limits come from the platform (failed queries keep the defaults); only value 3 is an orderly stop; a standby reports
+ * up without activating or deactivating; a failed start runs every Init, then the full teardown (deactivating the
+ * master as an orderly stop), and exits with -1 without reporting up. */
+TEST_F(MainTest, StartsWithPlatformLimitsStopsOnSignalAndTearsDownInOrder)
 {
-    StopWhenUp(3);
-    EXPECT_EQ(0, Run());
-    EXPECT_EQ(std::vector<uint32_t>{SERVICE_STATUS_UP}, fake::ServiceStatuses());
-    std::vector<std::string> names = fake::Names();
-    /* Limits, log, module Inits, activation, status report; then the
-     * deactivation of the master and the Finis. */
-    size_t ulAt = ExpectInOrder(names, {"IF_GetDataByIfType", "LFIB_GetInfo", "TBDL_Opt_Parse", "openlog", "DBM_Open",
-                                        "HA_Init", "IF_CreatePDInstance", "DBM_Batch_Proc", "LIPC_GetHostPath",
-                                        "SERVICE_SetStatus"});
-    ulAt = ExpectInOrder(names, kTeardown, ulAt);
-    ExpectInOrder(names, {"DBM_Close", "HA_Exit"}, ulAt);
-    EXPECT_FALSE(fake::LogOpen());
-    EXPECT_FALSE(fake::DbOpen());
-    ExpectGlobalsReset();
-}
-
-TEST_F(MainTest, LimitsComeFromThePlatform)
-{
-    const struct {
-        const char *pcWhat;
-        bool bBndAnswers, bLfibOk;
-        uint8_t ucMaxMemb;
-        uint16_t ausModes[3];
-        u32 uiWantBnd, uiWantMemb;
-    } cases[] = {
-        {"all answer", true, true, 5, {1, 0, 1}, 2048, 5},
-        {"member limit 0 is taken", true, true, 0, {0, 1, 0}, 2048, 0},
-        {"failures keep the defaults", false, false, 5, {0, 0, 0}, 1024, 8},
+    using Names = std::vector<std::string>;
+    /* master, stop value, failing call and its result, platform limits (bundle slots answered, LFIB answered, its
+     * member limit, mode switches), result, milestones not reached, stop flags at deactivation, limits taken. */
+    const struct { const char *what; bool master; int value; const char *fail; uint64_t failRes; bool bndOk, lfibOk;
+        uint8_t maxMemb; std::array<u16, 3> modes; int ret; Names notCalled; std::vector<u16> stopFlag;
+        u32 wantBnd, wantMemb; } cases[] = {
+        {"value 3, limits taken", true, 3, nullptr, 0, true, true, 5, {1, 0, 1}, 0, {}, {1}, 2048, 5},
+        {"plain kill, member limit 0", true, kPlainKill, nullptr, 0, true, true, 0, {0, 1, 0}, 0, {}, {0}, 2048, 0},
+        {"value 7, failed queries: defaults", true, 7, nullptr, 0, false, false, 5, {0, 0, 0}, 0, {}, {0}, 1024, 8},
+        {"standby", false, 3, nullptr, 0, true, true, 8, {1, 1, 1}, 0,
+         {"DBM_Batch_Proc", "IF_GetFirstPrivateData"}, {}, 2048, 8},
+        {"database init fails", true, 3, "DBM_Open", 1, true, true, 8, {1, 1, 1}, -1,
+         {"DBM_Batch_Proc", "SERVICE_SetStatus", "DBM_Close"}, {1}, 2048, 8},
+        {"HA init fails", true, 3, "HA_Init", ~0ull, true, true, 8, {1, 1, 1}, -1,
+         {"DBM_Batch_Proc", "SERVICE_SetStatus", "HA_Exit"}, {1}, 2048, 8},
+        {"activation fails: no configuration socket", true, 3, "LIPC_GetHostPath", 1, true, true, 8, {1, 1, 1}, -1,
+         {"SERVICE_SetStatus"}, {1}, 2048, 8},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.pcWhat);
+        SCOPED_TRACE(c.what);
         TearDown();
         SetUp();
-        fake::Config().maxBnd = 2048;
-        fake::Config().maxBndAnswers = c.bBndAnswers;
-        fake::Config().lfibOk = c.bLfibOk;
-        fake::Config().lfibMaxMemb = c.ucMaxMemb;
-        std::copy(std::begin(c.ausModes), std::end(c.ausModes), fake::Config().modes);
-        StopWhenUp(3);
-        EXPECT_EQ(0, Run());
+        fake::Settings &cfg = fake::Config();
+        std::tie(cfg.master, cfg.maxBnd, cfg.maxBndAnswers, cfg.lfibOk, cfg.lfibMaxMemb) =
+            std::make_tuple(c.master, 2048u, c.bndOk, c.lfibOk, c.maxMemb);
+        std::copy(c.modes.begin(), c.modes.end(), cfg.modes);
+        if (c.fail != nullptr) {
+            fake::FailAlways(c.fail, c.failRes);
+        }
+        StopWhenUp(c.value); /* not reached when the start fails */
+        EXPECT_EQ(c.ret, Run());
+        EXPECT_EQ(std::vector<uint32_t>(c.ret == 0 ? 1 : 0, SERVICE_STATUS_UP), fake::ServiceStatuses());
+        EXPECT_EQ(c.stopFlag, m_vecStopFlagAtDeactivation);
+        EXPECT_EQ(Without(kMilestones, c.notCalled), fake::Names(kMilestones));
+        ExpectAllReleased();
         const TBDL_SPEC_S &st = g_stTbdlSpecConf;
-        EXPECT_EQ(std::make_tuple(c.uiWantBnd, c.uiWantMemb, c.ausModes[0], c.ausModes[1], c.ausModes[2]),
+        EXPECT_EQ(std::make_tuple(c.wantBnd, c.wantMemb, c.modes[0], c.modes[1], c.modes[2]),
                   std::make_tuple(st.uiMaxBndNum, st.uiMaxMembNum, st.usLoadBalancing, st.usProtectionOnetoone,
                                   st.usProtectionOneplusone));
     }
@@ -168,65 +158,6 @@ TEST_F(MainTest, LimitsComeFromThePlatform)
     auto opt = fake::CallsOf("TBDL_Opt_Parse").at(0);
     EXPECT_EQ("LoadBalancing|ProtectionOnetoone|ProtectionOneplusone", opt.text);
     EXPECT_EQ((std::vector<uint64_t>{3, 0, 2, 0, 2, 0, 2}), opt.args);
-}
-
-TEST_F(MainTest, OnlyValueThreeIsAnOrderlyStop)
-{
-    const struct {
-        const char *pcWhat;
-        int iValue;
-        u16 usWantNormal;
-    } cases[] = {{"sigqueue value 3", 3, 1}, {"plain kill", kPlainKill, 0}, {"sigqueue value 7", 7, 0}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.pcWhat);
-        TearDown();
-        SetUp();
-        StopWhenUp(c.iValue);
-        EXPECT_EQ(0, Run());
-        EXPECT_EQ(std::vector<u16>{c.usWantNormal}, m_vecStopFlagAtDeactivation);
-        ExpectGlobalsReset();
-    }
-}
-
-TEST_F(MainTest, StandbyReportsUpWithoutActivatingOrDeactivating)
-{
-    fake::Config().master = false;
-    StopWhenUp(3);
-    EXPECT_EQ(0, Run());
-    EXPECT_EQ(std::vector<uint32_t>{SERVICE_STATUS_UP}, fake::ServiceStatuses());
-    EXPECT_EQ(0u, fake::CountOf("DBM_Batch_Proc"));   /* no recovery */
-    EXPECT_EQ(0u, fake::CountOf("LIPC_GetHostPath")); /* no configuration socket */
-    EXPECT_TRUE(m_vecStopFlagAtDeactivation.empty());
-    EXPECT_EQ(1u, fake::CountOf("HA_Exit"));
-    ExpectGlobalsReset();
-}
-
-TEST_F(MainTest, FailedStartRunsEveryInitThenTheFullTeardownAndExitsWithMinusOne)
-{
-    const struct {
-        const char *pcWhat, *pcCall;
-        uint64_t ulResult;
-        bool bActivated;
-    } cases[] = {{"database init", "DBM_Open", 1, false},
-                 {"HA init", "HA_Init", ~0ull, false},
-                 {"activation: no configuration socket", "LIPC_GetHostPath", 1, true}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.pcWhat);
-        TearDown();
-        SetUp();
-        fake::FailAlways(c.pcCall, c.ulResult);
-        StopWhenUp(3); /* must not be reached */
-        EXPECT_EQ(-1, Run());
-        EXPECT_EQ(0u, fake::CountOf("SERVICE_SetStatus"));
-        std::vector<std::string> names = fake::Names();
-        size_t ulAt = ExpectInOrder(names, {"openlog", "DBM_Open", "HA_Init", "IF_CreatePDInstance"});
-        EXPECT_EQ(c.bActivated ? 1u : 0u, fake::CountOf("DBM_Batch_Proc"));
-        /* The teardown deactivates the master as an orderly stop. */
-        EXPECT_EQ(std::vector<u16>{1}, m_vecStopFlagAtDeactivation);
-        ExpectInOrder(names, kTeardown, ulAt);
-        EXPECT_FALSE(fake::LogOpen());
-        ExpectGlobalsReset();
-    }
 }
 
 TEST_F(MainTest, FailedEpollCreateStartsNoModule)
@@ -247,9 +178,9 @@ TEST_F(MainTest, FailedEpollCreateStartsNoModule)
     int iRet = Run([&]() { iRestore = setrlimit(RLIMIT_NOFILE, &stOld); });
     ASSERT_EQ(0, iRestore);
     EXPECT_EQ(-1, iRet);
-    for (const char *pcCall : {"DBM_Open", "HA_Init", "closelog2", "SERVICE_SetStatus"}) {
-        EXPECT_EQ(0u, fake::CountOf(pcCall)) << pcCall; /* no Init, no teardown */
-    }
+    /* No Init, no teardown. */
+    EXPECT_EQ((std::vector<std::string>{"IF_GetDataByIfType", "LFIB_GetInfo", "TBDL_Opt_Parse", "openlog"}),
+              fake::Names(kMilestones));
     EXPECT_EQ(-1, g_iTbdlEpollFd);
     EXPECT_EQ(1, g_bTbdlNormalStop);
     TBDL_DBG_Fini(); /* the log was opened and never closed */

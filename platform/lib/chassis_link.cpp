@@ -6,14 +6,12 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <mutex>
 
 #include "chassis_env.h"
 
 namespace tbdl::plat::link {
 
 namespace {
-std::mutex g_mutex;
 tbdl::rpc::Client &SharedClient()
 {
     static tbdl::rpc::Client *client = new tbdl::rpc::Client(); /* lives for the process */
@@ -27,7 +25,6 @@ uint32_t Call(uint16_t op, uint32_t arg, const void *payload, size_t len, std::v
     if (!env.inChassis) {
         return tbdl::rpc::kResultNoChassis;
     }
-    std::lock_guard<std::mutex> lock(g_mutex);
     tbdl::rpc::Client &c = SharedClient();
     c.SetPath(ChassisSocketPathOf(env.dir));
     return c.Call(op, static_cast<uint16_t>(env.board), arg, payload, len, reply);
@@ -72,7 +69,6 @@ void Neutralize(int fd)
 
 void Reset()
 {
-    std::lock_guard<std::mutex> lock(g_mutex);
     SharedClient().Close();
 }
 

@@ -242,10 +242,13 @@ extern "C" u32 DBM_IsKeyExist(u64 ulHandle, const void *pvKey, u32 uiKeyLen)
 extern "C" u32 DBM_SetSortWord(u64 ulHandle, const void *pvKey, u32 uiKeyLen, u32 uiCount, u32 uiOffset, u32 uiLen,
                                u32 uiKind, u32 uiOrder)
 {
+    bool bWordOk = uiLen >= 1 && uiLen <= kMaxRecLen && uiOffset <= kMaxRecLen - uiLen;
     return KeyCall(
-        "DBM_SetSortWord", ulHandle, pvKey, uiKeyLen, uiLen >= 1 && uiLen <= kMaxRecLen && uiOffset <= kMaxRecLen - uiLen,
+        "DBM_SetSortWord", ulHandle, pvKey, uiKeyLen, bWordOk,
         [&](DbmStore &s, std::string_view key) { return s.SetSortWord(key, uiOffset, uiLen); },
-        [&] { return Json{{"count", uiCount}, {"offset", uiOffset}, {"len", uiLen}, {"kind", uiKind}, {"order", uiOrder}}; });
+        [&] {
+            return Json{{"count", uiCount}, {"offset", uiOffset}, {"len", uiLen}, {"kind", uiKind}, {"order", uiOrder}};
+        });
 }
 
 extern "C" u32 DBM_InsertSortList(u64 ulHandle, const void *pvKey, u32 uiKeyLen, u32 uiRecLen, const void *pvRec,
@@ -318,7 +321,8 @@ extern "C" u32 DBM_Batch_Proc(u64 ulHandle, i32 iScope, const DBM_BATCH_ROW_S *p
                 for (size_t k = 0; uiRet == 0 && k < keys.size(); ++k) {
                     u32 uiCbRet = stRow.pfnCallback(ulHandle, keys[k].data(), static_cast<u32>(keys[k].size()));
                     if (JournalEnabled()) {
-                        walked.push_back({{"row", i}, {"key", HexOf(keys[k].data(), keys[k].size())}, {"cb_result", uiCbRet}});
+                        walked.push_back(
+                            {{"row", i}, {"key", HexOf(keys[k].data(), keys[k].size())}, {"cb_result", uiCbRet}});
                     }
                 }
             }

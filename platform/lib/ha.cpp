@@ -189,8 +189,10 @@ extern "C" u32 HA_Dispatch(u32 uiEvents, u64 ulData)
                 return 1;
             }
             rpc::Hdr h;
-            std::memcpy(&h, buf.data(), sizeof(h));
-            return Deliver(*pst, h, buf.data() + sizeof(h), static_cast<size_t>(n) - sizeof(h), push);
+            const uint8_t *pucBody = nullptr;
+            size_t len = 0;
+            (void)rpc::DecodeHead(buf.data(), static_cast<size_t>(n), h, pucBody, len); /* RecvMsg checked the size */
+            return Deliver(*pst, h, pucBody, len, push);
         },
         [&] {
             Json args{{"events", uiEvents}, {"fd", iFd}};

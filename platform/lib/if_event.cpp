@@ -177,8 +177,10 @@ extern "C" u32 IF_ResponseEventPkt(i32 iFd)
                 return 1; /* the channel is gone */
             }
             rpc::Hdr h;
-            std::memcpy(&h, buf.data(), sizeof(h));
-            return Deliver(h, buf.data() + sizeof(h), static_cast<size_t>(n) - sizeof(h), pkt);
+            const uint8_t *pucBody = nullptr;
+            size_t len = 0;
+            (void)rpc::DecodeHead(buf.data(), static_cast<size_t>(n), h, pucBody, len); /* RecvMsg checked the size */
+            return Deliver(h, pucBody, len, pkt);
         },
         [&] {
             Json args{{"fd", iFd}};

@@ -36,7 +36,8 @@ extern "C" i32 L3VPN_RegEvt(const char *pcName, u32 uiEvtMask, u32 uiArg, L3VPN_
 
 extern "C" u32 L3VPN_RequestBatch(i32 iFd, u32 uiVrfIndex)
 {
-    return Journaled("L3VPN_RequestBatch", [] { return u32{1}; }, [&] { return Json{{"fd", iFd}, {"vrf", uiVrfIndex}}; });
+    return Journaled("L3VPN_RequestBatch", [] { return u32{1}; },
+                     [&] { return Json{{"fd", iFd}, {"vrf", uiVrfIndex}}; });
 }
 
 extern "C" u32 L3VPN_ProcEvt(i32 iFd)

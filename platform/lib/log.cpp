@@ -112,7 +112,8 @@ extern "C" void vsyslog2(int iPriority, const char *pcIdent, const char *pcTypeN
             WriteLogLine(pcIdent, pcTypeName, text);
         },
         [&] {
-            return Json{{"priority", iPriority}, {"ident", TextOf(pcIdent)}, {"type", TextOf(pcTypeName)}, {"text", text}};
+            return Json{
+                {"priority", iPriority}, {"ident", TextOf(pcIdent)}, {"type", TextOf(pcTypeName)}, {"text", text}};
         });
 }
 

@@ -44,11 +44,12 @@ u32 CallOn(i32 iFd, uint16_t op, u32 uiArg, const void *payload, size_t len)
     }
     uint8_t buf[64];
     ssize_t n = rpc::RecvMsg(iFd, buf, sizeof(buf));
-    if (n <= 0) {
+    rpc::Hdr h;
+    const uint8_t *pucReply = nullptr;
+    size_t replyLen = 0;
+    if (n <= 0 || !rpc::DecodeHead(buf, static_cast<size_t>(n), h, pucReply, replyLen)) {
         return 1;
     }
-    rpc::Hdr h;
-    std::memcpy(&h, buf, sizeof(h));
     return h.uiArg;
 }
 
@@ -59,25 +60,25 @@ void AppendChange(Registration &reg, const rpc::LsmChangeHead &head, const void 
     reg.changeSizes.push_back(change.size());
 }
 
-/* An add as chassisd takes it: the entry with its pointers cleared, the
- * attribute block (zero when there is none), then the paths. */
+/* The fixed part of an add as chassisd takes it: the entry with its
+ * pointers cleared, then the attribute block (zero when there is none);
+ * the paths follow. */
+struct AddHead {
+    LSM_LSP_ENTRY_S stEntry;
+    LSM_LSP_ATTR_S stAttr;
+};
+static_assert(sizeof(AddHead) == rpc::kLsmEntryLen + rpc::kLsmAttrLen, "entry, then attribute block");
+static_assert(offsetof(AddHead, stAttr) == rpc::kLsmEntryLen, "attribute block right after the entry");
+
 std::vector<uint8_t> AddBody(const LSM_LSP_ENTRY_S &stEntry, uint16_t usPaths)
 {
-    LSM_LSP_ENTRY_S stWire = stEntry;
-    stWire.pstPaths = nullptr;
-    stWire.pstAttr = nullptr;
-    LSM_LSP_ATTR_S stAttr{};
+    AddHead stHead{stEntry, {}};
+    stHead.stEntry.pstPaths = nullptr;
+    stHead.stEntry.pstAttr = nullptr;
     if (stEntry.pstAttr != nullptr) {
-        stAttr = *stEntry.pstAttr;
+        stHead.stAttr = *stEntry.pstAttr;
     }
-    std::vector<uint8_t> body(sizeof(stWire) + sizeof(stAttr) + usPaths * sizeof(LSM_LSP_PATH_S));
-    std::memcpy(body.data(), &stWire, sizeof(stWire));
-    std::memcpy(body.data() + sizeof(stWire), &stAttr, sizeof(stAttr));
-    if (usPaths > 0) {
-        std::memcpy(body.data() + sizeof(stWire) + sizeof(stAttr), stEntry.pstPaths,
-                    usPaths * sizeof(LSM_LSP_PATH_S));
-    }
-    return body;
+    return rpc::Encode(stHead, stEntry.pstPaths, usPaths * sizeof(LSM_LSP_PATH_S));
 }
 
 /* Sends the pending changes in messages cut between changes, each at most
@@ -212,11 +213,14 @@ extern "C" u32 LSM_HandleMsg(i32 iHandle)
             if (n < 0 && errno == EAGAIN) {
                 return 0;
             }
-            if (n <= 0) {
+            rpc::Hdr h;
+            const uint8_t *pucBody = nullptr;
+            size_t len = 0;
+            if (n <= 0 || !rpc::DecodeHead(buf.data(), static_cast<size_t>(n), h, pucBody, len)) {
                 return 1; /* LSM is gone */
             }
             if (pfn != nullptr) {
-                (void)pfn(0, buf.data() + sizeof(rpc::Hdr), static_cast<u32>(n - sizeof(rpc::Hdr)));
+                (void)pfn(0, const_cast<uint8_t *>(pucBody), static_cast<u32>(len));
             }
             return 0;
         },

@@ -9,9 +9,9 @@
  * failure value, without running the body: outputs stay untouched. The
  * arguments of the journal line are built after the body (or the planned
  * failure), and only while the journal is on; the builder may take the
- * result. Calls that cannot fail on the device (pure computations, frees,
- * the services this chassis does not offer yet) use Journaled(): the
- * journal line without the failure check. */
+ * result. Calls that chassisctl fail does not reach (pure computations,
+ * frees and releases, the services this chassis does not offer yet) use
+ * Journaled(): the journal line without the failure check. */
 #ifndef TBDL_PLAT_EMULATED_CALL_H
 #define TBDL_PLAT_EMULATED_CALL_H
 

@@ -50,7 +50,6 @@ AppendFile::~AppendFile()
 
 bool AppendFile::Append(const std::string &path, const std::string &line)
 {
-    std::lock_guard<std::mutex> lock(mutex_);
     if (fd_ >= 0 && path != path_) {
         close(fd_);
         fd_ = -1;
@@ -76,7 +75,6 @@ bool AppendFile::Append(const std::string &path, const std::string &line)
 
 void AppendFile::Close()
 {
-    std::lock_guard<std::mutex> lock(mutex_);
     if (fd_ >= 0) {
         close(fd_);
         fd_ = -1;

@@ -10,17 +10,13 @@
  * strings (HexOf). Each line goes out in one write() on a descriptor opened
  * with O_APPEND, so lines of concurrent writers never interleave.
  *
- * Typical use in a platform call:
- *     u32 rc = ...;
- *     if (JournalEnabled()) {
- *         JournalRecord("DBM_Len", {{"handle", h}, {"key", HexOf(k, n)}}, rc);
- *     }
- * The check first keeps the cost of a disabled journal to one branch. */
+ * The emulated platform calls write their lines through one wrapper
+ * (platform/lib/emulated_call.h), which builds the arguments only when the
+ * journal is on, so a disabled journal costs one branch per call. */
 #ifndef TBDL_PLAT_JOURNAL_H
 #define TBDL_PLAT_JOURNAL_H
 
 #include <cstddef>
-#include <mutex>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -50,7 +46,8 @@ void JournalReset();
 
 /* A file that lines are appended to: opened once (O_APPEND, created when
  * missing, with its board directory), each line written with one write().
- * Safe to use from several threads. */
+ * Lines of several processes never mix: each goes out in one write() on an
+ * O_APPEND descriptor. */
 class AppendFile {
 public:
     AppendFile() = default;
@@ -65,7 +62,6 @@ public:
     void Close();
 
 private:
-    std::mutex mutex_;
     std::string path_;
     int fd_ = -1;
 };

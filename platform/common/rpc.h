@@ -20,16 +20,13 @@
  * the reply's payload a JSON object with "ok" and either "error" or the
  * command's data.
  *
- * Fault injection lives here too: chassisd keeps, per board, a small shared
- * memory plan (DIR/board<N>/failplan) of platform calls that must fail; every
- * emulated platform call asks FailPlanHit() first, which costs one atomic
- * load while nothing is planned. */
+ * The fault-injection plan has its own header (failplan.h), included here
+ * for the code that reaches it through this one. */
 #ifndef TBDL_PLAT_RPC_H
 #define TBDL_PLAT_RPC_H
 
 #include <sys/types.h>
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -37,6 +34,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "failplan.h"
 #include "plat_lsm.h"
 
 namespace tbdl::rpc {
@@ -306,46 +304,6 @@ inline constexpr uint32_t kCtlMore = 2;
  * "" with err set when chassisd cannot be reached. */
 std::string CtlCall(const std::string &socketPath, const std::string &requestJson, std::string &err,
                     int timeoutMs = 10000);
-
-/* ---- Fault injection plan (shared memory, one file per board) ---- */
-
-inline constexpr uint32_t kFailPlanMagic = 0x4641504cu; /* "FAPL" */
-inline constexpr size_t kFailSlots = 32;
-inline constexpr size_t kFailNameLen = 48;
-
-struct FailSlot {
-    char acName[kFailNameLen];    /* call name, "" = free slot */
-    std::atomic<int32_t> iLeft;   /* failures left; -1 = always; 0 = spent */
-    std::atomic<uint32_t> uiHits; /* failures injected so far */
-    int64_t lResult;              /* failure value to return */
-    uint32_t uiHasResult;         /* 1 = lResult given, else the call's own */
-    uint32_t uiResv;
-};
-
-struct FailPlan {
-    uint32_t uiMagic;
-    std::atomic<uint32_t> uiActive; /* number of slots in use; 0 = fast path */
-    FailSlot astSlot[kFailSlots];
-};
-static_assert(std::atomic<int32_t>::is_always_lock_free, "shared counters need lock-free atomics");
-
-/* Path of a board's plan file. */
-std::string FailPlanPathOf(const std::string &dir, int board);
-
-/* Library side: true when `call` must fail now on this process's board (the
- * plan is mapped on first use from TBDL_CHASSIS_DIR / TBDL_BOARD). Counts
- * the failure. When the plan gives a result value, *value receives it and
- * *hasValue is set. */
-bool FailPlanHit(const char *call, int64_t *value = nullptr, bool *hasValue = nullptr);
-/* Forgets the mapping (tests that change the environment). */
-void FailPlanReset();
-
-/* chassisd side: maps (creating and zeroing) a board's plan file. */
-FailPlan *FailPlanCreate(const std::string &path);
-/* Adds or replaces the entry for call: count > 0 failures, or -1 always. */
-bool FailPlanSet(FailPlan *plan, const std::string &call, int32_t count, bool hasResult,
-                 int64_t result);
-void FailPlanClear(FailPlan *plan);
 
 } // namespace tbdl::rpc
 

@@ -4,13 +4,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "journal.h"
+#include "emulated_call.h"
+
+using namespace tbdl::plat;
 
 namespace {
-
-using tbdl::plat::JournalEnabled;
-using tbdl::plat::JournalRecord;
-using tbdl::plat::PtrOf;
 
 struct Bitmap {
     u32 uiBits;
@@ -34,67 +32,69 @@ u32 OnBit(void *pvBitmap, u32 uiBit, Op op)
     return 0;
 }
 
-void Journal(const char *pcCall, void *pvBitmap, u32 uiBit, u32 uiRet)
+/* Bitmap_Check, _Set and _Clear: op on one bit, journaled. */
+template <typename Op>
+u32 BitCall(const char *pcCall, void *pvBitmap, u32 uiBit, Op op)
 {
-    if (JournalEnabled()) {
-        JournalRecord(pcCall, {{"bitmap", PtrOf(pvBitmap)}, {"bit", uiBit}}, uiRet);
-    }
+    return Journaled(pcCall, op, [&] { return Json{{"bitmap", PtrOf(pvBitmap)}, {"bit", uiBit}}; });
 }
 
 } // namespace
 
 extern "C" void *Bitmap_Create(u32 uiBits)
 {
-    Bitmap *pstMap = nullptr;
-    if (uiBits != 0) {
-        pstMap = static_cast<Bitmap *>(std::calloc(1, sizeof(Bitmap) + WordCount(uiBits) * sizeof(u64)));
-        if (pstMap != nullptr) {
-            pstMap->uiBits = uiBits;
-        }
-    }
-    if (JournalEnabled()) {
-        JournalRecord("Bitmap_Create", {{"bits", uiBits}}, PtrOf(pstMap));
-    }
-    return pstMap;
+    return Journaled(
+        "Bitmap_Create",
+        [&] {
+            Bitmap *pstMap = nullptr;
+            if (uiBits != 0) {
+                pstMap = static_cast<Bitmap *>(std::calloc(1, sizeof(Bitmap) + WordCount(uiBits) * sizeof(u64)));
+                if (pstMap != nullptr) {
+                    pstMap->uiBits = uiBits;
+                }
+            }
+            return static_cast<void *>(pstMap);
+        },
+        [&] { return Json{{"bits", uiBits}}; });
 }
 
 extern "C" u32 Bitmap_Check(void *pvBitmap, u32 uiBit)
 {
-    u32 uiSet = 0;
-    (void)OnBit(pvBitmap, uiBit, [&](u64 &ulWord, u64 ulMask) { uiSet = (ulWord & ulMask) != 0 ? 1 : 0; });
-    Journal("Bitmap_Check", pvBitmap, uiBit, uiSet);
-    return uiSet;
+    return BitCall("Bitmap_Check", pvBitmap, uiBit, [&] {
+        u32 uiSet = 0;
+        (void)OnBit(pvBitmap, uiBit, [&](u64 &ulWord, u64 ulMask) { uiSet = (ulWord & ulMask) != 0 ? 1 : 0; });
+        return uiSet;
+    });
 }
 
 extern "C" u32 Bitmap_Set(void *pvBitmap, u32 uiBit)
 {
-    u32 uiRet = OnBit(pvBitmap, uiBit, [](u64 &ulWord, u64 ulMask) { ulWord |= ulMask; });
-    Journal("Bitmap_Set", pvBitmap, uiBit, uiRet);
-    return uiRet;
+    return BitCall("Bitmap_Set", pvBitmap, uiBit,
+                   [&] { return OnBit(pvBitmap, uiBit, [](u64 &ulWord, u64 ulMask) { ulWord |= ulMask; }); });
 }
 
 extern "C" u32 Bitmap_Clear(void *pvBitmap, u32 uiBit)
 {
-    u32 uiRet = OnBit(pvBitmap, uiBit, [](u64 &ulWord, u64 ulMask) { ulWord &= ~ulMask; });
-    Journal("Bitmap_Clear", pvBitmap, uiBit, uiRet);
-    return uiRet;
+    return BitCall("Bitmap_Clear", pvBitmap, uiBit,
+                   [&] { return OnBit(pvBitmap, uiBit, [](u64 &ulWord, u64 ulMask) { ulWord &= ~ulMask; }); });
 }
 
 extern "C" void Bitmap_Zero(void *pvBitmap)
 {
-    auto *pstMap = static_cast<Bitmap *>(pvBitmap);
-    if (pstMap != nullptr) {
-        std::memset(pstMap->aulWords, 0, WordCount(pstMap->uiBits) * sizeof(u64));
-    }
-    if (JournalEnabled()) {
-        JournalRecord("Bitmap_Zero", {{"bitmap", PtrOf(pvBitmap)}}, nullptr);
-    }
+    Journaled(
+        "Bitmap_Zero",
+        [&] {
+            auto *pstMap = static_cast<Bitmap *>(pvBitmap);
+            if (pstMap != nullptr) {
+                std::memset(pstMap->aulWords, 0, WordCount(pstMap->uiBits) * sizeof(u64));
+            }
+        },
+        [&] { return Json{{"bitmap", PtrOf(pvBitmap)}}; });
 }
 
 extern "C" void Bitmap_Destroy(void *pvBitmap)
 {
-    if (JournalEnabled()) {
-        JournalRecord("Bitmap_Destroy", {{"bitmap", PtrOf(pvBitmap)}}, nullptr);
-    }
+    /* Journaled before the free, while the address still names the bitmap. */
+    Journaled("Bitmap_Destroy", [] {}, [&] { return Json{{"bitmap", PtrOf(pvBitmap)}}; });
     std::free(pvBitmap);
 }

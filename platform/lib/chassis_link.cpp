@@ -6,14 +6,12 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <mutex>
 
 #include "chassis_env.h"
 
 namespace tbdl::plat::link {
 
 namespace {
-std::mutex g_mutex;
 tbdl::rpc::Client &SharedClient()
 {
     static tbdl::rpc::Client *client = new tbdl::rpc::Client(); /* lives for the process */
@@ -27,7 +25,6 @@ uint32_t Call(uint16_t op, uint32_t arg, const void *payload, size_t len, std::v
     if (!env.inChassis) {
         return tbdl::rpc::kResultNoChassis;
     }
-    std::lock_guard<std::mutex> lock(g_mutex);
     tbdl::rpc::Client &c = SharedClient();
     c.SetPath(ChassisSocketPathOf(env.dir));
     return c.Call(op, static_cast<uint16_t>(env.board), arg, payload, len, reply);
@@ -46,15 +43,15 @@ int OpenChannel(uint16_t op, uint32_t arg, const void *payload, size_t len, std:
     std::vector<uint8_t> buf(tbdl::rpc::kMaxMsg);
     if (tbdl::rpc::SendMsg(fd, op, static_cast<uint16_t>(env.board), arg, payload, len) == 0) {
         ssize_t n = tbdl::rpc::RecvMsg(fd, buf.data(), buf.size());
-        if (n > 0) {
-            tbdl::rpc::Hdr h;
-            std::memcpy(&h, buf.data(), sizeof(h));
-            if (h.uiArg == 0 && h.usOp == op) {
-                if (reply != nullptr) {
-                    reply->assign(buf.begin() + sizeof(h), buf.begin() + n);
-                }
-                return fd;
+        tbdl::rpc::Hdr h;
+        const uint8_t *body = nullptr;
+        size_t bodyLen = 0;
+        if (n > 0 && tbdl::rpc::DecodeHead(buf.data(), static_cast<size_t>(n), h, body, bodyLen) && h.uiArg == 0 &&
+            h.usOp == op) {
+            if (reply != nullptr) {
+                reply->assign(body, body + bodyLen);
             }
+            return fd;
         }
     }
     close(fd);
@@ -72,7 +69,6 @@ void Neutralize(int fd)
 
 void Reset()
 {
-    std::lock_guard<std::mutex> lock(g_mutex);
     SharedClient().Close();
 }
 

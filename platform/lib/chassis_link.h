@@ -1,7 +1,7 @@
 /* The platform library's link to chassisd: one request/reply connection per
- * process (opened on first use, shared by every platform call, guarded by a
- * mutex), new channel connections for the event sources, and the checks
- * every emulated call makes first (planned failure, journal). */
+ * process (opened on first use, shared by every platform call of the
+ * daemon's one thread), typed calls whose bodies go through the codec of
+ * rpc.h, and new channel connections for the event sources. */
 #ifndef TBDL_PLAT_CHASSIS_LINK_H
 #define TBDL_PLAT_CHASSIS_LINK_H
 
@@ -9,9 +9,6 @@
 #include <cstdint>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
-#include "journal.h"
 #include "rpc.h"
 
 namespace tbdl::plat::link {
@@ -20,6 +17,26 @@ namespace tbdl::plat::link {
  * result, or rpc::kResultNoChassis when chassisd cannot be reached. */
 uint32_t Call(uint16_t op, uint32_t arg, const void *payload, size_t len,
               std::vector<uint8_t> *reply = nullptr);
+
+/* One call of operation Op: the request record (then tail bytes, for the
+ * operations that take them) goes out encoded; a reply of result 0 is
+ * decoded into *reply when given, and one that does not fill the reply
+ * record exactly counts as rpc::kResultBadRequest. */
+template <uint16_t Op>
+uint32_t CallOp(uint32_t arg, const typename rpc::OpSpec<Op>::Request &request,
+                typename rpc::OpSpec<Op>::Reply *reply = nullptr, const void *tail = nullptr, size_t tailLen = 0)
+{
+    std::vector<uint8_t> body = rpc::Encode(request, tail, tailLen);
+    if (reply == nullptr) {
+        return Call(Op, arg, body.data(), body.size());
+    }
+    std::vector<uint8_t> replyBody;
+    uint32_t result = Call(Op, arg, body.data(), body.size(), &replyBody);
+    if (result == 0 && !rpc::Decode(replyBody.data(), replyBody.size(), *reply)) {
+        return rpc::kResultBadRequest;
+    }
+    return result;
+}
 
 /* Opens a channel: a new connection whose first request is op/arg. Returns
  * the descriptor (close on exec) when chassisd answered with result 0 (the
@@ -31,12 +48,6 @@ int OpenChannel(uint16_t op, uint32_t arg, const void *payload, size_t len,
  * closing the number the caller still holds: a descriptor that never
  * becomes ready is put in its place. Its owner closes it as usual. */
 void Neutralize(int fd);
-
-/* true when `call` must fail now (planned with chassisctl fail). */
-inline bool Fails(const char *call, int64_t *value = nullptr, bool *hasValue = nullptr)
-{
-    return tbdl::rpc::FailPlanHit(call, value, hasValue);
-}
 
 /* Drops the shared connection (tests that switch chassis). */
 void Reset();

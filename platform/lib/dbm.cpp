@@ -19,23 +19,15 @@
 #include <cstring>
 #include <map>
 #include <memory>
-#include <mutex>
 
 #include "chassis_env.h"
-#include "chassis_link.h"
 #include "dbm_store.h"
-#include "journal.h"
+#include "emulated_call.h"
 #include "lib_log.h"
 
-namespace {
+using namespace tbdl::plat;
 
-using tbdl::plat::DbmRecord;
-using tbdl::plat::DbmStatus;
-using tbdl::plat::DbmStore;
-using tbdl::plat::HexOf;
-using tbdl::plat::JournalEnabled;
-using tbdl::plat::JournalRecord;
-using tbdl::plat::link::Fails;
+namespace {
 
 /* Result codes of the DBM calls. */
 constexpr u32 kDbmErrHandle = 1;     /* no such open handle */
@@ -57,7 +49,6 @@ struct DbmIterator {
 };
 
 struct HandleTable {
-    std::mutex mutex;
     u64 ulNext = 1;
     std::map<u64, std::unique_ptr<DbmStore>> stores;
 };
@@ -68,24 +59,11 @@ HandleTable &Handles()
     return *table;
 }
 
-/* true when a planned failure hits pcCall now; uiRet then holds the planned
- * value, or uiFail when none was given. */
-bool PlannedFailure(const char *pcCall, u32 uiFail, u32 &uiRet)
-{
-    int64_t lValue = uiFail;
-    if (!Fails(pcCall, &lValue)) {
-        return false;
-    }
-    uiRet = static_cast<u32>(lValue);
-    return true;
-}
-
-/* Runs fn(store) under the table lock; kDbmErrHandle for an unknown handle. */
+/* Runs fn(store); kDbmErrHandle for an unknown handle. */
 template <typename Fn>
 u32 WithStore(u64 ulHandle, Fn fn)
 {
     HandleTable &t = Handles();
-    std::lock_guard<std::mutex> lock(t.mutex);
     auto it = t.stores.find(ulHandle);
     return it == t.stores.end() ? kDbmErrHandle : fn(*it->second);
 }
@@ -93,6 +71,11 @@ u32 WithStore(u64 ulHandle, Fn fn)
 bool KeyOk(const void *pvKey, u32 uiKeyLen)
 {
     return pvKey != nullptr && uiKeyLen >= 1 && uiKeyLen <= DBM_KEY_MAX;
+}
+
+bool RecOk(const void *pvRec, u32 uiRecLen)
+{
+    return pvRec != nullptr && uiRecLen >= 1 && uiRecLen <= kMaxRecLen;
 }
 
 std::string_view Bytes(const void *pv, u32 uiLen)
@@ -114,21 +97,76 @@ u32 CodeOf(const DbmStore &store, DbmStatus status)
     case DbmStatus::StoreError:
         break;
     }
-    tbdl::plat::LibLogError("database %s: %s", store.Name().c_str(), store.LastError().c_str());
+    LibLogError("database %s: %s", store.Name().c_str(), store.LastError().c_str());
     return kDbmErrStore;
 }
 
-void JournalKeyCall(const char *pcCall, u64 ulHandle, const void *pvKey, u32 uiKeyLen, nlohmann::json extra,
-                    const nlohmann::json &result)
+/* The journal arguments of a call on one key: handle, key, then extra. */
+Json KeyArgs(u64 ulHandle, const void *pvKey, u32 uiKeyLen, Json extra = Json::object())
 {
-    if (!JournalEnabled()) {
-        return;
+    Json args = {{"handle", ulHandle}, {"key", KeyOk(pvKey, uiKeyLen) ? HexOf(pvKey, uiKeyLen) : ""}};
+    args.update(extra);
+    return args;
+}
+
+/* A call on one key of a store: fn(store, key) when the key is good,
+ * kDbmErrParam otherwise; planned failures give kDbmErrStore. */
+template <typename Fn, typename Extra>
+u32 KeyCall(const char *pcCall, u64 ulHandle, const void *pvKey, u32 uiKeyLen, bool bArgsOk, Fn fn, Extra extra)
+{
+    return Emulated(
+        pcCall, kDbmErrStore,
+        [&]() -> u32 {
+            if (!bArgsOk || !KeyOk(pvKey, uiKeyLen)) {
+                return kDbmErrParam;
+            }
+            return WithStore(ulHandle, [&](DbmStore &s) { return CodeOf(s, fn(s, Bytes(pvKey, uiKeyLen))); });
+        },
+        [&] { return KeyArgs(ulHandle, pvKey, uiKeyLen, extra()); });
+}
+
+/* The next block of a list for DBM_BatchGetNextSortList: up to uiMaxRec
+ * records of uiRecLen bytes (cut or zero-padded) into pvBuf, after the
+ * last one the iterator handed out; the iterator is made on the first
+ * call. The number of records, 0 at the end, -1 on bad arguments or a
+ * store error. */
+i32 ReadBlock(u64 ulHandle, const void *pvKey, u32 uiKeyLen, void **ppvIter, u32 uiRecLen, u32 uiMaxRec,
+              void *pvBuf, std::vector<DbmRecord> &recs)
+{
+    bool bArgsOk = KeyOk(pvKey, uiKeyLen) && ppvIter != nullptr && pvBuf != nullptr && uiRecLen >= 1 &&
+                   uiRecLen <= kMaxRecLen && uiMaxRec >= 1 && uiMaxRec <= kMaxBlockRecs;
+    if (!bArgsOk) {
+        return -1;
     }
-    nlohmann::json args = {{"handle", ulHandle}, {"key", KeyOk(pvKey, uiKeyLen) ? HexOf(pvKey, uiKeyLen) : ""}};
-    if (extra.is_object()) {
-        args.update(extra);
+    auto *pstIter = static_cast<DbmIterator *>(*ppvIter);
+    if (pstIter == nullptr) {
+        pstIter = new DbmIterator();
+        pstIter->strKey.assign(static_cast<const char *>(pvKey), uiKeyLen);
+        *ppvIter = pstIter;
     }
-    JournalRecord(pcCall, args, result);
+    if (pstIter->uiMagic != kIterMagic || pstIter->strKey != Bytes(pvKey, uiKeyLen)) {
+        return -1;
+    }
+    if (pstIter->bDone) {
+        return 0;
+    }
+    u32 uiCode = WithStore(ulHandle, [&](DbmStore &s) {
+        return CodeOf(s, s.ReadAfter(pstIter->strKey, pstIter->strLast, uiMaxRec, recs));
+    });
+    if (uiCode != 0) {
+        return -1;
+    }
+    auto *pucOut = static_cast<u8 *>(pvBuf);
+    for (size_t i = 0; i < recs.size(); ++i) {
+        u8 *pucSlot = pucOut + i * uiRecLen;
+        std::memset(pucSlot, 0, uiRecLen);
+        std::memcpy(pucSlot, recs[i].bytes.data(), std::min<size_t>(uiRecLen, recs[i].bytes.size()));
+    }
+    if (!recs.empty()) {
+        pstIter->strLast = recs.back().sortWord;
+    }
+    pstIter->bDone = recs.size() < uiMaxRec;
+    return static_cast<i32>(recs.size());
 }
 
 } // namespace
@@ -136,260 +174,197 @@ void JournalKeyCall(const char *pcCall, u64 ulHandle, const void *pvKey, u32 uiK
 extern "C" u32 DBM_Open(const char *pcName, const char *pcOwner, u32 uiType, const u32 *pauiParam, u64 *pulHandle,
                         u32 uiRecMax, i32 iFlag)
 {
-    const tbdl::plat::ChassisEnv &stEnv = tbdl::plat::GetChassisEnv();
-    std::string strName = pcName != nullptr ? pcName : "";
-    std::string strErr;
-    u32 uiRet = kDbmErrOpen;
+    std::string strName = TextOf(pcName);
     u64 ulHandle = DBM_HANDLE_NONE;
-    bool bPlanned = PlannedFailure("DBM_Open", kDbmErrOpen, uiRet);
-    if (bPlanned) {
-        /* *pulHandle stays as it was */
-    } else if (strName.empty() || pulHandle == nullptr) {
-        strErr = "no database name or handle";
-        uiRet = kDbmErrParam;
-    } else if (!stEnv.inChassis) {
-        strErr = std::string("not in a chassis (") + tbdl::plat::kEnvChassisDir + " is not set)";
-    } else {
-        std::string strPath = tbdl::plat::DatabasePathOf(stEnv.dir);
-        std::unique_ptr<DbmStore> store = DbmStore::Open(strPath, strName, pcOwner != nullptr ? pcOwner : "", strErr);
-        if (store != nullptr) {
-            HandleTable &t = Handles();
-            std::lock_guard<std::mutex> lock(t.mutex);
-            ulHandle = t.ulNext++;
-            t.stores.emplace(ulHandle, std::move(store));
-            *pulHandle = ulHandle;
-            uiRet = 0;
-        }
-    }
-    if (uiRet != 0 && !bPlanned) {
-        tbdl::plat::LibLogError("DBM_Open: cannot open database %s: %s", strName.c_str(), strErr.c_str());
-    }
-    if (JournalEnabled()) {
-        JournalRecord("DBM_Open",
-                      {{"name", strName},
-                       {"owner", pcOwner != nullptr ? pcOwner : ""},
-                       {"type", uiType},
-                       {"param", pauiParam != nullptr ? HexOf(pauiParam, 8 * sizeof(u32)) : ""},
-                       {"rec_max", uiRecMax},
-                       {"flag", iFlag},
-                       {"handle", ulHandle != DBM_HANDLE_NONE ? nlohmann::json(ulHandle) : nlohmann::json()}},
-                      uiRet);
-    }
-    return uiRet;
+    return Emulated(
+        "DBM_Open", kDbmErrOpen, /* a planned failure leaves *pulHandle as it was */
+        [&]() -> u32 {
+            const ChassisEnv &stEnv = GetChassisEnv();
+            std::string strErr;
+            u32 uiRet = kDbmErrOpen;
+            if (strName.empty() || pulHandle == nullptr) {
+                strErr = "no database name or handle";
+                uiRet = kDbmErrParam;
+            } else if (!stEnv.inChassis) {
+                strErr = std::string("not in a chassis (") + kEnvChassisDir + " is not set)";
+            } else if (auto store = DbmStore::Open(DatabasePathOf(stEnv.dir), strName, TextOf(pcOwner), strErr)) {
+                HandleTable &t = Handles();
+                ulHandle = t.ulNext++;
+                t.stores.emplace(ulHandle, std::move(store));
+                *pulHandle = ulHandle;
+                return 0;
+            }
+            LibLogError("DBM_Open: cannot open database %s: %s", strName.c_str(), strErr.c_str());
+            return uiRet;
+        },
+        [&] {
+            return Json{{"name", strName},
+                        {"owner", TextOf(pcOwner)},
+                        {"type", uiType},
+                        {"param", HexOf(pauiParam, 8 * sizeof(u32))},
+                        {"rec_max", uiRecMax},
+                        {"flag", iFlag},
+                        {"handle", ulHandle != DBM_HANDLE_NONE ? Json(ulHandle) : Json()}};
+        });
 }
 
 extern "C" u32 DBM_Close(u64 ulHandle)
 {
-    u32 uiRet = kDbmErrHandle;
-    std::unique_ptr<DbmStore> store;
-    if (!PlannedFailure("DBM_Close", kDbmErrStore, uiRet)) {
-        HandleTable &t = Handles();
-        std::lock_guard<std::mutex> lock(t.mutex);
-        auto it = t.stores.find(ulHandle);
-        if (it != t.stores.end()) {
-            store = std::move(it->second);
-            t.stores.erase(it);
-            uiRet = 0;
-        }
-    }
-    store.reset(); /* closes the connection outside the lock */
-    if (JournalEnabled()) {
-        JournalRecord("DBM_Close", {{"handle", ulHandle}}, uiRet);
-    }
-    return uiRet;
+    return Emulated(
+        "DBM_Close", kDbmErrStore,
+        [&]() -> u32 {
+            HandleTable &t = Handles();
+            auto it = t.stores.find(ulHandle);
+            if (it == t.stores.end()) {
+                return kDbmErrHandle;
+            }
+            t.stores.erase(it); /* closes the store's connection */
+            return 0;
+        },
+        [&] { return Json{{"handle", ulHandle}}; });
 }
 
 extern "C" u32 DBM_IsKeyExist(u64 ulHandle, const void *pvKey, u32 uiKeyLen)
 {
-    bool bExists = false;
-    u32 uiRet = 0;
-    if (!PlannedFailure("DBM_IsKeyExist", 0, uiRet)) {
-        if (KeyOk(pvKey, uiKeyLen)) {
-            (void)WithStore(ulHandle,
-                            [&](DbmStore &s) { return CodeOf(s, s.KeyExists(Bytes(pvKey, uiKeyLen), bExists)); });
-        }
-        uiRet = bExists ? 1 : 0;
-    }
-    JournalKeyCall("DBM_IsKeyExist", ulHandle, pvKey, uiKeyLen, {}, uiRet);
-    return uiRet;
+    return Emulated(
+        "DBM_IsKeyExist", u32{0},
+        [&]() -> u32 {
+            bool bExists = false;
+            if (KeyOk(pvKey, uiKeyLen)) {
+                (void)WithStore(ulHandle,
+                                [&](DbmStore &s) { return CodeOf(s, s.KeyExists(Bytes(pvKey, uiKeyLen), bExists)); });
+            }
+            return bExists ? 1 : 0;
+        },
+        [&] { return KeyArgs(ulHandle, pvKey, uiKeyLen); });
 }
 
 extern "C" u32 DBM_SetSortWord(u64 ulHandle, const void *pvKey, u32 uiKeyLen, u32 uiCount, u32 uiOffset, u32 uiLen,
                                u32 uiKind, u32 uiOrder)
 {
-    u32 uiRet = kDbmErrParam;
-    if (PlannedFailure("DBM_SetSortWord", kDbmErrStore, uiRet)) {
-        /* nothing set */
-    } else if (KeyOk(pvKey, uiKeyLen) && uiLen >= 1 && uiLen <= kMaxRecLen && uiOffset <= kMaxRecLen - uiLen) {
-        uiRet = WithStore(ulHandle,
-                          [&](DbmStore &s) { return CodeOf(s, s.SetSortWord(Bytes(pvKey, uiKeyLen), uiOffset, uiLen)); });
-    }
-    JournalKeyCall("DBM_SetSortWord", ulHandle, pvKey, uiKeyLen,
-                   {{"count", uiCount}, {"offset", uiOffset}, {"len", uiLen}, {"kind", uiKind}, {"order", uiOrder}},
-                   uiRet);
-    return uiRet;
+    bool bWordOk = uiLen >= 1 && uiLen <= kMaxRecLen && uiOffset <= kMaxRecLen - uiLen;
+    return KeyCall(
+        "DBM_SetSortWord", ulHandle, pvKey, uiKeyLen, bWordOk,
+        [&](DbmStore &s, std::string_view key) { return s.SetSortWord(key, uiOffset, uiLen); },
+        [&] {
+            return Json{{"count", uiCount}, {"offset", uiOffset}, {"len", uiLen}, {"kind", uiKind}, {"order", uiOrder}};
+        });
 }
 
 extern "C" u32 DBM_InsertSortList(u64 ulHandle, const void *pvKey, u32 uiKeyLen, u32 uiRecLen, const void *pvRec,
                                   u32 uiFlag)
 {
-    u32 uiRet = kDbmErrParam;
-    if (PlannedFailure("DBM_InsertSortList", kDbmErrStore, uiRet)) {
-        /* nothing stored */
-    } else if (KeyOk(pvKey, uiKeyLen) && pvRec != nullptr && uiRecLen >= 1 && uiRecLen <= kMaxRecLen) {
-        uiRet = WithStore(ulHandle, [&](DbmStore &s) {
-            return CodeOf(s, s.Insert(Bytes(pvKey, uiKeyLen), Bytes(pvRec, uiRecLen)));
-        });
-    }
-    JournalKeyCall("DBM_InsertSortList", ulHandle, pvKey, uiKeyLen,
-                   {{"rec", uiRecLen <= kMaxRecLen ? HexOf(pvRec, uiRecLen) : ""}, {"flag", uiFlag}}, uiRet);
-    return uiRet;
+    return KeyCall(
+        "DBM_InsertSortList", ulHandle, pvKey, uiKeyLen, RecOk(pvRec, uiRecLen),
+        [&](DbmStore &s, std::string_view key) { return s.Insert(key, Bytes(pvRec, uiRecLen)); },
+        [&] { return Json{{"rec", uiRecLen <= kMaxRecLen ? HexOf(pvRec, uiRecLen) : ""}, {"flag", uiFlag}}; });
 }
 
 extern "C" u32 DBM_RemoveSortList(u64 ulHandle, const void *pvKey, u32 uiKeyLen, u32 uiRecLen, const void *pvRec)
 {
-    u32 uiRet = kDbmErrParam;
-    if (PlannedFailure("DBM_RemoveSortList", kDbmErrStore, uiRet)) {
-        /* nothing removed */
-    } else if (KeyOk(pvKey, uiKeyLen) && pvRec != nullptr && uiRecLen >= 1 && uiRecLen <= kMaxRecLen) {
-        uiRet = WithStore(ulHandle, [&](DbmStore &s) {
-            return CodeOf(s, s.Remove(Bytes(pvKey, uiKeyLen), Bytes(pvRec, uiRecLen)));
-        });
-    }
-    JournalKeyCall("DBM_RemoveSortList", ulHandle, pvKey, uiKeyLen,
-                   {{"rec", uiRecLen <= kMaxRecLen ? HexOf(pvRec, uiRecLen) : ""}}, uiRet);
-    return uiRet;
+    return KeyCall(
+        "DBM_RemoveSortList", ulHandle, pvKey, uiKeyLen, RecOk(pvRec, uiRecLen),
+        [&](DbmStore &s, std::string_view key) { return s.Remove(key, Bytes(pvRec, uiRecLen)); },
+        [&] { return Json{{"rec", uiRecLen <= kMaxRecLen ? HexOf(pvRec, uiRecLen) : ""}}; });
 }
 
 extern "C" u32 DBM_Len(u64 ulHandle, const void *pvKey, u32 uiKeyLen)
 {
-    u32 uiCount = 0;
-    if (PlannedFailure("DBM_Len", 0, uiCount)) {
-        /* the planned count */
-    } else if (KeyOk(pvKey, uiKeyLen)) {
-        (void)WithStore(ulHandle, [&](DbmStore &s) { return CodeOf(s, s.Count(Bytes(pvKey, uiKeyLen), uiCount)); });
-    }
-    JournalKeyCall("DBM_Len", ulHandle, pvKey, uiKeyLen, {}, uiCount);
-    return uiCount;
+    return Emulated(
+        "DBM_Len", u32{0},
+        [&] {
+            u32 uiCount = 0;
+            if (KeyOk(pvKey, uiKeyLen)) {
+                (void)WithStore(ulHandle,
+                                [&](DbmStore &s) { return CodeOf(s, s.Count(Bytes(pvKey, uiKeyLen), uiCount)); });
+            }
+            return uiCount;
+        },
+        [&] { return KeyArgs(ulHandle, pvKey, uiKeyLen); });
 }
 
 extern "C" u32 DBM_DeleteKey(u64 ulHandle, const void *pvKey, u32 uiKeyLen)
 {
-    u32 uiRet = kDbmErrParam;
-    if (PlannedFailure("DBM_DeleteKey", kDbmErrStore, uiRet)) {
-        /* nothing deleted */
-    } else if (KeyOk(pvKey, uiKeyLen)) {
-        uiRet = WithStore(ulHandle, [&](DbmStore &s) { return CodeOf(s, s.DeleteKey(Bytes(pvKey, uiKeyLen))); });
-    }
-    JournalKeyCall("DBM_DeleteKey", ulHandle, pvKey, uiKeyLen, {}, uiRet);
-    return uiRet;
+    return KeyCall(
+        "DBM_DeleteKey", ulHandle, pvKey, uiKeyLen, true,
+        [&](DbmStore &s, std::string_view key) { return s.DeleteKey(key); }, [] { return Json::object(); });
 }
 
 extern "C" u32 DBM_Sync(void)
 {
-    u32 uiRet = 0;
-    (void)PlannedFailure("DBM_Sync", kDbmErrStore, uiRet);
-    if (JournalEnabled()) {
-        JournalRecord("DBM_Sync", nlohmann::json::object(), uiRet);
-    }
-    return uiRet;
+    return Emulated(
+        "DBM_Sync", kDbmErrStore, [] { return u32{0}; }, [] { return Json::object(); });
 }
 
 extern "C" u32 DBM_Batch_Proc(u64 ulHandle, i32 iScope, const DBM_BATCH_ROW_S *pstRows, u32 uiRowCount)
 {
-    u32 uiRet = 0;
-    nlohmann::json walked = nlohmann::json::array();
-    if (PlannedFailure("DBM_Batch_Proc", kDbmErrStore, uiRet)) {
-        uiRowCount = 0; /* no row is walked */
-    } else if (iScope != -1 || (pstRows == nullptr && uiRowCount != 0)) {
-        uiRet = kDbmErrParam;
-    }
-    for (u32 i = 0; uiRet == 0 && i < uiRowCount; ++i) {
-        const DBM_BATCH_ROW_S &stRow = pstRows[i];
-        if (stRow.pfnCallback == nullptr || stRow.ulId > 0xFE) {
-            continue; /* row N matches keys starting with byte N + 1 */
-        }
-        /* Take the row's keys first: the callback reads the store itself. */
-        std::vector<std::string> keys;
-        uiRet = WithStore(ulHandle,
-                          [&](DbmStore &s) { return CodeOf(s, s.KeysByFirstByte(static_cast<u8>(stRow.ulId + 1), keys)); });
-        for (size_t k = 0; uiRet == 0 && k < keys.size(); ++k) {
-            u32 uiCbRet = stRow.pfnCallback(ulHandle, keys[k].data(), static_cast<u32>(keys[k].size()));
-            if (JournalEnabled()) {
-                walked.push_back({{"row", i}, {"key", HexOf(keys[k].data(), keys[k].size())}, {"cb_result", uiCbRet}});
+    u32 uiRowsWalked = 0; /* a planned failure walks no row */
+    Json walked = Json::array();
+    return Emulated(
+        "DBM_Batch_Proc", kDbmErrStore,
+        [&]() -> u32 {
+            uiRowsWalked = uiRowCount;
+            if (iScope != -1 || (pstRows == nullptr && uiRowCount != 0)) {
+                return kDbmErrParam;
             }
-        }
-    }
-    if (JournalEnabled()) {
-        JournalRecord("DBM_Batch_Proc",
-                      {{"handle", ulHandle}, {"scope", iScope}, {"rows", uiRowCount}, {"lists", walked}}, uiRet);
-    }
-    return uiRet;
+            u32 uiRet = 0;
+            for (u32 i = 0; uiRet == 0 && i < uiRowCount; ++i) {
+                const DBM_BATCH_ROW_S &stRow = pstRows[i];
+                if (stRow.pfnCallback == nullptr || stRow.ulId > 0xFE) {
+                    continue; /* row N matches keys starting with byte N + 1 */
+                }
+                /* Take the row's keys first: the callback reads the store itself. */
+                std::vector<std::string> keys;
+                uiRet = WithStore(ulHandle, [&](DbmStore &s) {
+                    return CodeOf(s, s.KeysByFirstByte(static_cast<u8>(stRow.ulId + 1), keys));
+                });
+                for (size_t k = 0; uiRet == 0 && k < keys.size(); ++k) {
+                    u32 uiCbRet = stRow.pfnCallback(ulHandle, keys[k].data(), static_cast<u32>(keys[k].size()));
+                    if (JournalEnabled()) {
+                        walked.push_back(
+                            {{"row", i}, {"key", HexOf(keys[k].data(), keys[k].size())}, {"cb_result", uiCbRet}});
+                    }
+                }
+            }
+            return uiRet;
+        },
+        [&] { return Json{{"handle", ulHandle}, {"scope", iScope}, {"rows", uiRowsWalked}, {"lists", walked}}; });
 }
 
 extern "C" i32 DBM_BatchGetNextSortList(u64 ulHandle, const void *pvKey, u32 uiKeyLen, void **ppvIter, u32 uiArg1,
                                         u32 uiArg2, u32 uiRecLen, u32 uiMaxRec, void *pvBuf)
 {
-    int64_t lValue = -1;
-    if (Fails("DBM_BatchGetNextSortList", &lValue)) {
-        /* the iterator, if any, is neither made nor moved */
-        JournalKeyCall("DBM_BatchGetNextSortList", ulHandle, pvKey, uiKeyLen,
-                       {{"arg1", uiArg1}, {"arg2", uiArg2}, {"rec_len", uiRecLen}, {"max_rec", uiMaxRec}},
-                       static_cast<i32>(lValue));
-        return static_cast<i32>(lValue);
-    }
-    i32 iRet = -1;
+    bool bRan = false; /* a planned failure neither makes nor moves the iterator */
     std::vector<DbmRecord> recs;
-    bool bArgsOk = KeyOk(pvKey, uiKeyLen) && ppvIter != nullptr && pvBuf != nullptr && uiRecLen >= 1 &&
-                   uiRecLen <= kMaxRecLen && uiMaxRec >= 1 && uiMaxRec <= kMaxBlockRecs;
-    auto *pstIter = bArgsOk ? static_cast<DbmIterator *>(*ppvIter) : nullptr;
-    if (bArgsOk && pstIter == nullptr) {
-        pstIter = new DbmIterator();
-        pstIter->strKey.assign(static_cast<const char *>(pvKey), uiKeyLen);
-        *ppvIter = pstIter;
-    }
-    if (pstIter != nullptr && pstIter->uiMagic == kIterMagic && pstIter->strKey == Bytes(pvKey, uiKeyLen)) {
-        if (pstIter->bDone) {
-            iRet = 0;
-        } else {
-            u32 uiCode = WithStore(ulHandle, [&](DbmStore &s) {
-                return CodeOf(s, s.ReadAfter(pstIter->strKey, pstIter->strLast, uiMaxRec, recs));
-            });
-            if (uiCode == 0) {
-                auto *pucOut = static_cast<u8 *>(pvBuf);
-                for (size_t i = 0; i < recs.size(); ++i) {
-                    u8 *pucSlot = pucOut + i * uiRecLen;
-                    std::memset(pucSlot, 0, uiRecLen);
-                    std::memcpy(pucSlot, recs[i].bytes.data(), std::min<size_t>(uiRecLen, recs[i].bytes.size()));
+    return Emulated(
+        "DBM_BatchGetNextSortList", i32{-1},
+        [&] {
+            bRan = true;
+            return ReadBlock(ulHandle, pvKey, uiKeyLen, ppvIter, uiRecLen, uiMaxRec, pvBuf, recs);
+        },
+        [&] {
+            Json extra = {{"arg1", uiArg1}, {"arg2", uiArg2}, {"rec_len", uiRecLen}, {"max_rec", uiMaxRec}};
+            if (bRan) {
+                Json out = Json::array();
+                for (const DbmRecord &r : recs) {
+                    out.push_back(HexOf(r.bytes.data(), std::min<size_t>(uiRecLen, r.bytes.size())));
                 }
-                if (!recs.empty()) {
-                    pstIter->strLast = recs.back().sortWord;
-                }
-                pstIter->bDone = recs.size() < uiMaxRec;
-                iRet = static_cast<i32>(recs.size());
+                extra["recs"] = out;
             }
-        }
-    }
-    if (JournalEnabled()) {
-        nlohmann::json out = nlohmann::json::array();
-        for (const DbmRecord &r : recs) {
-            out.push_back(HexOf(r.bytes.data(), std::min<size_t>(uiRecLen, r.bytes.size())));
-        }
-        JournalKeyCall("DBM_BatchGetNextSortList", ulHandle, pvKey, uiKeyLen,
-                       {{"arg1", uiArg1}, {"arg2", uiArg2}, {"rec_len", uiRecLen}, {"max_rec", uiMaxRec}, {"recs", out}},
-                       iRet);
-    }
-    return iRet;
+            return KeyArgs(ulHandle, pvKey, uiKeyLen, extra);
+        });
 }
 
 extern "C" void DBM_FreeIterator(void *pvIter)
 {
-    auto *pstIter = static_cast<DbmIterator *>(pvIter);
-    if (pstIter != nullptr && pstIter->uiMagic == kIterMagic) {
-        pstIter->uiMagic = 0;
-        delete pstIter;
-    }
-    if (JournalEnabled()) {
-        JournalRecord("DBM_FreeIterator", {{"iter", tbdl::plat::PtrOf(pvIter)}}, nullptr);
-    }
+    Journaled(
+        "DBM_FreeIterator",
+        [&] {
+            auto *pstIter = static_cast<DbmIterator *>(pvIter);
+            if (pstIter != nullptr && pstIter->uiMagic == kIterMagic) {
+                pstIter->uiMagic = 0;
+                delete pstIter;
+            }
+        },
+        [&] { return Json{{"iter", PtrOf(pvIter)}}; });
 }

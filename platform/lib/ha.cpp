@@ -16,33 +16,74 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <mutex>
 
 #include "plat_ha.h"
 
 #include "chassis_link.h"
+#include "emulated_call.h"
 
 using namespace tbdl::plat;
+namespace rpc = tbdl::rpc;
 
 namespace {
 
 struct Channel {
-    tbdl::rpc::HaState stState;
+    rpc::HaState stState;
     HA_CALLBACKS_S stCallbacks;
 };
 
-std::mutex g_mutex;
 std::map<i32, Channel> g_channels;
 
-bool Lookup(i32 iHandle, Channel &out)
+Channel *Lookup(i32 iHandle)
 {
-    std::lock_guard<std::mutex> lock(g_mutex);
     auto it = g_channels.find(iHandle);
-    if (it == g_channels.end()) {
-        return false;
+    return it == g_channels.end() ? nullptr : &it->second;
+}
+
+/* A cached answer of the channel: pick(state), 0 for an unknown handle. */
+template <typename R, typename Pick> R FromCache(const char *pcCall, i32 iHandle, Pick pick)
+{
+    return Emulated(
+        pcCall, R{0},
+        [&]() -> R {
+            Channel *pst = Lookup(iHandle);
+            return pst != nullptr ? static_cast<R>(pick(pst->stState)) : 0;
+        },
+        [&] { return Json{{"handle", iHandle}}; });
+}
+
+/* The kind and value of the push HA_Dispatch read. */
+struct Push {
+    u32 uiKind = 0;
+    u32 uiValue = 0;
+};
+
+/* Hands a push of the channel to its callbacks; updates the cached state. */
+u32 Deliver(Channel &stChannel, const rpc::Hdr &h, const uint8_t *pucBody, size_t len, Push &push)
+{
+    rpc::HaState stNew;
+    const uint8_t *pucData = nullptr;
+    size_t dataLen = 0;
+    if (h.usOp != rpc::OP_HA_PUSH || !rpc::DecodeHead(pucBody, len, stNew, pucData, dataLen)) {
+        return 1;
     }
-    out = it->second;
-    return true;
+    /* The callbacks run with the state this push brings. */
+    HA_CALLBACKS_S stCallbacks = stChannel.stCallbacks;
+    stChannel.stState = stNew;
+    push.uiKind = h.uiArg;
+    push.uiValue = stNew.uiValue;
+    if (push.uiKind == rpc::HA_PUSH_EVENT && stCallbacks.pfnEvent != nullptr) {
+        return stCallbacks.pfnEvent(push.uiValue);
+    }
+    if (push.uiKind == rpc::HA_PUSH_MSG && stCallbacks.pfnRecv != nullptr) {
+        void *pvMsg = HA_AllocMsg(static_cast<u32>(dataLen));
+        if (pvMsg == nullptr) {
+            return 1;
+        }
+        std::memcpy(pvMsg, pucData, dataLen);
+        return stCallbacks.pfnRecv(pvMsg, static_cast<u16>(dataLen), push.uiValue);
+    }
+    return 0;
 }
 
 } // namespace
@@ -50,222 +91,150 @@ bool Lookup(i32 iHandle, Channel &out)
 extern "C" i32 HA_Init(const char *pcModule, u32 uiArg1, const char *pcName, u32 uiArg2, u32 uiArg3,
                        const void *pvIdent, const HA_CALLBACKS_S *pstCallbacks)
 {
-    int64_t lValue = -1;
-    i32 iFd = -1;
-    tbdl::rpc::HaState stState{};
-    if (link::Fails("HA_Init", &lValue)) {
-        iFd = static_cast<i32>(lValue);
-    } else if (pstCallbacks != nullptr) {
-        std::vector<uint8_t> reply;
-        iFd = link::OpenChannel(tbdl::rpc::OP_HA_REGISTER, 0, pvIdent, pvIdent != nullptr ? 8 : 0, &reply);
-        if (iFd >= 0 && reply.size() == sizeof(stState)) {
-            std::memcpy(&stState, reply.data(), sizeof(stState));
-            std::lock_guard<std::mutex> lock(g_mutex);
-            g_channels[iFd] = Channel{stState, *pstCallbacks};
-        } else if (iFd >= 0) {
-            close(iFd);
-            iFd = -1;
-        }
-    }
-    if (JournalEnabled()) {
-        JournalRecord("HA_Init",
-                      {{"module", pcModule != nullptr ? pcModule : ""}, {"arg1", uiArg1},
-                       {"name", pcName != nullptr ? pcName : ""}, {"arg2", uiArg2}, {"arg3", uiArg3},
-                       {"ident", HexOf(pvIdent, pvIdent != nullptr ? 8 : 0)},
-                       {"master", stState.uiMaster}, {"standby", stState.uiPeer}},
-                      iFd);
-    }
-    return iFd;
+    rpc::HaState stState{};
+    return Emulated(
+        "HA_Init", i32{-1},
+        [&]() -> i32 {
+            if (pstCallbacks == nullptr) {
+                return -1;
+            }
+            rpc::HaIdent stIdent{};
+            if (pvIdent != nullptr) {
+                std::memcpy(&stIdent, pvIdent, sizeof(stIdent));
+            }
+            std::vector<uint8_t> request = pvIdent != nullptr ? rpc::Encode(stIdent) : std::vector<uint8_t>();
+            std::vector<uint8_t> reply;
+            i32 iFd = link::OpenChannel(rpc::OP_HA_REGISTER, 0, request.data(), request.size(), &reply);
+            if (iFd >= 0 && !rpc::Decode(reply.data(), reply.size(), stState)) {
+                close(iFd);
+                return -1;
+            }
+            if (iFd >= 0) {
+                g_channels[iFd] = Channel{stState, *pstCallbacks};
+            }
+            return iFd;
+        },
+        [&] {
+            return Json{{"module", TextOf(pcModule)}, {"arg1", uiArg1}, {"name", TextOf(pcName)},
+                        {"arg2", uiArg2}, {"arg3", uiArg3}, {"ident", HexOf(pvIdent, sizeof(rpc::HaIdent))},
+                        {"master", stState.uiMaster}, {"standby", stState.uiPeer}};
+        });
 }
 
 extern "C" u32 HA_Exit(i32 iHandle)
 {
-    u32 uiRet;
-    {
-        std::lock_guard<std::mutex> lock(g_mutex);
-        uiRet = g_channels.erase(iHandle) == 1 ? 0 : 1;
-    }
-    if (uiRet == 0) {
-        close(iHandle);
-    }
-    if (JournalEnabled()) {
-        JournalRecord("HA_Exit", {{"handle", iHandle}}, uiRet);
-    }
-    return uiRet;
+    return Journaled(
+        "HA_Exit",
+        [&]() -> u32 {
+            if (g_channels.erase(iHandle) != 1) {
+                return 1;
+            }
+            close(iHandle);
+            return 0;
+        },
+        [&] { return Json{{"handle", iHandle}}; });
 }
 
 extern "C" u32 HA_GetMTU(i32 iHandle)
 {
-    int64_t lValue = 0;
-    u32 uiMtu = 0;
-    Channel st;
-    if (link::Fails("HA_GetMTU", &lValue)) {
-        uiMtu = static_cast<u32>(lValue);
-    } else if (Lookup(iHandle, st)) {
-        uiMtu = st.stState.uiMtu;
-    }
-    if (JournalEnabled()) {
-        JournalRecord("HA_GetMTU", {{"handle", iHandle}}, uiMtu);
-    }
-    return uiMtu;
+    return FromCache<u32>("HA_GetMTU", iHandle, [](const rpc::HaState &st) { return st.uiMtu; });
 }
 
 extern "C" void *HA_AllocMsg(u32 uiSize)
 {
-    void *pv = nullptr;
-    if (!link::Fails("HA_AllocMsg")) {
-        pv = std::malloc(uiSize != 0 ? uiSize : 1);
-    }
-    if (JournalEnabled()) {
-        JournalRecord("HA_AllocMsg", {{"size", uiSize}}, PtrOf(pv));
-    }
-    return pv;
+    return Emulated(
+        "HA_AllocMsg", static_cast<void *>(nullptr), [&] { return std::malloc(uiSize != 0 ? uiSize : 1); },
+        [&] { return Json{{"size", uiSize}}; });
 }
 
 extern "C" void HA_FreeMsg(void *pvMsg)
 {
-    if (JournalEnabled()) {
-        JournalRecord("HA_FreeMsg", {{"msg", PtrOf(pvMsg)}}, nullptr);
-    }
+    /* Journaled before the free, while the address still names the message. */
+    Journaled("HA_FreeMsg", [] {}, [&] { return Json{{"msg", PtrOf(pvMsg)}}; });
     std::free(pvMsg);
 }
 
 extern "C" u16 HA_IsMaster(i32 iHandle)
 {
-    int64_t lValue = 0;
-    u16 usRet = 0;
-    Channel st;
-    if (link::Fails("HA_IsMaster", &lValue)) {
-        usRet = static_cast<u16>(lValue);
-    } else if (Lookup(iHandle, st)) {
-        usRet = static_cast<u16>(st.stState.uiMaster);
-    }
-    if (JournalEnabled()) {
-        JournalRecord("HA_IsMaster", {{"handle", iHandle}}, usRet);
-    }
-    return usRet;
+    return FromCache<u16>("HA_IsMaster", iHandle, [](const rpc::HaState &st) { return st.uiMaster; });
 }
 
 extern "C" u16 HA_IsExistSlaveService(i32 iHandle)
 {
-    int64_t lValue = 0;
-    u16 usRet = 0;
-    Channel st;
-    if (link::Fails("HA_IsExistSlaveService", &lValue)) {
-        usRet = static_cast<u16>(lValue);
-    } else if (Lookup(iHandle, st)) {
-        usRet = static_cast<u16>(st.stState.uiPeer);
-    }
-    if (JournalEnabled()) {
-        JournalRecord("HA_IsExistSlaveService", {{"handle", iHandle}}, usRet);
-    }
-    return usRet;
+    return FromCache<u16>("HA_IsExistSlaveService", iHandle, [](const rpc::HaState &st) { return st.uiPeer; });
 }
 
 extern "C" u32 HA_Dispatch(u32 uiEvents, u64 ulData)
 {
     i32 iFd = static_cast<i32>(ulData);
-    int64_t lValue = 1;
-    if (link::Fails("HA_Dispatch", &lValue)) {
-        if (JournalEnabled()) {
-            JournalRecord("HA_Dispatch", {{"events", uiEvents}, {"fd", iFd}}, lValue);
-        }
-        return static_cast<u32>(lValue);
-    }
-    Channel st;
-    u32 uiRet = 0;
-    u32 uiKind = 0;
-    u32 uiValue = 0;
-    std::vector<uint8_t> buf(tbdl::rpc::kMaxMsg);
-    ssize_t n = -1;
-    if (!Lookup(iFd, st)) {
-        uiRet = 1;
-    } else {
-        n = tbdl::rpc::RecvMsg(iFd, buf.data(), buf.size(), MSG_DONTWAIT);
-        if (n < 0 && errno == EAGAIN && (uiEvents & (EPOLLERR | EPOLLHUP)) == 0) {
-            uiRet = 0; /* nothing pending */
-        } else if (n <= 0) {
-            /* chassisd's HA service is gone: keep the descriptor number for
-             * HA_Exit but stop it from waking the event loop. */
-            link::Neutralize(iFd);
-            uiRet = 1;
-        } else {
-            tbdl::rpc::Hdr h;
-            std::memcpy(&h, buf.data(), sizeof(h));
-            size_t len = static_cast<size_t>(n) - sizeof(h);
-            if (h.usOp != tbdl::rpc::OP_HA_PUSH || len < sizeof(tbdl::rpc::HaState)) {
-                uiRet = 1;
-            } else {
-                tbdl::rpc::HaState stNew;
-                std::memcpy(&stNew, buf.data() + sizeof(h), sizeof(stNew));
-                {
-                    std::lock_guard<std::mutex> lock(g_mutex);
-                    auto it = g_channels.find(iFd);
-                    if (it != g_channels.end()) {
-                        it->second.stState = stNew;
-                    }
-                }
-                uiKind = h.uiArg;
-                uiValue = stNew.uiValue;
-                const uint8_t *pucData = buf.data() + sizeof(h) + sizeof(stNew);
-                size_t dataLen = len - sizeof(stNew);
-                if (uiKind == tbdl::rpc::HA_PUSH_EVENT && st.stCallbacks.pfnEvent != nullptr) {
-                    uiRet = st.stCallbacks.pfnEvent(uiValue);
-                } else if (uiKind == tbdl::rpc::HA_PUSH_MSG && st.stCallbacks.pfnRecv != nullptr) {
-                    void *pvMsg = HA_AllocMsg(static_cast<u32>(dataLen));
-                    if (pvMsg == nullptr) {
-                        uiRet = 1;
-                    } else {
-                        std::memcpy(pvMsg, pucData, dataLen);
-                        uiRet = st.stCallbacks.pfnRecv(pvMsg, static_cast<u16>(dataLen), uiValue);
-                    }
-                }
+    bool bRan = false;
+    Push push;
+    return Emulated(
+        "HA_Dispatch", u32{1},
+        [&]() -> u32 {
+            bRan = true;
+            Channel *pst = Lookup(iFd);
+            if (pst == nullptr) {
+                return 1;
             }
-        }
-    }
-    if (JournalEnabled()) {
-        JournalRecord("HA_Dispatch", {{"events", uiEvents}, {"fd", iFd}, {"kind", uiKind}, {"value", uiValue}}, uiRet);
-    }
-    return uiRet;
+            std::vector<uint8_t> buf(rpc::kMaxMsg);
+            ssize_t n = rpc::RecvMsg(iFd, buf.data(), buf.size(), MSG_DONTWAIT);
+            if (n < 0 && errno == EAGAIN && (uiEvents & (EPOLLERR | EPOLLHUP)) == 0) {
+                return 0; /* nothing pending */
+            }
+            if (n <= 0) {
+                /* chassisd's HA service is gone: keep the descriptor number
+                 * for HA_Exit but stop it from waking the event loop. */
+                link::Neutralize(iFd);
+                return 1;
+            }
+            rpc::Hdr h;
+            const uint8_t *pucBody = nullptr;
+            size_t len = 0;
+            (void)rpc::DecodeHead(buf.data(), static_cast<size_t>(n), h, pucBody, len); /* RecvMsg checked the size */
+            return Deliver(*pst, h, pucBody, len, push);
+        },
+        [&] {
+            Json args{{"events", uiEvents}, {"fd", iFd}};
+            if (bRan) {
+                args["kind"] = push.uiKind;
+                args["value"] = push.uiValue;
+            }
+            return args;
+        });
 }
 
 extern "C" u32 HA_Response(i32 iHandle, u32 uiEvent, void *pvData)
 {
-    int64_t lValue = 1;
-    u32 uiRet;
-    u32 uiData = 0;
-    if (link::Fails("HA_Response", &lValue)) {
-        uiRet = static_cast<u32>(lValue);
-    } else {
-        if (pvData != nullptr) {
-            std::memcpy(&uiData, pvData, 4);
-        }
-        uiRet = link::Call(tbdl::rpc::OP_HA_RESPONSE, uiEvent, pvData != nullptr ? &uiData : nullptr,
-                           pvData != nullptr ? 4 : 0) == 0 ? 0 : 1;
-    }
-    if (JournalEnabled()) {
-        JournalRecord("HA_Response",
-                      {{"handle", iHandle}, {"event", uiEvent}, {"data", pvData != nullptr ? nlohmann::json(uiData) : nlohmann::json()}},
-                      uiRet);
-    }
-    return uiRet;
+    rpc::HaResponseData stData{0};
+    return Emulated(
+        "HA_Response", u32{1},
+        [&]() -> u32 {
+            if (pvData != nullptr) {
+                std::memcpy(&stData, pvData, sizeof(stData));
+            }
+            return link::CallOp<rpc::OP_HA_RESPONSE>(uiEvent, {}, nullptr, pvData != nullptr ? &stData : nullptr,
+                                                     pvData != nullptr ? sizeof(stData) : 0) == 0
+                       ? 0
+                       : 1;
+        },
+        [&] {
+            return Json{{"handle", iHandle}, {"event", uiEvent},
+                        {"data", pvData != nullptr ? Json(stData.uiData) : Json()}};
+        });
 }
 
 extern "C" u32 HA_SendMsgSync(i32 iHandle, void *pvBuf, u16 usLen, u32 uiFlag)
 {
-    int64_t lValue = 1;
-    u32 uiRet;
-    if (link::Fails("HA_SendMsgSync", &lValue)) {
-        uiRet = static_cast<u32>(lValue);
-    } else if (pvBuf == nullptr || usLen == 0) {
-        uiRet = 1;
-    } else {
-        uiRet = link::Call(tbdl::rpc::OP_HA_SEND, uiFlag, pvBuf, usLen) == 0 ? 0 : 1;
-    }
-    if (JournalEnabled()) {
-        JournalRecord("HA_SendMsgSync",
-                      {{"handle", iHandle}, {"len", usLen}, {"flag", uiFlag}, {"msg", HexOf(pvBuf, pvBuf != nullptr ? usLen : 0)}},
-                      uiRet);
-    }
-    return uiRet;
+    return Emulated(
+        "HA_SendMsgSync", u32{1},
+        [&]() -> u32 {
+            if (pvBuf == nullptr || usLen == 0) {
+                return 1;
+            }
+            return link::CallOp<rpc::OP_HA_SEND>(uiFlag, {}, nullptr, pvBuf, usLen) == 0 ? 0 : 1;
+        },
+        [&] {
+            return Json{{"handle", iHandle}, {"len", usLen}, {"flag", uiFlag}, {"msg", HexOf(pvBuf, usLen)}};
+        });
 }

@@ -6,63 +6,55 @@
 #include "plat_if.h"
 
 #include "chassis_link.h"
+#include "emulated_call.h"
 
 using namespace tbdl::plat;
+namespace rpc = tbdl::rpc;
 
 extern "C" u32 IF_GetIfIndexByFullName(const char *pcName)
 {
-    int64_t lValue = 0;
-    u32 uiIndex = 0;
-    if (link::Fails("IF_GetIfIndexByFullName", &lValue)) {
-        uiIndex = static_cast<u32>(lValue);
-    } else if (pcName != nullptr) {
-        std::vector<uint8_t> reply;
-        size_t len = strnlen(pcName, 256);
-        if (link::Call(tbdl::rpc::OP_IF_INDEX_BY_NAME, 0, pcName, len, &reply) == 0 && reply.size() == 4) {
-            std::memcpy(&uiIndex, reply.data(), 4);
-        }
-    }
-    if (JournalEnabled()) {
-        JournalRecord("IF_GetIfIndexByFullName", {{"name", pcName != nullptr ? pcName : ""}}, uiIndex);
-    }
-    return uiIndex;
+    return Emulated(
+        "IF_GetIfIndexByFullName", u32{0},
+        [&]() -> u32 {
+            rpc::U32Value stIndex{0};
+            if (pcName == nullptr ||
+                link::CallOp<rpc::OP_IF_INDEX_BY_NAME>(0, {}, &stIndex, pcName, strnlen(pcName, 256)) != 0) {
+                return 0;
+            }
+            return stIndex.uiValue;
+        },
+        [&] { return Json{{"name", TextOf(pcName)}}; });
 }
 
 extern "C" u32 IF_GetDataByIfIndex(u32 uiIfIndex, u32 uiDataType, void *pvOut)
 {
-    int64_t lValue = 1;
-    u32 uiRet = 1;
-    u32 uiValue = 0;
-    if (link::Fails("IF_GetDataByIfIndex", &lValue)) {
-        uiRet = static_cast<u32>(lValue);
-    } else if (pvOut != nullptr) {
-        std::vector<uint8_t> reply;
-        if (link::Call(tbdl::rpc::OP_IF_GET_DATA, uiDataType, &uiIfIndex, 4, &reply) == 0 && reply.size() == 4) {
-            std::memcpy(&uiValue, reply.data(), 4);
-            std::memcpy(pvOut, &uiValue, 4);
-            uiRet = 0;
-        }
-    }
-    if (JournalEnabled()) {
-        JournalRecord("IF_GetDataByIfIndex",
-                      {{"ifindex", uiIfIndex}, {"item", uiDataType},
-                       {"value", uiRet == 0 ? nlohmann::json(uiValue) : nlohmann::json()}},
-                      uiRet);
-    }
-    return uiRet;
+    rpc::U32Value stValue{0};
+    return Emulated(
+        "IF_GetDataByIfIndex", u32{1},
+        [&]() -> u32 {
+            if (pvOut == nullptr || link::CallOp<rpc::OP_IF_GET_DATA>(uiDataType, {uiIfIndex}, &stValue) != 0) {
+                return 1;
+            }
+            std::memcpy(pvOut, &stValue.uiValue, sizeof(stValue.uiValue));
+            return 0;
+        },
+        [&](u32 uiRet) {
+            return Json{{"ifindex", uiIfIndex}, {"item", uiDataType},
+                        {"value", uiRet == 0 ? Json(stValue.uiValue) : Json()}};
+        });
 }
 
 extern "C" u32 IF_DeleteIf(u32 uiKeyType, const void *pvKey)
 {
-    int64_t lValue = 0;
-    u32 uiRet = 0;
-    if (link::Fails("IF_DeleteIf", &lValue)) {
-        uiRet = static_cast<u32>(lValue);
-    } else if (pvKey != nullptr) {
-        uiRet = link::Call(tbdl::rpc::OP_IF_DELETE, uiKeyType, pvKey, 8) == 1 ? 1 : 0;
-    }
-    if (JournalEnabled()) {
-        JournalRecord("IF_DeleteIf", {{"key_type", uiKeyType}, {"key", HexOf(pvKey, pvKey != nullptr ? 8 : 0)}}, uiRet);
-    }
-    return uiRet;
+    return Emulated(
+        "IF_DeleteIf", u32{0},
+        [&]() -> u32 {
+            if (pvKey == nullptr) {
+                return 0;
+            }
+            rpc::IfDeleteKey stKey;
+            std::memcpy(&stKey, pvKey, sizeof(stKey));
+            return link::CallOp<rpc::OP_IF_DELETE>(uiKeyType, stKey) == 1 ? 1 : 0;
+        },
+        [&] { return Json{{"key_type", uiKeyType}, {"key", HexOf(pvKey, sizeof(rpc::IfDeleteKey))}}; });
 }

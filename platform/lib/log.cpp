@@ -13,6 +13,7 @@
 #include <cstdio>
 
 #include "chassis_env.h"
+#include "emulated_call.h"
 #include "journal.h"
 #include "lib_log.h"
 
@@ -102,24 +103,29 @@ void LibLogError(const char *format, ...)
 extern "C" void vsyslog2(int iPriority, const char *pcIdent, const char *pcTypeName, const char *pcFormat,
                          va_list args)
 {
-    std::string text = tbdl::plat::FormatV(pcFormat, args);
-    tbdl::plat::WriteLogLine(pcIdent, pcTypeName, text);
-    if (tbdl::plat::JournalEnabled()) {
-        tbdl::plat::JournalRecord("vsyslog2",
-                                  {{"priority", iPriority},
-                                   {"ident", pcIdent != nullptr ? pcIdent : ""},
-                                   {"type", pcTypeName != nullptr ? pcTypeName : ""},
-                                   {"text", text}},
-                                  nullptr);
-    }
+    using namespace tbdl::plat;
+    std::string text;
+    Journaled(
+        "vsyslog2",
+        [&] {
+            text = FormatV(pcFormat, args);
+            WriteLogLine(pcIdent, pcTypeName, text);
+        },
+        [&] {
+            return Json{
+                {"priority", iPriority}, {"ident", TextOf(pcIdent)}, {"type", TextOf(pcTypeName)}, {"text", text}};
+        });
 }
 
 extern "C" void closelog2(const char *pcIdent)
 {
-    closelog();
-    /* The next line opens the board log again. */
-    tbdl::plat::BoardLogFile().Close();
-    if (tbdl::plat::JournalEnabled()) {
-        tbdl::plat::JournalRecord("closelog2", {{"ident", pcIdent != nullptr ? pcIdent : ""}}, nullptr);
-    }
+    using namespace tbdl::plat;
+    Journaled(
+        "closelog2",
+        [] {
+            closelog();
+            /* The next line opens the board log again. */
+            BoardLogFile().Close();
+        },
+        [&] { return Json{{"ident", TextOf(pcIdent)}}; });
 }

@@ -6,32 +6,35 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <map>
-#include <mutex>
 
 #include "plat_lsm.h"
 
 #include "chassis_env.h"
 #include "chassis_link.h"
+#include "emulated_call.h"
 
 using namespace tbdl::plat;
 namespace rpc = tbdl::rpc;
 
 namespace {
 
-constexpr size_t kEntryPathsOffset = 56;
-constexpr size_t kEntryAttrOffset = 72;
-constexpr size_t kEntryPathCountOffset = 8;
-
 struct Registration {
     LSM_MSG_HANDLER_PF pfnHandler;
-    std::vector<uint8_t> pending;
+    std::vector<uint8_t> pending;    /* changes not flushed yet, back to back */
+    std::vector<size_t> changeSizes; /* the size of each of them */
 };
 
-std::mutex g_mutex;
 std::map<i32, Registration> g_regs;
+
+Registration *Find(i32 iHandle)
+{
+    auto it = g_regs.find(iHandle);
+    return it == g_regs.end() ? nullptr : &it->second;
+}
 
 /* One request and its reply on a channel. */
 u32 CallOn(i32 iFd, uint16_t op, u32 uiArg, const void *payload, size_t len)
@@ -41,223 +44,185 @@ u32 CallOn(i32 iFd, uint16_t op, u32 uiArg, const void *payload, size_t len)
     }
     uint8_t buf[64];
     ssize_t n = rpc::RecvMsg(iFd, buf, sizeof(buf));
-    if (n <= 0) {
+    rpc::Hdr h;
+    const uint8_t *pucReply = nullptr;
+    size_t replyLen = 0;
+    if (n <= 0 || !rpc::DecodeHead(buf, static_cast<size_t>(n), h, pucReply, replyLen)) {
         return 1;
     }
-    rpc::Hdr h;
-    std::memcpy(&h, buf, sizeof(h));
     return h.uiArg;
 }
 
-void AppendChange(std::vector<uint8_t> &out, uint16_t kind, uint16_t paths, const void *a, size_t alen)
+void AppendChange(Registration &reg, const rpc::LsmChangeHead &head, const void *body, size_t len)
 {
-    rpc::LsmChangeHead h{kind, paths};
-    const auto *ph = reinterpret_cast<const uint8_t *>(&h);
-    out.insert(out.end(), ph, ph + sizeof(h));
-    const auto *pa = static_cast<const uint8_t *>(a);
-    out.insert(out.end(), pa, pa + alen);
+    std::vector<uint8_t> change = rpc::Encode(head, body, len);
+    reg.pending.insert(reg.pending.end(), change.begin(), change.end());
+    reg.changeSizes.push_back(change.size());
+}
+
+/* The fixed part of an add as chassisd takes it: the entry with its
+ * pointers cleared, then the attribute block (zero when there is none);
+ * the paths follow. */
+struct AddHead {
+    LSM_LSP_ENTRY_S stEntry;
+    LSM_LSP_ATTR_S stAttr;
+};
+static_assert(sizeof(AddHead) == rpc::kLsmEntryLen + rpc::kLsmAttrLen, "entry, then attribute block");
+static_assert(offsetof(AddHead, stAttr) == rpc::kLsmEntryLen, "attribute block right after the entry");
+
+std::vector<uint8_t> AddBody(const LSM_LSP_ENTRY_S &stEntry, uint16_t usPaths)
+{
+    AddHead stHead{stEntry, {}};
+    stHead.stEntry.pstPaths = nullptr;
+    stHead.stEntry.pstAttr = nullptr;
+    if (stEntry.pstAttr != nullptr) {
+        stHead.stAttr = *stEntry.pstAttr;
+    }
+    return rpc::Encode(stHead, stEntry.pstPaths, usPaths * sizeof(LSM_LSP_PATH_S));
+}
+
+/* Sends the pending changes in messages cut between changes, each at most
+ * one chunk; the last carries arg 1. */
+u32 Flush(i32 iHandle, Registration &reg, size_t &changes)
+{
+    std::vector<uint8_t> pending;
+    std::vector<size_t> sizes;
+    pending.swap(reg.pending);
+    sizes.swap(reg.changeSizes);
+    u32 uiRet = 0;
+    size_t off = 0;
+    size_t next = 0;
+    while (uiRet == 0 && next < sizes.size()) {
+        size_t end = off;
+        for (; next < sizes.size() && (end == off || end + sizes[next] - off <= rpc::kCtlChunk); ++next) {
+            end += sizes[next];
+            ++changes;
+        }
+        uiRet = CallOn(iHandle, rpc::OP_LSM_BATCH, next == sizes.size() ? 1 : 0, pending.data() + off, end - off);
+        off = end;
+    }
+    return uiRet;
 }
 
 } // namespace
 
 extern "C" i32 LSM_RegProtocolHandler(const void *pvReg, LSM_MSG_HANDLER_PF pfnHandler, u32 uiProtocol)
 {
-    int64_t lValue = -1;
-    i32 iFd = -1;
-    if (link::Fails("LSM_RegProtocolHandler", &lValue)) {
-        iFd = static_cast<i32>(lValue);
-    } else {
-        iFd = link::OpenChannel(rpc::OP_LSM_REGISTER, uiProtocol, nullptr, 0);
-        if (iFd >= 0) {
-            std::lock_guard<std::mutex> lock(g_mutex);
-            g_regs[iFd] = Registration{pfnHandler, {}};
-        }
-    }
-    if (JournalEnabled()) {
-        JournalRecord("LSM_RegProtocolHandler",
-                      {{"reg", HexOf(pvReg, pvReg != nullptr ? 16 : 0)}, {"protocol", uiProtocol}}, iFd);
-    }
-    return iFd;
+    return Emulated(
+        "LSM_RegProtocolHandler", i32{-1},
+        [&] {
+            i32 iFd = link::OpenChannel(rpc::OP_LSM_REGISTER, uiProtocol, nullptr, 0);
+            if (iFd >= 0) {
+                g_regs[iFd] = Registration{pfnHandler, {}, {}};
+            }
+            return iFd;
+        },
+        [&] { return Json{{"reg", HexOf(pvReg, sizeof(LSM_REG_S))}, {"protocol", uiProtocol}}; });
 }
 
 extern "C" u32 LSM_DeregProtocolHandler(i32 iHandle)
 {
-    u32 uiRet;
-    {
-        std::lock_guard<std::mutex> lock(g_mutex);
-        uiRet = g_regs.erase(iHandle) == 1 ? 0 : 1;
-    }
-    if (uiRet == 0) {
-        close(iHandle);
-    }
-    if (JournalEnabled()) {
-        JournalRecord("LSM_DeregProtocolHandler", {{"handle", iHandle}}, uiRet);
-    }
-    return uiRet;
+    return Journaled(
+        "LSM_DeregProtocolHandler",
+        [&]() -> u32 {
+            if (g_regs.erase(iHandle) != 1) {
+                return 1;
+            }
+            close(iHandle);
+            return 0;
+        },
+        [&] { return Json{{"handle", iHandle}}; });
 }
 
 extern "C" u32 LSM_SendGrEvent(i32 iHandle, u32 uiType)
 {
-    int64_t lValue = 1;
-    u32 uiRet = 1;
-    bool bKnown;
-    {
-        std::lock_guard<std::mutex> lock(g_mutex);
-        bKnown = g_regs.count(iHandle) == 1;
-    }
-    if (link::Fails("LSM_SendGrEvent", &lValue)) {
-        uiRet = static_cast<u32>(lValue);
-    } else if (bKnown) {
-        uiRet = CallOn(iHandle, rpc::OP_LSM_GR, uiType, nullptr, 0);
-    }
-    if (JournalEnabled()) {
-        JournalRecord("LSM_SendGrEvent", {{"handle", iHandle}, {"type", uiType}}, uiRet);
-    }
-    return uiRet;
+    return Emulated(
+        "LSM_SendGrEvent", u32{1},
+        [&]() -> u32 { return Find(iHandle) != nullptr ? CallOn(iHandle, rpc::OP_LSM_GR, uiType, nullptr, 0) : 1; },
+        [&] { return Json{{"handle", iHandle}, {"type", uiType}}; });
 }
 
 extern "C" u32 LSM_AddLspEntry(i32 iHandle, u32 uiArg, const void *pvEntry, u32 uiCount, u32 uiIfIndex,
                                u32 uiLabel)
 {
-    int64_t lValue = 1;
-    u32 uiRet = 1;
-    uint8_t aucEntry[rpc::kLsmEntryLen] = {};
+    LSM_LSP_ENTRY_S stEntry{};
     if (pvEntry != nullptr) {
-        std::memcpy(aucEntry, pvEntry, sizeof(aucEntry));
+        std::memcpy(&stEntry, pvEntry, sizeof(stEntry));
     }
-    if (link::Fails("LSM_AddLspEntry", &lValue)) {
-        uiRet = static_cast<u32>(lValue);
-    } else if (pvEntry != nullptr) {
-        const uint8_t *pucPaths = nullptr;
-        const uint8_t *pucAttr = nullptr;
-        std::memcpy(&pucPaths, aucEntry + kEntryPathsOffset, sizeof(pucPaths));
-        std::memcpy(&pucAttr, aucEntry + kEntryAttrOffset, sizeof(pucAttr));
-        uint16_t usPaths;
-        std::memcpy(&usPaths, aucEntry + kEntryPathCountOffset, 2);
-        if (usPaths > rpc::kLsmMaxPaths) {
-            usPaths = rpc::kLsmMaxPaths;
-        }
-        if (pucPaths == nullptr) {
-            usPaths = 0;
-        }
-        std::vector<uint8_t> change(rpc::kLsmEntryLen + rpc::kLsmAttrLen + usPaths * rpc::kLsmPathLen);
-        std::memcpy(change.data(), aucEntry, rpc::kLsmEntryLen);
-        std::memset(change.data() + kEntryPathsOffset, 0, 8);
-        std::memset(change.data() + kEntryAttrOffset, 0, 8);
-        if (pucAttr != nullptr) {
-            std::memcpy(change.data() + rpc::kLsmEntryLen, pucAttr, rpc::kLsmAttrLen);
-        }
-        if (usPaths > 0) {
-            std::memcpy(change.data() + rpc::kLsmEntryLen + rpc::kLsmAttrLen, pucPaths, usPaths * rpc::kLsmPathLen);
-        }
-        std::lock_guard<std::mutex> lock(g_mutex);
-        auto it = g_regs.find(iHandle);
-        if (it != g_regs.end()) {
-            AppendChange(it->second.pending, 1, usPaths, change.data(), change.size());
-            uiRet = 0;
-        }
-    }
-    if (JournalEnabled()) {
-        JournalRecord("LSM_AddLspEntry",
-                      {{"handle", iHandle}, {"arg", uiArg}, {"entry", HexOf(aucEntry, sizeof(aucEntry))},
-                       {"count", uiCount}, {"ifindex", uiIfIndex}, {"label", uiLabel}},
-                      uiRet);
-    }
-    return uiRet;
+    return Emulated(
+        "LSM_AddLspEntry", u32{1},
+        [&]() -> u32 {
+            Registration *pReg = Find(iHandle);
+            if (pvEntry == nullptr || pReg == nullptr) {
+                return 1;
+            }
+            uint16_t usPaths =
+                stEntry.pstPaths == nullptr ? 0 : std::min<uint16_t>(stEntry.usPathNum, LSM_LSP_PATH_MAX);
+            std::vector<uint8_t> body = AddBody(stEntry, usPaths);
+            AppendChange(*pReg, rpc::LsmChangeHead{rpc::LSM_CHANGE_ADD, usPaths}, body.data(), body.size());
+            return 0;
+        },
+        [&] {
+            return Json{{"handle", iHandle}, {"arg", uiArg}, {"entry", HexOf(&stEntry, sizeof(stEntry))},
+                        {"count", uiCount}, {"ifindex", uiIfIndex}, {"label", uiLabel}};
+        });
 }
 
 extern "C" u32 LSM_DeleteLspEntry(i32 iHandle, u32 uiArg, const void *pvKey, u32 uiKeyType, u32 uiAddr)
 {
-    int64_t lValue = 1;
-    u32 uiRet = 1;
-    if (link::Fails("LSM_DeleteLspEntry", &lValue)) {
-        uiRet = static_cast<u32>(lValue);
-    } else if (pvKey != nullptr) {
-        std::lock_guard<std::mutex> lock(g_mutex);
-        auto it = g_regs.find(iHandle);
-        if (it != g_regs.end()) {
-            AppendChange(it->second.pending, 2, 0, pvKey, rpc::kLsmKeyLen);
-            uiRet = 0;
-        }
-    }
-    if (JournalEnabled()) {
-        JournalRecord("LSM_DeleteLspEntry",
-                      {{"handle", iHandle}, {"arg", uiArg}, {"key", HexOf(pvKey, pvKey != nullptr ? rpc::kLsmKeyLen : 0)},
-                       {"key_type", uiKeyType}, {"addr", uiAddr}},
-                      uiRet);
-    }
-    return uiRet;
+    return Emulated(
+        "LSM_DeleteLspEntry", u32{1},
+        [&]() -> u32 {
+            Registration *pReg = Find(iHandle);
+            if (pvKey == nullptr || pReg == nullptr) {
+                return 1;
+            }
+            AppendChange(*pReg, rpc::LsmChangeHead{rpc::LSM_CHANGE_DEL, 0}, pvKey, sizeof(LSM_LSP_KEY_S));
+            return 0;
+        },
+        [&] {
+            return Json{{"handle", iHandle}, {"arg", uiArg}, {"key", HexOf(pvKey, sizeof(LSM_LSP_KEY_S))},
+                        {"key_type", uiKeyType}, {"addr", uiAddr}};
+        });
 }
 
 extern "C" u32 LSM_FlushLspEntry(i32 iHandle)
 {
-    int64_t lValue = 1;
-    u32 uiRet = 0;
     size_t changes = 0;
-    if (link::Fails("LSM_FlushLspEntry", &lValue)) {
-        uiRet = static_cast<u32>(lValue);
-    } else {
-        std::vector<uint8_t> pending;
-        {
-            std::lock_guard<std::mutex> lock(g_mutex);
-            auto it = g_regs.find(iHandle);
-            if (it == g_regs.end()) {
-                uiRet = 1;
-            } else {
-                pending.swap(it->second.pending);
-            }
-        }
-        /* Messages are cut between changes, each at most one chunk. */
-        size_t off = 0;
-        while (uiRet == 0 && off < pending.size()) {
-            size_t end = off;
-            while (end < pending.size()) {
-                rpc::LsmChangeHead h;
-                std::memcpy(&h, pending.data() + end, sizeof(h));
-                size_t size = sizeof(h) + (h.usKind == 1 ? rpc::kLsmEntryLen + rpc::kLsmAttrLen + h.usPaths * rpc::kLsmPathLen
-                                                         : rpc::kLsmKeyLen);
-                if (end > off && end + size - off > rpc::kCtlChunk) {
-                    break;
-                }
-                end += size;
-                ++changes;
-            }
-            uiRet = CallOn(iHandle, rpc::OP_LSM_BATCH, end == pending.size() ? 1 : 0, pending.data() + off, end - off);
-            off = end;
-        }
-    }
-    if (JournalEnabled()) {
-        JournalRecord("LSM_FlushLspEntry", {{"handle", iHandle}, {"changes", changes}}, uiRet);
-    }
-    return uiRet;
+    return Emulated(
+        "LSM_FlushLspEntry", u32{1},
+        [&]() -> u32 {
+            Registration *pReg = Find(iHandle);
+            return pReg != nullptr ? Flush(iHandle, *pReg, changes) : 1;
+        },
+        [&] { return Json{{"handle", iHandle}, {"changes", changes}}; });
 }
 
 extern "C" u32 LSM_HandleMsg(i32 iHandle)
 {
-    LSM_MSG_HANDLER_PF pfn = nullptr;
-    u32 uiRet = 0;
-    {
-        std::lock_guard<std::mutex> lock(g_mutex);
-        auto it = g_regs.find(iHandle);
-        if (it == g_regs.end()) {
-            uiRet = 1;
-        } else {
-            pfn = it->second.pfnHandler;
-        }
-    }
-    if (uiRet == 0) {
-        std::vector<uint8_t> buf(rpc::kMaxMsg);
-        ssize_t n = rpc::RecvMsg(iHandle, buf.data(), buf.size(), MSG_DONTWAIT);
-        if (n < 0 && errno == EAGAIN) {
-            uiRet = 0;
-        } else if (n <= 0) {
-            uiRet = 1; /* LSM is gone */
-        } else if (pfn != nullptr) {
-            (void)pfn(0, buf.data() + sizeof(rpc::Hdr), static_cast<u32>(n - sizeof(rpc::Hdr)));
-        }
-    }
-    if (JournalEnabled()) {
-        JournalRecord("LSM_HandleMsg", {{"handle", iHandle}}, uiRet);
-    }
-    return uiRet;
+    return Journaled(
+        "LSM_HandleMsg",
+        [&]() -> u32 {
+            Registration *pReg = Find(iHandle);
+            if (pReg == nullptr) {
+                return 1;
+            }
+            LSM_MSG_HANDLER_PF pfn = pReg->pfnHandler;
+            std::vector<uint8_t> buf(rpc::kMaxMsg);
+            ssize_t n = rpc::RecvMsg(iHandle, buf.data(), buf.size(), MSG_DONTWAIT);
+            if (n < 0 && errno == EAGAIN) {
+                return 0;
+            }
+            rpc::Hdr h;
+            const uint8_t *pucBody = nullptr;
+            size_t len = 0;
+            if (n <= 0 || !rpc::DecodeHead(buf.data(), static_cast<size_t>(n), h, pucBody, len)) {
+                return 1; /* LSM is gone */
+            }
+            if (pfn != nullptr) {
+                (void)pfn(0, const_cast<uint8_t *>(pucBody), static_cast<u32>(len));
+            }
+            return 0;
+        },
+        [&] { return Json{{"handle", iHandle}}; });
 }

@@ -5,13 +5,12 @@
 #include <cstring>
 
 #include "chassis_env.h"
-#include "chassis_link.h"
-#include "journal.h"
+#include "emulated_call.h"
 #include "lib_log.h"
 
-namespace {
+using namespace tbdl::plat;
 
-using tbdl::plat::ChassisSettings;
+namespace {
 
 /* Writes v into a destination of ulSize bytes (1, 2, 4 or 8) in host
  * order. false for any other size. */
@@ -47,13 +46,13 @@ const bool *ModeOf(const ChassisSettings &s, const char *pcName)
     if (pcName == nullptr) {
         return nullptr;
     }
-    if (std::strcmp(pcName, tbdl::plat::kModeLoadBalancing) == 0) {
+    if (std::strcmp(pcName, kModeLoadBalancing) == 0) {
         return &s.modeLoadBalancing;
     }
-    if (std::strcmp(pcName, tbdl::plat::kModeOneToOne) == 0) {
+    if (std::strcmp(pcName, kModeOneToOne) == 0) {
         return &s.modeOneToOne;
     }
-    if (std::strcmp(pcName, tbdl::plat::kModeOnePlusOne) == 0) {
+    if (std::strcmp(pcName, kModeOnePlusOne) == 0) {
         return &s.modeOnePlusOne;
     }
     return nullptr;
@@ -63,34 +62,34 @@ const bool *ModeOf(const ChassisSettings &s, const char *pcName)
 
 extern "C" u32 TBDL_Opt_Parse(u64 ulRowCount, TBDL_OPT_ROW_S *pstRows)
 {
-    ChassisSettings stSettings;
-    std::string strErr;
-    u32 uiRet = 0;
-    nlohmann::json rows = nlohmann::json::array();
-    int64_t lValue = 1;
-    if (tbdl::plat::link::Fails("TBDL_Opt_Parse", &lValue)) {
-        uiRet = static_cast<u32>(lValue); /* no row is filled */
-    } else if (!tbdl::plat::LoadChassisSettings(stSettings, strErr)) {
-        tbdl::plat::LibLogError("TBDL_Opt_Parse: %s", strErr.c_str());
-        uiRet = 1;
-    } else if (pstRows == nullptr && ulRowCount != 0) {
-        uiRet = 1;
-    } else {
-        for (u64 i = 0; i < ulRowCount; ++i) {
-            TBDL_OPT_ROW_S &stRow = pstRows[i];
-            const bool *pbMode = ModeOf(stSettings, stRow.pcName);
-            if (pbMode != nullptr && (stRow.pvDest == nullptr || !WriteSwitch(stRow.pvDest, stRow.ulSize, *pbMode))) {
-                uiRet = 1; /* a known option that could not be filled */
+    Json rows = Json::array();
+    return Emulated(
+        "TBDL_Opt_Parse", u32{1}, /* a planned failure fills no row */
+        [&]() -> u32 {
+            ChassisSettings stSettings;
+            std::string strErr;
+            if (!LoadChassisSettings(stSettings, strErr)) {
+                LibLogError("TBDL_Opt_Parse: %s", strErr.c_str());
+                return 1;
             }
-            if (tbdl::plat::JournalEnabled()) {
-                rows.push_back({{"name", stRow.pcName != nullptr ? stRow.pcName : ""},
-                                {"size", stRow.ulSize},
-                                {"value", pbMode != nullptr ? nlohmann::json(*pbMode ? 1 : 0) : nlohmann::json()}});
+            if (pstRows == nullptr && ulRowCount != 0) {
+                return 1;
             }
-        }
-    }
-    if (tbdl::plat::JournalEnabled()) {
-        tbdl::plat::JournalRecord("TBDL_Opt_Parse", {{"count", ulRowCount}, {"rows", rows}}, uiRet);
-    }
-    return uiRet;
+            u32 uiRet = 0;
+            for (u64 i = 0; i < ulRowCount; ++i) {
+                TBDL_OPT_ROW_S &stRow = pstRows[i];
+                const bool *pbMode = ModeOf(stSettings, stRow.pcName);
+                if (pbMode != nullptr &&
+                    (stRow.pvDest == nullptr || !WriteSwitch(stRow.pvDest, stRow.ulSize, *pbMode))) {
+                    uiRet = 1; /* a known option that could not be filled */
+                }
+                if (JournalEnabled()) {
+                    rows.push_back({{"name", TextOf(stRow.pcName)},
+                                    {"size", stRow.ulSize},
+                                    {"value", pbMode != nullptr ? Json(*pbMode ? 1 : 0) : Json()}});
+                }
+            }
+            return uiRet;
+        },
+        [&] { return Json{{"count", ulRowCount}, {"rows", rows}}; });
 }

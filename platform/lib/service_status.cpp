@@ -3,20 +3,14 @@
 #include "plat_service.h"
 
 #include "chassis_link.h"
+#include "emulated_call.h"
 
 using namespace tbdl::plat;
 
 extern "C" u32 SERVICE_SetStatus(u32 uiStatus)
 {
-    int64_t lValue = 1;
-    u32 uiRet;
-    if (link::Fails("SERVICE_SetStatus", &lValue)) {
-        uiRet = static_cast<u32>(lValue);
-    } else {
-        uiRet = link::Call(tbdl::rpc::OP_SERVICE_SET_STATUS, uiStatus, nullptr, 0) == 0 ? 0 : 1;
-    }
-    if (JournalEnabled()) {
-        JournalRecord("SERVICE_SetStatus", {{"status", uiStatus}}, uiRet);
-    }
-    return uiRet;
+    return Emulated(
+        "SERVICE_SetStatus", u32{1},
+        [&]() -> u32 { return link::CallOp<tbdl::rpc::OP_SERVICE_SET_STATUS>(uiStatus, {}) == 0 ? 0 : 1; },
+        [&] { return Json{{"status", uiStatus}}; });
 }

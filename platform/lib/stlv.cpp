@@ -5,13 +5,11 @@
 #include <algorithm>
 #include <cstring>
 
-#include "journal.h"
+#include "emulated_call.h"
+
+using namespace tbdl::plat;
 
 namespace {
-
-using tbdl::plat::HexOf;
-using tbdl::plat::JournalEnabled;
-using tbdl::plat::JournalRecord;
 
 u16 ReadBe16(const u8 *p)
 {
@@ -64,40 +62,37 @@ extern "C" u32 STLV_Get(const void *pBuf, u32 uiRemaining, u16 *pusType, u16 *pu
 {
     u16 usType = 0;
     u16 usLen = 0;
-    const void *pValue = nullptr;
-    u32 uiRet = StlvGet(pBuf, uiRemaining, &usType, &usLen, &pValue);
-    if (pusType != nullptr) {
-        *pusType = usType;
-    }
-    if (pusLen != nullptr) {
-        *pusLen = usLen;
-    }
-    if (ppValue != nullptr) {
-        *ppValue = pValue;
-    }
-    if (JournalEnabled()) {
-        u32 uiShown = pBuf == nullptr ? 0 : std::min<u32>(uiRemaining, STLV_HEAD_LEN);
-        JournalRecord("STLV_Get",
-                      {{"remaining", uiRemaining},
-                       {"head", HexOf(pBuf, uiShown)},
-                       {"type", usType},
-                       {"len", usLen}},
-                      uiRet);
-    }
-    return uiRet;
+    return Journaled(
+        "STLV_Get",
+        [&] {
+            const void *pValue = nullptr;
+            u32 uiRet = StlvGet(pBuf, uiRemaining, &usType, &usLen, &pValue);
+            if (pusType != nullptr) {
+                *pusType = usType;
+            }
+            if (pusLen != nullptr) {
+                *pusLen = usLen;
+            }
+            if (ppValue != nullptr) {
+                *ppValue = pValue;
+            }
+            return uiRet;
+        },
+        [&] {
+            u32 uiShown = std::min<u32>(uiRemaining, STLV_HEAD_LEN);
+            return Json{{"remaining", uiRemaining}, {"head", HexOf(pBuf, uiShown)}, {"type", usType}, {"len", usLen}};
+        });
 }
 
 extern "C" u32 STLV_Set(void *pDst, u32 uiRoom, u16 usType, u16 usLen, const void *pValue)
 {
-    u32 uiRet = StlvSet(pDst, uiRoom, usType, usLen, pValue);
-    if (JournalEnabled()) {
-        JournalRecord("STLV_Set",
-                      {{"room", uiRoom},
-                       {"type", usType},
-                       {"len", usLen},
-                       {"value", uiRet != 0 ? HexOf(static_cast<u8 *>(pDst) + STLV_HEAD_LEN, usLen) : ""},
-                       {"header_only", pValue == nullptr}},
-                      uiRet);
-    }
-    return uiRet;
+    return Journaled(
+        "STLV_Set", [&] { return StlvSet(pDst, uiRoom, usType, usLen, pValue); },
+        [&](u32 uiRet) {
+            return Json{{"room", uiRoom},
+                        {"type", usType},
+                        {"len", usLen},
+                        {"value", uiRet != 0 ? HexOf(static_cast<u8 *>(pDst) + STLV_HEAD_LEN, usLen) : ""},
+                        {"header_only", pValue == nullptr}};
+        });
 }

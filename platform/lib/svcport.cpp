@@ -3,25 +3,19 @@
  * no event can be read. */
 #include "plat_svcport.h"
 
-#include "chassis_link.h"
+#include "emulated_call.h"
 
 using namespace tbdl::plat;
 
 extern "C" i32 SubscribeServicePortEvent(u32 uiKind, const void *pvSub, u16 usPort, u16 usFlag)
 {
-    if (JournalEnabled()) {
-        JournalRecord("SubscribeServicePortEvent",
-                      {{"kind", uiKind}, {"sub", HexOf(pvSub, pvSub != nullptr ? 12 : 0)}, {"port", usPort}, {"flag", usFlag}},
-                      -1);
-    }
-    return -1;
+    return Journaled("SubscribeServicePortEvent", [] { return i32{-1}; }, [&] {
+        return Json{{"kind", uiKind}, {"sub", HexOf(pvSub, 12)}, {"port", usPort}, {"flag", usFlag}};
+    });
 }
 
 extern "C" u32 RecvServicePortEvent(i32 iFd, void *pvEvt)
 {
     (void)pvEvt;
-    if (JournalEnabled()) {
-        JournalRecord("RecvServicePortEvent", {{"fd", iFd}}, 1);
-    }
-    return 1;
+    return Journaled("RecvServicePortEvent", [] { return u32{1}; }, [&] { return Json{{"fd", iFd}}; });
 }

@@ -29,7 +29,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "rpc.h"
+#include "ctl_client.h"
 #include "tbdl_client.h"
 #include "tbdl_errcode.h"
 
@@ -233,13 +233,11 @@ public:
 
     pid_t DaemonPid() const
     {
-        std::string err;
-        std::string reply = tbdl::rpc::CtlCall(m_dir + "/chassisd.sock", R"({"cmd":"status"})", err);
-        nlohmann::json j = nlohmann::json::parse(reply, nullptr, false);
-        if (j.is_discarded() || !j.contains("boards")) {
-            Die("no chassis status: " + err);
+        tbdl::ctl::Answer st = Control().Status();
+        if (!st || !st.reply.contains("boards")) {
+            Die("no chassis status: " + st.error);
         }
-        for (const auto &b : j["boards"]) {
+        for (const auto &b : st.reply["boards"]) {
             if (b.value("board", -1) == 0) {
                 return b.value("pid", -1);
             }
@@ -277,17 +275,17 @@ public:
      * per interface. */
     void AddTunnel(std::uint32_t n) const
     {
-        std::string err;
-        std::string reply = tbdl::rpc::CtlCall(
-            m_dir + "/chassisd.sock",
-            nlohmann::json{{"cmd", "if_add"}, {"name", "Tunnel" + std::to_string(n)}, {"mode", 0}, {"state", "up"}}
-                .dump(),
-            err);
-        nlohmann::json j = nlohmann::json::parse(reply, nullptr, false);
-        if (j.is_discarded() || !j.value("ok", false)) {
-            Die("cannot add Tunnel" + std::to_string(n) + ": " + err + reply);
+        tbdl::ctl::IfChange change;
+        change.name = "Tunnel" + std::to_string(n);
+        change.mode = 0;
+        change.state = "up";
+        tbdl::ctl::Answer a = Control().IfAdd(change);
+        if (!a) {
+            Die("cannot add " + change.name + ": " + a.error);
         }
     }
+
+    tbdl::ctl::Client Control() const { return tbdl::ctl::Client(m_dir + "/chassisd.sock"); }
 
     const std::string &dir() const { return m_dir; }
     const Options &opt() const { return m_opt; }

@@ -5,14 +5,17 @@
  * answered at once, so no client ever waits on another.
  *
  * Sections (one file each):
- *   main.cpp    options, settings, chassis directory, daemonising
- *   loop.cpp    event loop, socket, connections, request dispatch, timers
- *   svcmgr.cpp  board daemons: start, status, stop, restart with back-off
- *   ifmgr.cpp   interfaces, "Tunnel-Bundle%d" indexes, VRF bindings
- *   ktbdl.cpp   each board's kernel bundle table (CIOCTL commands)
- *   ha.cpp      HA roles, registrations, events, message relay
- *   lsm.cpp     LSM: LSP entries per board with graceful-restart cycles
- *   ctl.cpp     chassisctl commands (JSON) */
+ *   main.cpp     options, settings, chassis directory, daemonising
+ *   loop.cpp     event loop, socket, connections, descriptors, timers
+ *   channels.cpp subscriber lists of each kind of event channel
+ *   services.cpp the table of services: operations, close, clear, dump
+ *   svcmgr.cpp   board daemons: start, status, stop, restart with back-off
+ *   ifmgr.cpp    interfaces, "Tunnel-Bundle%d" indexes, VRF bindings
+ *   l3vpn.cpp    L3VPN: VRF queries
+ *   ktbdl.cpp    each board's kernel bundle table (CIOCTL commands)
+ *   ha.cpp       HA roles, registrations, events, message relay
+ *   lsm.cpp      LSM: LSP entries per board with graceful-restart cycles
+ *   ctl.cpp      chassisctl commands (JSON), one table */
 #ifndef TBDL_CHASSISD_H
 #define TBDL_CHASSISD_H
 
@@ -29,6 +32,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "plat_if.h"
 #include "rpc.h"
 #include "settings.h"
 
@@ -52,8 +56,14 @@ struct Options {
 void Log(const std::string &text);
 
 /* ---- event loop (loop.cpp) ---- */
+
+/* Kinds of event channel a board's daemon opens; each kind keeps a list of
+ * its subscribers (channels.cpp). */
+enum class Channel { NONE, HA, IFEV, L3VPN, SVCPORT, LSM, PS };
+inline constexpr size_t kChannelKinds = 7;
+
 struct Conn {
-    enum Kind { PLAIN, HA, IFEV, LSM } kind = PLAIN;
+    Channel channel = Channel::NONE; /* set by the request that opened it */
     int fd = -1;
     int board = -1;
     pid_t pid = -1;
@@ -68,13 +78,80 @@ void ExitLoop(int status);
 /* Runs fn at (or soon after) the time point; returns an id for Cancel. */
 uint64_t After(Clock::duration delay, std::function<void()> fn);
 void Cancel(uint64_t id);
+/* Puts a descriptor a service owns on the loop: cb gets the epoll mask of
+ * each wake-up. UnwatchFd takes it off again (the caller closes it). */
+void WatchFd(int fd, uint32_t events, std::function<void(uint32_t events)> cb);
+void UnwatchFd(int fd);
 /* Queues a message to a connection without blocking. */
 void Push(int fd, uint16_t op, uint16_t board, uint32_t arg, const void *payload, size_t len);
+/* Answers a board's request on its connection. */
+void Reply(Conn &c, const tbdl::rpc::Hdr &req, uint32_t result, const Bytes &body = {});
 /* Closes a connection (chassisd side) as if the peer had gone. */
 void Drop(int fd);
 Conn *FindConn(int fd);
 /* Answers a chassisctl request later (for commands that wait). */
 void ReplyCtl(int fd, const Json &reply);
+
+/* ---- subscribers of each kind of event channel (channels.cpp) ---- */
+class SubscriberList {
+public:
+    void Add(Conn &c);
+    /* False when c was not on the list. */
+    bool Remove(const Conn &c);
+    /* The first subscriber of a board, or null. */
+    Conn *First(int board) const;
+    bool Has(int board) const { return First(board) != nullptr; }
+    void ForBoard(int board, const std::function<void(Conn &)> &fn) const;
+
+private:
+    std::vector<Conn *> conns_;
+};
+
+SubscriberList &Subscribers(Channel kind);
+/* Turns a connection into a board's channel of this kind (leaving the list
+ * of the kind it had before). */
+void OpenChannel(Conn &c, Channel kind, int board);
+/* Pushes one message to every subscriber of the kind on the board. */
+void Publish(Channel kind, int board, uint16_t op, uint32_t arg, const Bytes &body);
+
+/* ---- the table of services (services.cpp) ----
+ *
+ * Each platform service is one row: the operations it answers, what it does
+ * when a client's connection closes, how it clears a board's state, and its
+ * dump. The loop finds an operation's handler here; chassisctl's "dump"
+ * finds the dump here. A new service is a new row and a new file. */
+enum class ClearReason { REBOOT, BOARD_FAILED };
+
+using OpHandler = void (*)(Conn &c, const tbdl::rpc::Hdr &h, const uint8_t *body, size_t len);
+struct OpRoute {
+    uint16_t op;
+    OpHandler handler;
+};
+
+struct Service {
+    const char *name;
+    std::vector<OpRoute> ops;
+    /* A client's connection closes; wasSubscriber: it was on the list of
+     * its channel kind until now. */
+    void (*onClose)(Conn &c, bool wasSubscriber) = nullptr;
+    void (*clearBoard)(int board, ClearReason why) = nullptr;
+    const char *dumpName = nullptr; /* "chassisctl dump <dumpName>" */
+    bool dumpNeedsBoard = false;
+    Json (*dump)(int board) = nullptr;
+};
+
+const std::vector<const Service *> &Services();
+/* The handler of an operation, or null. */
+OpHandler FindOp(uint16_t op);
+const Service *FindDump(const std::string &dumpName);
+
+/* Rows, one per service file. */
+const Service &SvcService();
+const Service &IfService();
+const Service &L3vpnService();
+const Service &HaService();
+const Service &LsmService();
+const Service &KtbdlService();
 
 /* ---- service manager (svcmgr.cpp) ---- */
 enum class BoardState { OFF, STARTING, UP, STOPPING, BACKOFF, FAILED };
@@ -107,66 +184,63 @@ void SvcStop(std::vector<int> boards, std::function<void()> done);
 void SvcStartBoard(int b, uint32_t cause);
 bool SvcKill(int b, std::string &err);
 void SvcOnChildExit(pid_t pid, int wstatus);
-uint32_t SvcSetStatus(int board, pid_t pid, uint32_t status);
 /* Boards in stop order: the standby first, the master last. */
 std::vector<int> SvcStopOrder();
 bool SvcBusy(); /* a chassis-wide stop or reboot is running */
 void SvcSetBusy(bool busy);
 Json SvcStatusJson();
+bool ValidBoard(int b);
+/* A board went down (reboot, board failure): every service clears what it
+ * kept for the board, and HA hears of it. BoardUp: the board is back. */
+void BoardDown(int board, ClearReason why);
+void BoardUp(int board);
 
-/* ---- interface manager and L3VPN (ifmgr.cpp) ---- */
+/* ---- interface manager (ifmgr.cpp) ---- */
+/* IF_DATA_STATE values. */
+inline constexpr uint32_t kIfStateDown = 0;
+inline constexpr uint32_t kIfStateUp = 1;
+
 struct Interface {
     std::string name;
     uint32_t ifIndex = 0;
-    uint32_t type = 39;
+    uint32_t type = IF_TYPE_TUNNEL;
     uint32_t number = 0;
     std::optional<uint32_t> tnlMode;
-    uint32_t state = 1;
+    uint32_t state = kIfStateUp;
     uint16_t vrf = 0;
 };
 
 void IfLoad();
 void IfFlush(); /* writes pending interface changes now */
-uint32_t IfIndexByName(const std::string &name); /* creates bundle indexes */
 Interface *IfFind(uint32_t ifIndex);
 Interface *IfFindName(const std::string &name);
-bool IfGetData(uint32_t ifIndex, uint32_t item, uint32_t &value);
-bool IfDeleteByKey(uint32_t keyType, const uint8_t *key, size_t len);
-bool IfAdd(const Json &req, std::string &err);
-bool IfSet(const Json &req, std::string &err);
-bool IfDel(const std::string &name, std::string &err);
-bool VrfBind(const std::string &name, uint32_t vrf, std::string &err);
-Json IfDumpJson();
+/* The record shown by dumps and chassisctl answers. */
+Json IfToJson(const Interface &i);
+/* Each command gives back the interface it changed (its record). */
+bool IfAdd(const Json &req, Json &out, std::string &err);
+bool IfSet(const Json &req, Json &out, std::string &err);
+bool IfDel(const std::string &name, Json &out, std::string &err);
+bool VrfBind(const std::string &name, uint32_t vrf, Json &out, std::string &err);
 Json VrfDumpJson();
 /* Splits "Tunnel<N>" / "Tunnel-Bundle<N>"; false for any other name. */
 bool ParseIfName(const std::string &name, uint32_t &type, uint32_t &number);
 
 /* ---- KTBDL (ktbdl.cpp) ---- */
-uint32_t KtbdlCommand(int board, uint32_t dev, uint32_t cmd, const uint8_t *payload, size_t len);
-void KtbdlClear(int board);
 void KtbdlForgetIndex(uint32_t ifIndex);
-Json KtbdlDumpJson(int board);
 
 /* ---- HA (ha.cpp) ---- */
 int HaMaster();
-void HaRegister(Conn &c);
-void HaUnregister(Conn &c);
-uint32_t HaResponse(int board, uint32_t event, const uint8_t *data, size_t len);
-uint32_t HaSend(int board, uint32_t flag, const uint8_t *msg, size_t len);
 bool HaInjectEvent(int board, uint32_t event, std::string &err);
-Json HaDumpJson();
-
-/* ---- LSM (lsm.cpp) ---- */
-uint32_t LsmGr(Conn &c, uint32_t type);
-uint32_t LsmBatch(Conn &c, const uint8_t *p, size_t len);
-void LsmUnregister(Conn &c);
-void LsmClear(int board);
-Json LsmDumpJson(int board);
+/* The service manager's word that a board went down or came back. */
+void HaBoardDown(int board, ClearReason why);
+void HaBoardUp(int board);
 
 /* ---- chassisctl (ctl.cpp) ---- */
 /* Handles one request; returns true when the reply was given (in reply),
  * false when the command answers later through ReplyCtl. */
 bool CtlHandle(int fd, const Json &req, Json &reply);
+/* The planned failures of every board (dump "fail"). */
+Json FailDumpJson();
 
 } // namespace chassis
 

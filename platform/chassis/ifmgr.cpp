@@ -1,8 +1,8 @@
 /* Interface manager and L3VPN bindings of the chassis.
  *
- * Tunnel interfaces ("Tunnel<N>", type 39) are made, changed and removed by
- * the operator (chassisctl); tunnel bundle interfaces ("Tunnel-Bundle<N>",
- * type 96) are made on demand when a daemon asks for their index and
+ * Tunnel interfaces ("Tunnel<N>", IF_TYPE_TUNNEL) are made, changed and
+ * removed by the operator (chassisctl); tunnel bundle interfaces
+ * ("Tunnel-Bundle<N>", IF_TYPE_TUNNEL_BUNDLE) are made on demand when a daemon asks for their index and
  * destroyed by IF_DeleteIf. Indexes are never reused while the chassis
  * exists: tunnels count up from 0x100, bundles from 0x1000, and tunnels
  * beyond 0xFFF continue above the bundles' range. Interfaces, their VRF
@@ -31,6 +31,8 @@ constexpr uint32_t kTunnelOverflowIndex = 0x1000000;
 /* Writes of the interface store are gathered for this long, so thousands of
  * interface changes in a row do not rewrite the file thousands of times. */
 constexpr auto kSaveDelay = std::chrono::milliseconds(50);
+/* IF_DeleteIf's key type: the key is an interface index. */
+constexpr uint32_t kIfKeyIndex = 1;
 
 std::map<uint32_t, Interface> g_ifs;
 std::map<std::string, uint32_t> g_byName;
@@ -39,19 +41,23 @@ uint32_t g_nextBundle = kFirstBundleIndex;
 
 std::string StorePath() { return g_opt.dir + "/interfaces.json"; }
 
-Json ToJson(const Interface &i)
+} // namespace
+
+Json IfToJson(const Interface &i)
 {
     Json j = {{"name", i.name}, {"ifindex", i.ifIndex}, {"type", i.type}, {"number", i.number},
-              {"state", i.state == 1 ? "up" : "down"}, {"vrf", i.vrf}};
+              {"state", i.state == kIfStateUp ? "up" : "down"}, {"vrf", i.vrf}};
     j["mode"] = i.tnlMode ? Json(*i.tnlMode) : Json(nullptr);
     return j;
 }
+
+namespace {
 
 void SaveNow()
 {
     Json all = {{"next_tunnel", g_nextTunnel}, {"next_bundle", g_nextBundle}, {"interfaces", Json::array()}};
     for (auto &[idx, i] : g_ifs) {
-        all["interfaces"].push_back(ToJson(i));
+        all["interfaces"].push_back(IfToJson(i));
     }
     std::string tmp = StorePath() + ".tmp";
     std::string text = all.dump() + "\n";
@@ -126,9 +132,9 @@ bool ParseState(const Json &req, uint32_t &state, std::string &err)
 {
     std::string s = req.at("state").get<std::string>();
     if (s == "up") {
-        state = 1;
+        state = kIfStateUp;
     } else if (s == "down") {
-        state = 0;
+        state = kIfStateDown;
     } else {
         err = "state must be up or down, not '" + s + "'";
         return false;
@@ -154,11 +160,11 @@ bool ParseIfName(const std::string &name, uint32_t &type, uint32_t &number)
     static const std::string kBundle = "Tunnel-Bundle";
     static const std::string kTunnel = "Tunnel";
     if (name.rfind(kBundle, 0) == 0) {
-        type = 96;
+        type = IF_TYPE_TUNNEL_BUNDLE;
         return ParseNumber(name.substr(kBundle.size()), number);
     }
     if (name.rfind(kTunnel, 0) == 0) {
-        type = 39;
+        type = IF_TYPE_TUNNEL;
         return ParseNumber(name.substr(kTunnel.size()), number);
     }
     return false;
@@ -186,7 +192,7 @@ void IfLoad()
             i.ifIndex = j.at("ifindex").get<uint32_t>();
             i.type = j.at("type").get<uint32_t>();
             i.number = j.at("number").get<uint32_t>();
-            i.state = j.at("state").get<std::string>() == "up" ? 1 : 0;
+            i.state = j.at("state").get<std::string>() == "up" ? kIfStateUp : kIfStateDown;
             i.vrf = j.at("vrf").get<uint16_t>();
             if (!j.at("mode").is_null()) {
                 i.tnlMode = j.at("mode").get<uint32_t>();
@@ -201,27 +207,6 @@ void IfLoad()
     Log("loaded " + std::to_string(g_ifs.size()) + " interfaces from " + StorePath());
 }
 
-uint32_t IfIndexByName(const std::string &name)
-{
-    auto it = g_byName.find(name);
-    if (it != g_byName.end()) {
-        return it->second;
-    }
-    uint32_t type, number;
-    if (!ParseIfName(name, type, number) || type != 96) {
-        return 0;
-    }
-    Interface i;
-    i.name = name;
-    i.ifIndex = g_nextBundle++;
-    i.type = 96;
-    i.number = number;
-    i.state = 0;
-    Insert(i);
-    Save();
-    return i.ifIndex;
-}
-
 Interface *IfFind(uint32_t ifIndex)
 {
     auto it = g_ifs.find(ifIndex);
@@ -234,30 +219,54 @@ Interface *IfFindName(const std::string &name)
     return it == g_byName.end() ? nullptr : IfFind(it->second);
 }
 
-bool IfGetData(uint32_t ifIndex, uint32_t item, uint32_t &value)
+
+namespace {
+
+uint32_t IfIndexByName(const std::string &name)
+{
+    auto it = g_byName.find(name);
+    if (it != g_byName.end()) {
+        return it->second;
+    }
+    uint32_t type, number;
+    if (!ParseIfName(name, type, number) || type != IF_TYPE_TUNNEL_BUNDLE) {
+        return 0;
+    }
+    Interface i;
+    i.name = name;
+    i.ifIndex = g_nextBundle++;
+    i.type = IF_TYPE_TUNNEL_BUNDLE;
+    i.number = number;
+    i.state = kIfStateDown;
+    Insert(i);
+    Save();
+    return i.ifIndex;
+}
+
+bool GetData(uint32_t ifIndex, uint32_t item, uint32_t &value)
 {
     Interface *i = IfFind(ifIndex);
     if (i == nullptr) {
         return false;
     }
     switch (item) {
-    case 0: value = i->number; return true;
-    case 18: value = i->type; return true;
-    case 31: value = i->state; return true;
+    case IF_DATA_NUMBER: value = i->number; return true;
+    case IF_DATA_TYPE: value = i->type; return true;
+    case IF_DATA_STATE: value = i->state; return true;
     default: return false;
     }
 }
 
-bool IfDeleteByKey(uint32_t keyType, const uint8_t *key, size_t len)
+/* IF_DeleteIf: key type 1, the index and 4 zero bytes; only bundle
+ * interfaces are destroyed this way. */
+bool IfDeleteByKey(uint32_t keyType, const tbdl::rpc::IfDeleteKey &key)
 {
-    static const uint8_t kZero[4] = {};
-    if (keyType != 1 || len != 8 || std::memcmp(key + 4, kZero, 4) != 0) {
+    if (keyType != kIfKeyIndex || key.uiResv != 0) {
         return false;
     }
-    uint32_t idx;
-    std::memcpy(&idx, key, 4);
+    uint32_t idx = key.uiIfIndex;
     Interface *i = IfFind(idx);
-    if (i == nullptr || i->type != 96) {
+    if (i == nullptr || i->type != IF_TYPE_TUNNEL_BUNDLE) {
         return false;
     }
     Log("interface " + i->name + " (index " + std::to_string(idx) + ") destroyed");
@@ -267,11 +276,50 @@ bool IfDeleteByKey(uint32_t keyType, const uint8_t *key, size_t len)
     return true;
 }
 
-bool IfAdd(const Json &req, std::string &err)
+
+void OnIndexByName(Conn &c, const tbdl::rpc::Hdr &h, const uint8_t *p, size_t len)
+{
+    uint32_t idx = IfIndexByName(std::string(reinterpret_cast<const char *>(p), len));
+    Reply(c, h, idx != 0 ? 0 : 1, tbdl::rpc::Encode(tbdl::rpc::U32Value{idx}));
+}
+
+void OnGetData(Conn &c, const tbdl::rpc::Hdr &h, const uint8_t *p, size_t len)
+{
+    tbdl::rpc::IfRef ref{};
+    uint32_t v = 0;
+    bool ok = tbdl::rpc::Decode(p, len, ref) && GetData(ref.uiIfIndex, h.uiArg, v);
+    Reply(c, h, ok ? 0 : 1, tbdl::rpc::Encode(tbdl::rpc::U32Value{v}));
+}
+
+void OnDelete(Conn &c, const tbdl::rpc::Hdr &h, const uint8_t *p, size_t len)
+{
+    tbdl::rpc::IfDeleteKey key{};
+    Reply(c, h, tbdl::rpc::Decode(p, len, key) && IfDeleteByKey(h.uiArg, key) ? 1 : 0);
+}
+
+void OnTunnelMode(Conn &c, const tbdl::rpc::Hdr &h, const uint8_t *p, size_t len)
+{
+    tbdl::rpc::IfRef ref{};
+    Interface *i = tbdl::rpc::Decode(p, len, ref) ? IfFind(ref.uiIfIndex) : nullptr;
+    bool has = i != nullptr && i->tnlMode;
+    Reply(c, h, has ? 0 : 1, tbdl::rpc::Encode(tbdl::rpc::U32Value{has ? *i->tnlMode : 0}));
+}
+
+/* Interface events: the channel is opened here; the changes made through
+ * chassisctl reach it in a later version of the chassis. */
+void OnEventRegister(Conn &c, const tbdl::rpc::Hdr &h, const uint8_t *, size_t)
+{
+    OpenChannel(c, Channel::IFEV, h.usBoard);
+    Reply(c, h, 0);
+}
+
+} // namespace
+
+bool IfAdd(const Json &req, Json &out, std::string &err)
 {
     std::string name = req.at("name").get<std::string>();
     uint32_t type, number;
-    if (!ParseIfName(name, type, number) || type != 39) {
+    if (!ParseIfName(name, type, number) || type != IF_TYPE_TUNNEL) {
         err = "'" + name + "' is not a tunnel interface name (Tunnel<N>)";
         return false;
     }
@@ -281,7 +329,7 @@ bool IfAdd(const Json &req, std::string &err)
     }
     Interface i;
     i.name = name;
-    i.type = 39;
+    i.type = IF_TYPE_TUNNEL;
     i.number = number;
     if (req.contains("mode") && !req["mode"].is_null()) {
         i.tnlMode = req["mode"].get<uint32_t>();
@@ -298,11 +346,12 @@ bool IfAdd(const Json &req, std::string &err)
     i.ifIndex = g_nextTunnel++;
     Insert(i);
     Save();
-    Log("interface " + name + " added: " + ToJson(i).dump());
+    out = IfToJson(i);
+    Log("interface " + name + " added: " + out.dump());
     return true;
 }
 
-bool IfSet(const Json &req, std::string &err)
+bool IfSet(const Json &req, Json &out, std::string &err)
 {
     std::string name = req.at("name").get<std::string>();
     Interface *i = IfFindName(name);
@@ -325,11 +374,12 @@ bool IfSet(const Json &req, std::string &err)
      * next ask. */
     *i = n;
     Save();
-    Log("interface " + name + " changed: " + ToJson(n).dump());
+    out = IfToJson(n);
+    Log("interface " + name + " changed: " + out.dump());
     return true;
 }
 
-bool IfDel(const std::string &name, std::string &err)
+bool IfDel(const std::string &name, Json &out, std::string &err)
 {
     Interface *i = IfFindName(name);
     if (i == nullptr) {
@@ -337,7 +387,8 @@ bool IfDel(const std::string &name, std::string &err)
         return false;
     }
     uint32_t idx = i->ifIndex;
-    bool bundle = i->type == 96;
+    bool bundle = i->type == IF_TYPE_TUNNEL_BUNDLE;
+    out = IfToJson(*i);
     Erase(idx);
     if (bundle) {
         KtbdlForgetIndex(idx);
@@ -347,7 +398,7 @@ bool IfDel(const std::string &name, std::string &err)
     return true;
 }
 
-bool VrfBind(const std::string &name, uint32_t vrf, std::string &err)
+bool VrfBind(const std::string &name, uint32_t vrf, Json &out, std::string &err)
 {
     uint32_t idx = IfIndexByName(name); /* a bundle's index is made on demand */
     Interface *i = IfFind(idx);
@@ -360,19 +411,26 @@ bool VrfBind(const std::string &name, uint32_t vrf, std::string &err)
         return false;
     }
     i->vrf = static_cast<uint16_t>(vrf);
+    out = IfToJson(*i);
     Save();
     Log("interface " + name + (vrf == 0 ? " unbound from its VRF" : " bound to VRF " + std::to_string(vrf)));
     return true;
 }
 
+namespace {
+
 Json IfDumpJson()
 {
     Json a = Json::array();
     for (auto &[idx, i] : g_ifs) {
-        a.push_back(ToJson(i));
+        a.push_back(IfToJson(i));
     }
     return a;
 }
+
+Json IfDump(int) { return {{"interfaces", IfDumpJson()}}; }
+
+} // namespace
 
 Json VrfDumpJson()
 {
@@ -383,6 +441,19 @@ Json VrfDumpJson()
         }
     }
     return a;
+}
+
+const Service &IfService()
+{
+    static const Service s{.name = "interface manager",
+                           .ops = {{tbdl::rpc::OP_IF_INDEX_BY_NAME, OnIndexByName},
+                                   {tbdl::rpc::OP_IF_GET_DATA, OnGetData},
+                                   {tbdl::rpc::OP_IF_DELETE, OnDelete},
+                                   {tbdl::rpc::OP_TUNNEL_GET_MODE, OnTunnelMode},
+                                   {tbdl::rpc::OP_IFEV_REGISTER, OnEventRegister}},
+                           .dumpName = "if",
+                           .dump = IfDump};
+    return s;
 }
 
 } // namespace chassis

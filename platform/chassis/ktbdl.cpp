@@ -1,10 +1,7 @@
 /* Each board's kernel tunnel-bundle module: a table of bundles by interface
  * index and their members, changed by the three commands a daemon sends
- * with CIOCTL (payloads in host order):
- *   0x7c0002 bundle update, 36 bytes: address block (20), ifindex, tunnel
- *            mode, state (u32 each), VRF (u16), 2 zero bytes;
- *   0x7c0003 member add, 8 bytes: bundle ifindex, member ifindex;
- *   0x7c0004 member delete, 8 bytes: the same.
+ * with CIOCTL to TBDL_KTBDL_DEV: bundle update (TBDL_KBND_S), member add
+ * and member delete (TBDL_KMEMB_S).
  * A member may be added before the bundle's first update (recovery pushes
  * members first); the bundle then shows no update yet. The table lives as
  * long as the board's kernel: a daemon restart keeps it, a chassis reboot
@@ -16,43 +13,19 @@
 #include <cstring>
 
 #include "chassisd.h"
+#include "tbdl_ktbdl.h"
 
 namespace chassis {
 
 namespace {
 
-constexpr uint32_t kDev = 0xFFFF8000u;
-constexpr uint32_t kCmdBndUpdate = 0x7c0002u;
-constexpr uint32_t kCmdMembAdd = 0x7c0003u;
-constexpr uint32_t kCmdMembDel = 0x7c0004u;
 /* Answers for commands the module does not take (errno-like values). */
 constexpr uint32_t kNoDevice = 19;
 constexpr uint32_t kInvalid = 22;
 
-struct KBnd {
-    uint16_t usFamily;
-    uint8_t aucCarried[2];
-    uint8_t aucAddr[16];
-    uint32_t uiIfIndex;
-    uint32_t uiTnlMode;
-    uint32_t uiState;
-    uint16_t usVrfIndex;
-    uint16_t usResv;
-};
-static_assert(sizeof(KBnd) == 36, "bundle update is 36 bytes");
-static_assert(offsetof(KBnd, uiIfIndex) == 20 && offsetof(KBnd, uiTnlMode) == 24 &&
-                  offsetof(KBnd, uiState) == 28 && offsetof(KBnd, usVrfIndex) == 32,
-              "bundle update layout");
-
-struct KMemb {
-    uint32_t uiBndIfIndex;
-    uint32_t uiMembIfIndex;
-};
-static_assert(sizeof(KMemb) == 8, "member command is 8 bytes");
-
 struct KBundle {
     bool updated = false;
-    KBnd last{};
+    TBDL_KBND_S last{};
     std::vector<uint32_t> members; /* in the order added */
 };
 
@@ -63,14 +36,15 @@ struct Table {
 };
 Table g_tables[tbdl::plat::kMaxBoards];
 
-std::string AddrText(const KBnd &b)
+std::string AddrText(const TBDL_KBND_S &b)
 {
-    if (b.usFamily == 2) {
+    const TBDL_ADDR_S &a = b.stAddr;
+    if (a.usFamily == TBDL_ADDR_FAMILY_IPV4) {
         char buf[INET_ADDRSTRLEN];
-        inet_ntop(AF_INET, b.aucAddr, buf, sizeof(buf));
+        inet_ntop(AF_INET, a.aucAddr, buf, sizeof(buf));
         return buf;
     }
-    return b.usFamily == 0 ? "" : "family " + std::to_string(b.usFamily);
+    return a.usFamily == 0 ? "" : "family " + std::to_string(a.usFamily);
 }
 
 std::string Hex(const void *p, size_t n)
@@ -87,28 +61,28 @@ std::string Hex(const void *p, size_t n)
 
 } // namespace
 
-uint32_t KtbdlCommand(int board, uint32_t dev, uint32_t cmd, const uint8_t *p, size_t len)
+namespace {
+
+uint32_t Command(int board, uint32_t dev, uint32_t cmd, const uint8_t *p, size_t len)
 {
     Table &t = g_tables[board];
-    if (dev != kDev) {
+    if (dev != TBDL_KTBDL_DEV) {
         t.refused++;
         return kNoDevice;
     }
-    if (cmd == kCmdBndUpdate && len == sizeof(KBnd)) {
-        KBnd b;
-        std::memcpy(&b, p, sizeof(b));
+    TBDL_KBND_S b;
+    if (cmd == TBDL_KCMD_BND_UPDATE && tbdl::rpc::Decode(p, len, b)) {
         KBundle &kb = t.bundles[b.uiIfIndex];
         kb.updated = true;
         kb.last = b;
         t.counts[0]++;
         return 0;
     }
-    if ((cmd == kCmdMembAdd || cmd == kCmdMembDel) && len == sizeof(KMemb)) {
-        KMemb m;
-        std::memcpy(&m, p, sizeof(m));
+    TBDL_KMEMB_S m;
+    if ((cmd == TBDL_KCMD_MEMB_ADD || cmd == TBDL_KCMD_MEMB_DEL) && tbdl::rpc::Decode(p, len, m)) {
         auto &members = t.bundles[m.uiBndIfIndex].members;
         auto it = std::find(members.begin(), members.end(), m.uiMembIfIndex);
-        if (cmd == kCmdMembAdd) {
+        if (cmd == TBDL_KCMD_MEMB_ADD) {
             if (it == members.end()) {
                 members.push_back(m.uiMembIfIndex);
             }
@@ -125,7 +99,23 @@ uint32_t KtbdlCommand(int board, uint32_t dev, uint32_t cmd, const uint8_t *p, s
     return kInvalid;
 }
 
-void KtbdlClear(int board) { g_tables[board] = Table{}; }
+void OnCioctl(Conn &c, const tbdl::rpc::Hdr &h, const uint8_t *p, size_t len)
+{
+    tbdl::rpc::CioctlReq r{};
+    const uint8_t *payload = nullptr;
+    size_t payloadLen = 0;
+    if (!tbdl::rpc::DecodeHead(p, len, r, payload, payloadLen)) {
+        Reply(c, h, tbdl::rpc::kResultBadRequest);
+        return;
+    }
+    Reply(c, h, Command(h.usBoard, r.uiDev, r.uiCmd, payload, payloadLen));
+}
+
+/* The table lives as long as the board's kernel: gone at a reboot or a
+ * board failure. */
+void Clear(int board, ClearReason) { g_tables[board] = Table{}; }
+
+} // namespace
 
 void KtbdlForgetIndex(uint32_t ifIndex)
 {
@@ -134,7 +124,9 @@ void KtbdlForgetIndex(uint32_t ifIndex)
     }
 }
 
-Json KtbdlDumpJson(int board)
+namespace {
+
+Json Dump(int board)
 {
     const Table &t = g_tables[board];
     Json bundles = Json::array();
@@ -143,7 +135,7 @@ Json KtbdlDumpJson(int board)
         Json j = {{"ifindex", idx}, {"name", i != nullptr ? i->name : ""}, {"updated", kb.updated},
                   {"members", kb.members}};
         if (kb.updated) {
-            j["family"] = kb.last.usFamily;
+            j["family"] = kb.last.stAddr.usFamily;
             j["address"] = AddrText(kb.last);
             j["tnl_mode"] = kb.last.uiTnlMode;
             j["state"] = kb.last.uiState;
@@ -154,7 +146,24 @@ Json KtbdlDumpJson(int board)
     }
     return {{"board", board},
             {"bundles", bundles},
-            {"commands", {{"bundle_update", t.counts[0]}, {"member_add", t.counts[1]}, {"member_delete", t.counts[2]}, {"refused", t.refused}}}};
+            {"commands",
+             {{"bundle_update", t.counts[0]},
+              {"member_add", t.counts[1]},
+              {"member_delete", t.counts[2]},
+              {"refused", t.refused}}}};
+}
+
+} // namespace
+
+const Service &KtbdlService()
+{
+    static const Service s{.name = "KTBDL",
+                           .ops = {{tbdl::rpc::OP_CIOCTL, OnCioctl}},
+                           .clearBoard = Clear,
+                           .dumpName = "ktbdl",
+                           .dumpNeedsBoard = true,
+                           .dump = Dump};
+    return s;
 }
 
 } // namespace chassis

@@ -1,5 +1,6 @@
 /* chassisd's event loop: the chassis socket and its connections, child and
- * stop signals, timers, and the dispatch of every request to its service.
+ * stop signals, descriptors services watch, timers, and the dispatch of
+ * every request to the service that serves its operation.
  *
  * Requests are answered at once. Pushes to the boards' channels (HA,
  * interface events) never block: what the socket does not take is queued
@@ -32,6 +33,9 @@ int g_sigFd = -1;
 bool g_running = true;
 int g_exitStatus = 0;
 std::map<int, std::unique_ptr<Conn>> g_conns;
+/* Descriptors other than connections: the listening socket, the signal
+ * descriptor, and those services watch. */
+std::map<int, std::function<void(uint32_t)>> g_watched;
 
 struct Timer {
     Clock::time_point at;
@@ -52,11 +56,6 @@ void Watch(int fd, uint32_t events, int op = EPOLL_CTL_ADD)
     }
 }
 
-void Reply(Conn &c, const Hdr &req, uint32_t result, const void *payload = nullptr, size_t len = 0)
-{
-    Push(c.fd, req.usOp, req.usBoard, result, payload, len);
-}
-
 void CloseConn(int fd)
 {
     auto it = g_conns.find(fd);
@@ -64,10 +63,11 @@ void CloseConn(int fd)
         return;
     }
     Conn &c = *it->second;
-    if (c.kind == Conn::HA) {
-        HaUnregister(c);
-    } else if (c.kind == Conn::LSM) {
-        LsmUnregister(c);
+    bool wasSubscriber = c.channel != Channel::NONE && Subscribers(c.channel).Remove(c);
+    for (const Service *s : Services()) {
+        if (s->onClose != nullptr) {
+            s->onClose(c, wasSubscriber);
+        }
     }
     epoll_ctl(g_epfd, EPOLL_CTL_DEL, fd, nullptr);
     close(fd);
@@ -93,95 +93,16 @@ void Accept()
     }
 }
 
-uint32_t U32At(const uint8_t *p)
-{
-    uint32_t v;
-    std::memcpy(&v, p, 4);
-    return v;
-}
-
-bool ValidBoard(uint16_t b) { return b < tbdl::plat::kMaxBoards && g_boards[b].present; }
-
-/* One request from a board's platform library. */
+/* One request from a board's platform library, to the service that serves
+ * its operation. */
 void HandleLibRequest(Conn &c, const Hdr &h, const uint8_t *p, size_t len)
 {
-    if (!ValidBoard(h.usBoard)) {
+    OpHandler handler = FindOp(h.usOp);
+    if (!ValidBoard(h.usBoard) || handler == nullptr) {
         Reply(c, h, tbdl::rpc::kResultBadRequest);
         return;
     }
-    int board = h.usBoard;
-    switch (h.usOp) {
-    case tbdl::rpc::OP_SERVICE_SET_STATUS:
-        Reply(c, h, SvcSetStatus(board, c.pid, h.uiArg));
-        return;
-    case tbdl::rpc::OP_IF_INDEX_BY_NAME: {
-        uint32_t idx = IfIndexByName(std::string(reinterpret_cast<const char *>(p), len));
-        Reply(c, h, idx != 0 ? 0 : 1, &idx, sizeof(idx));
-        return;
-    }
-    case tbdl::rpc::OP_IF_GET_DATA: {
-        uint32_t v = 0;
-        bool ok = len == 4 && IfGetData(U32At(p), h.uiArg, v);
-        Reply(c, h, ok ? 0 : 1, &v, sizeof(v));
-        return;
-    }
-    case tbdl::rpc::OP_IF_DELETE:
-        Reply(c, h, IfDeleteByKey(h.uiArg, p, len) ? 1 : 0);
-        return;
-    case tbdl::rpc::OP_TUNNEL_GET_MODE: {
-        Interface *i = len == 4 ? IfFind(U32At(p)) : nullptr;
-        uint32_t mode = i != nullptr && i->tnlMode ? *i->tnlMode : 0;
-        Reply(c, h, i != nullptr && i->tnlMode ? 0 : 1, &mode, sizeof(mode));
-        return;
-    }
-    case tbdl::rpc::OP_L3VPN_GET_VRF: {
-        Interface *i = len == 4 ? IfFind(U32At(p)) : nullptr;
-        uint16_t vrf = i != nullptr ? i->vrf : 0;
-        Reply(c, h, i != nullptr ? 0 : 1, &vrf, sizeof(vrf));
-        return;
-    }
-    case tbdl::rpc::OP_CIOCTL: {
-        if (len < sizeof(tbdl::rpc::CioctlReq)) {
-            Reply(c, h, tbdl::rpc::kResultBadRequest);
-            return;
-        }
-        tbdl::rpc::CioctlReq r;
-        std::memcpy(&r, p, sizeof(r));
-        Reply(c, h, KtbdlCommand(board, r.uiDev, r.uiCmd, p + sizeof(r), len - sizeof(r)));
-        return;
-    }
-    case tbdl::rpc::OP_HA_RESPONSE:
-        Reply(c, h, HaResponse(board, h.uiArg, p, len));
-        return;
-    case tbdl::rpc::OP_HA_SEND:
-        Reply(c, h, HaSend(board, h.uiArg, p, len));
-        return;
-    case tbdl::rpc::OP_HA_REGISTER:
-        c.kind = Conn::HA;
-        c.board = board;
-        HaRegister(c); /* replies itself: the reply carries the HA state */
-        return;
-    case tbdl::rpc::OP_IFEV_REGISTER:
-        c.kind = Conn::IFEV;
-        c.board = board;
-        Reply(c, h, 0);
-        return;
-    case tbdl::rpc::OP_LSM_REGISTER:
-        c.kind = Conn::LSM;
-        c.board = board;
-        c.protocol = h.uiArg;
-        Reply(c, h, 0);
-        return;
-    case tbdl::rpc::OP_LSM_GR:
-        Reply(c, h, c.kind == Conn::LSM ? LsmGr(c, h.uiArg) : tbdl::rpc::kResultBadRequest);
-        return;
-    case tbdl::rpc::OP_LSM_BATCH:
-        Reply(c, h, c.kind == Conn::LSM ? LsmBatch(c, p, len) : tbdl::rpc::kResultBadRequest);
-        return;
-    default:
-        Reply(c, h, tbdl::rpc::kResultBadRequest);
-        return;
-    }
+    handler(c, h, p, len);
 }
 
 void HandleCtl(Conn &c, const uint8_t *p, size_t len)
@@ -249,7 +170,7 @@ void FlushConn(Conn &c)
     Watch(c.fd, EPOLLIN, EPOLL_CTL_MOD);
 }
 
-void ReadSignals()
+void ReadSignals(uint32_t)
 {
     signalfd_siginfo si;
     while (read(g_sigFd, &si, sizeof(si)) == static_cast<ssize_t>(sizeof(si))) {
@@ -333,8 +254,8 @@ bool LoopInit(const Options &opt, std::string &err)
         err = "cannot listen on " + path + ": " + std::strerror(errno);
         return false;
     }
-    Watch(g_listenFd, EPOLLIN);
-    Watch(g_sigFd, EPOLLIN);
+    WatchFd(g_listenFd, EPOLLIN, [](uint32_t) { Accept(); });
+    WatchFd(g_sigFd, EPOLLIN, ReadSignals);
     return true;
 }
 
@@ -345,21 +266,20 @@ int LoopRun()
         int n = epoll_wait(g_epfd, evs, 32, NextTimeoutMs());
         for (int i = 0; i < n && g_running; ++i) {
             int fd = evs[i].data.fd;
-            if (fd == g_listenFd) {
-                Accept();
-            } else if (fd == g_sigFd) {
-                ReadSignals();
-            } else {
-                auto it = g_conns.find(fd);
-                if (it == g_conns.end()) {
-                    continue;
-                }
-                if (evs[i].events & EPOLLOUT) {
-                    FlushConn(*it->second);
-                }
-                if (evs[i].events & (EPOLLIN | EPOLLERR | EPOLLHUP)) {
-                    ReadConn(fd);
-                }
+            if (auto w = g_watched.find(fd); w != g_watched.end()) {
+                auto cb = w->second; /* the callback may unwatch its descriptor */
+                cb(evs[i].events);
+                continue;
+            }
+            auto it = g_conns.find(fd);
+            if (it == g_conns.end()) {
+                continue;
+            }
+            if (evs[i].events & EPOLLOUT) {
+                FlushConn(*it->second);
+            }
+            if (evs[i].events & (EPOLLIN | EPOLLERR | EPOLLHUP)) {
+                ReadConn(fd);
             }
         }
         RunTimers();
@@ -388,6 +308,20 @@ uint64_t After(Clock::duration delay, std::function<void()> fn)
 
 void Cancel(uint64_t id) { g_timers.erase(id); }
 
+void WatchFd(int fd, uint32_t events, std::function<void(uint32_t events)> cb)
+{
+    bool known = g_watched.count(fd) != 0;
+    g_watched[fd] = std::move(cb);
+    Watch(fd, events, known ? EPOLL_CTL_MOD : EPOLL_CTL_ADD);
+}
+
+void UnwatchFd(int fd)
+{
+    if (g_watched.erase(fd) != 0) {
+        epoll_ctl(g_epfd, EPOLL_CTL_DEL, fd, nullptr);
+    }
+}
+
 Conn *FindConn(int fd)
 {
     auto it = g_conns.find(fd);
@@ -414,6 +348,11 @@ void Push(int fd, uint16_t op, uint16_t board, uint32_t arg, const void *payload
     }
     c->outq.push_back(std::move(m));
     Watch(fd, EPOLLIN | EPOLLOUT, EPOLL_CTL_MOD);
+}
+
+void Reply(Conn &c, const Hdr &req, uint32_t result, const Bytes &body)
+{
+    Push(c.fd, req.usOp, req.usBoard, result, body.data(), body.size());
 }
 
 void Drop(int fd) { CloseConn(fd); }

@@ -1,13 +1,13 @@
 /* LSM of each board: the LSP entries its client protocols downloaded, with
  * graceful-restart cycles.
  *
- * An entry is known by its bundle interface index (entry bytes 16-19, part
- * of the key that starts at byte 12): an add replaces the entry of the same
- * index, a delete removes it. A cycle begins with GR event 1; at GR event
- * 2 the protocol's entries that were not added during the cycle are
- * dropped. Entries stay when a client's connection goes (the forwarding
- * plane keeps forwarding); the next registration's cycle refreshes them. */
-#include <cstring>
+ * An entry is known by its bundle interface index (the key's uiIfIndex): an
+ * add replaces the entry of the same index, a delete removes it. A cycle
+ * begins with LSM_GR_BEGIN; at LSM_GR_END the protocol's entries that were
+ * not added during the cycle are dropped. Entries stay when a client's
+ * connection goes (the forwarding plane keeps forwarding); the next
+ * registration's cycle refreshes them. */
+#include <cstdio>
 
 #include "chassisd.h"
 
@@ -15,11 +15,14 @@ namespace chassis {
 
 namespace {
 
+using tbdl::rpc::Decode;
+using tbdl::rpc::DecodeHead;
+
 struct LspEntry {
     uint32_t protocol = 0;
-    Bytes entry; /* 96 bytes, pointers zeroed */
-    Bytes attr;  /* 16 bytes */
-    std::vector<Bytes> paths;
+    LSM_LSP_ENTRY_S entry{}; /* pointers zeroed */
+    LSM_LSP_ATTR_S attr{};
+    std::vector<LSM_LSP_PATH_S> paths;
     bool refreshed = false;
 };
 
@@ -30,25 +33,21 @@ struct LsmTable {
 };
 LsmTable g_lsm[tbdl::plat::kMaxBoards];
 
-uint32_t U32(const uint8_t *p)
-{
-    uint32_t v;
-    std::memcpy(&v, p, 4);
-    return v;
-}
-uint16_t U16(const uint8_t *p)
-{
-    uint16_t v;
-    std::memcpy(&v, p, 2);
-    return v;
-}
+/* The rest of a batch, read one record at a time. */
+struct Cursor {
+    const uint8_t *p;
+    size_t left;
 
-} // namespace
+    template <class T> bool Next(T &out)
+    {
+        return DecodeHead(p, left, out, p, left);
+    }
+};
 
-uint32_t LsmGr(Conn &c, uint32_t type)
+uint32_t Gr(Conn &c, uint32_t type)
 {
     LsmTable &t = g_lsm[c.board];
-    if (type == 1) {
+    if (type == LSM_GR_BEGIN) {
         t.inCycle[c.protocol] = true;
         for (auto &[idx, e] : t.entries) {
             if (e.protocol == c.protocol) {
@@ -57,7 +56,7 @@ uint32_t LsmGr(Conn &c, uint32_t type)
         }
         return 0;
     }
-    if (type == 2) {
+    if (type == LSM_GR_END) {
         if (!t.inCycle[c.protocol]) {
             return 1;
         }
@@ -81,79 +80,111 @@ uint32_t LsmGr(Conn &c, uint32_t type)
     return 1;
 }
 
-uint32_t LsmBatch(Conn &c, const uint8_t *p, size_t len)
+/* An add: the entry, its attribute block and usPaths paths. */
+bool ReadAdd(Cursor &in, uint16_t paths, LspEntry &e)
 {
-    using namespace tbdl::rpc;
+    if (paths > tbdl::rpc::kLsmMaxPaths ||
+        in.left < sizeof(e.entry) + sizeof(e.attr) + size_t{paths} * sizeof(LSM_LSP_PATH_S)) {
+        return false;
+    }
+    in.Next(e.entry);
+    in.Next(e.attr);
+    e.paths.resize(paths);
+    for (LSM_LSP_PATH_S &pa : e.paths) {
+        in.Next(pa);
+    }
+    e.refreshed = true;
+    return true;
+}
+
+uint32_t Batch(Conn &c, const uint8_t *p, size_t len)
+{
     LsmTable &t = g_lsm[c.board];
-    size_t off = 0;
-    while (off + sizeof(LsmChangeHead) <= len) {
-        LsmChangeHead h;
-        std::memcpy(&h, p + off, sizeof(h));
-        off += sizeof(h);
-        if (h.usKind == 1) {
-            size_t need = kLsmEntryLen + kLsmAttrLen + size_t{h.usPaths} * kLsmPathLen;
-            if (h.usPaths > kLsmMaxPaths || off + need > len) {
-                return kResultBadRequest;
-            }
+    Cursor in{p, len};
+    tbdl::rpc::LsmChangeHead h{};
+    while (in.Next(h)) {
+        if (h.usKind == tbdl::rpc::LSM_CHANGE_ADD) {
             LspEntry e;
             e.protocol = c.protocol;
-            e.entry.assign(p + off, p + off + kLsmEntryLen);
-            e.attr.assign(p + off + kLsmEntryLen, p + off + kLsmEntryLen + kLsmAttrLen);
-            for (size_t i = 0; i < h.usPaths; ++i) {
-                const uint8_t *q = p + off + kLsmEntryLen + kLsmAttrLen + i * kLsmPathLen;
-                e.paths.emplace_back(q, q + kLsmPathLen);
+            if (!ReadAdd(in, h.usPaths, e)) {
+                return tbdl::rpc::kResultBadRequest;
             }
-            e.refreshed = true;
-            t.entries[U32(e.entry.data() + 16)] = std::move(e);
+            uint32_t idx = e.entry.stKey.uiIfIndex;
+            t.entries[idx] = std::move(e);
             t.adds++;
-            off += need;
-        } else if (h.usKind == 2) {
-            if (off + kLsmKeyLen > len) {
-                return kResultBadRequest;
+        } else if (h.usKind == tbdl::rpc::LSM_CHANGE_DEL) {
+            LSM_LSP_KEY_S key{};
+            if (!in.Next(key)) {
+                return tbdl::rpc::kResultBadRequest;
             }
-            /* Key bytes 4-7 (entry bytes 16-19) hold the bundle index. */
-            t.entries.erase(U32(p + off + 4));
+            t.entries.erase(key.uiIfIndex);
             t.deletes++;
-            off += kLsmKeyLen;
         } else {
-            return kResultBadRequest;
+            return tbdl::rpc::kResultBadRequest;
         }
     }
     t.flushes++;
-    return off == len ? 0 : kResultBadRequest;
+    return in.left == 0 ? 0 : tbdl::rpc::kResultBadRequest;
 }
 
-void LsmUnregister(Conn &c)
+/* LSM_RegProtocolHandler: the connection becomes the protocol's channel. */
+void OnRegister(Conn &c, const tbdl::rpc::Hdr &h, const uint8_t *, size_t)
 {
-    if (c.board >= 0) {
+    OpenChannel(c, Channel::LSM, h.usBoard);
+    c.protocol = h.uiArg;
+    Reply(c, h, 0);
+}
+
+void OnGr(Conn &c, const tbdl::rpc::Hdr &h, const uint8_t *, size_t)
+{
+    Reply(c, h, c.channel == Channel::LSM ? Gr(c, h.uiArg) : tbdl::rpc::kResultBadRequest);
+}
+
+void OnBatch(Conn &c, const tbdl::rpc::Hdr &h, const uint8_t *p, size_t len)
+{
+    Reply(c, h, c.channel == Channel::LSM ? Batch(c, p, len) : tbdl::rpc::kResultBadRequest);
+}
+
+/* A protocol whose channel goes leaves its cycle open no longer; its
+ * entries stay. */
+void OnClose(Conn &c, bool)
+{
+    if (c.channel == Channel::LSM && c.board >= 0) {
         g_lsm[c.board].inCycle[c.protocol] = false;
     }
 }
 
-void LsmClear(int board) { g_lsm[board] = LsmTable{}; }
+void Clear(int board, ClearReason) { g_lsm[board] = LsmTable{}; }
 
-Json LsmDumpJson(int board)
+Json PathJson(const LSM_LSP_PATH_S &pa)
+{
+    Json pj = {{"ifindex", pa.stPrimary.uiIfIndex},
+               {"weight", pa.stPrimary.usWeight},
+               {"flags", pa.stPrimary.usFlags}};
+    if (pa.stBackup.usType != 0) {
+        pj["backup"] = {{"ifindex", pa.stBackup.uiIfIndex}, {"weight", pa.stBackup.usWeight}};
+    }
+    return pj;
+}
+
+Json Dump(int board)
 {
     const LsmTable &t = g_lsm[board];
     Json entries = Json::array();
     for (const auto &[idx, e] : t.entries) {
-        const uint8_t *en = e.entry.data();
         Json paths = Json::array();
-        for (const Bytes &pa : e.paths) {
-            Json pj = {{"ifindex", U32(pa.data() + 8)}, {"weight", U16(pa.data() + 14)}, {"flags", U16(pa.data() + 2)}};
-            if (U16(pa.data() + 32) != 0) {
-                pj["backup"] = {{"ifindex", U32(pa.data() + 40)}, {"weight", U16(pa.data() + 46)}};
-            }
-            paths.push_back(pj);
+        for (const LSM_LSP_PATH_S &pa : e.paths) {
+            paths.push_back(PathJson(pa));
         }
+        const uint8_t *a = e.entry.stKey.aucAddr;
         char addr[16];
-        std::snprintf(addr, sizeof(addr), "%u.%u.%u.%u", en[20], en[21], en[22], en[23]);
+        std::snprintf(addr, sizeof(addr), "%u.%u.%u.%u", a[0], a[1], a[2], a[3]);
         entries.push_back({{"ifindex", idx},
                            {"protocol", e.protocol},
-                           {"mode_code", U32(en)},
-                           {"path_count", U16(en + 8)},
+                           {"mode_code", e.entry.uiMode},
+                           {"path_count", e.entry.usPathNum},
                            {"address", addr},
-                           {"vrf", U16(en + 24)},
+                           {"vrf", e.entry.stKey.usVrfIndex},
                            {"paths", paths}});
     }
     return {{"board", board},
@@ -162,6 +193,22 @@ Json LsmDumpJson(int board)
             {"deletes", t.deletes},
             {"flushes", t.flushes},
             {"cycles", t.cycles}};
+}
+
+} // namespace
+
+const Service &LsmService()
+{
+    static const Service s{.name = "LSM",
+                           .ops = {{tbdl::rpc::OP_LSM_REGISTER, OnRegister},
+                                   {tbdl::rpc::OP_LSM_GR, OnGr},
+                                   {tbdl::rpc::OP_LSM_BATCH, OnBatch}},
+                           .onClose = OnClose,
+                           .clearBoard = Clear,
+                           .dumpName = "lsm",
+                           .dumpNeedsBoard = true,
+                           .dump = Dump};
+    return s;
 }
 
 } // namespace chassis

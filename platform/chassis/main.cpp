@@ -22,6 +22,7 @@
 #include "chassis_env.h"
 #include "chassisd.h"
 #include "journal.h"
+#include "plat_service.h"
 
 namespace chassis {
 
@@ -259,7 +260,7 @@ int main(int argc, char **argv)
         Fail(err);
     }
     IfLoad();
-    SvcStartAll(0);
+    SvcStartAll(SERVICE_CAUSE_SYSTEM_BOOT);
 
     if (!g_opt.foreground) {
         /* Detach from the caller's terminal; stray output goes to the log. */

@@ -25,6 +25,7 @@
 
 #include "chassis_env.h"
 #include "chassisd.h"
+#include "plat_service.h"
 
 extern char **environ;
 
@@ -126,7 +127,7 @@ void ScheduleRestart(int b)
         g_boards[b].timer = 0;
         if (g_boards[b].state == BoardState::BACKOFF) {
             g_boards[b].restarts++;
-            SvcStartBoard(b, 1);
+            SvcStartBoard(b, SERVICE_CAUSE_PROCESS_RESTART);
         }
     });
 }
@@ -233,7 +234,7 @@ void SvcStartBoard(int b, uint32_t cause)
     bd.killSent = false;
     bd.startedAt = Clock::now();
     Log(Name(b) + ": started tbdld (pid " + std::to_string(pid) + ", start cause " + std::to_string(cause) +
-        (cause == 0 ? " system boot" : " process restart") + ")");
+        (cause == SERVICE_CAUSE_SYSTEM_BOOT ? " system boot" : " process restart") + ")");
 }
 
 void SvcStartAll(uint32_t cause)
@@ -281,7 +282,7 @@ void SvcOnChildExit(pid_t pid, int ws)
             StopStep();
             return;
         }
-        if (bd.status != 2) {
+        if (bd.status != SERVICE_STATUS_UP) {
             bd.startFailures++;
             bool startupExit = WIFEXITED(ws) && WEXITSTATUS(ws) == 255;
             Log(Name(b) + ": tbdld (pid " + std::to_string(pid) + ") failed at start-up: " + bd.lastExit +
@@ -298,12 +299,14 @@ void SvcOnChildExit(pid_t pid, int ws)
         }
         Log(Name(b) + ": tbdld (pid " + std::to_string(pid) + ") died: " + bd.lastExit + "; restarting it");
         bd.restarts++;
-        SvcStartBoard(b, 1);
+        SvcStartBoard(b, SERVICE_CAUSE_PROCESS_RESTART);
         return;
     }
 }
 
-uint32_t SvcSetStatus(int board, pid_t pid, uint32_t status)
+namespace {
+
+uint32_t SetStatus(int board, pid_t pid, uint32_t status)
 {
     Board &bd = g_boards[board];
     if (pid != bd.pid) {
@@ -312,14 +315,71 @@ uint32_t SvcSetStatus(int board, pid_t pid, uint32_t status)
         return 0;
     }
     bd.status = status;
-    if (status == 2 && bd.state == BoardState::STARTING) {
+    if (status == SERVICE_STATUS_UP && bd.state == BoardState::STARTING) {
         bd.state = BoardState::UP;
         bd.startFailures = 0;
     }
     Log(Name(board) + ": tbdld (pid " + std::to_string(pid) + ") reported status " + std::to_string(status) +
-        (status == 2 ? " (up)" : ""));
+        (status == SERVICE_STATUS_UP ? " (up)" : ""));
     return 0;
 }
+
+/* SERVICE_SetStatus: the status in the argument, the caller known by the
+ * connection's peer credentials. */
+void OnSetStatus(Conn &c, const tbdl::rpc::Hdr &h, const uint8_t *, size_t)
+{
+    Reply(c, h, SetStatus(h.usBoard, c.pid, h.uiArg));
+}
+
+Json FailDump(int) { return {{"boards", FailDumpJson()}}; }
+
+} // namespace
+
+const Service &SvcService()
+{
+    /* The fault plans are the service manager's: it maps one per board
+     * before the board's daemon starts. */
+    static const Service s{.name = "service manager",
+                           .ops = {{tbdl::rpc::OP_SERVICE_SET_STATUS, OnSetStatus}},
+                           .dumpName = "fail",
+                           .dump = FailDump};
+    return s;
+}
+
+Json FailDumpJson()
+{
+    Json boards = Json::array();
+    for (const Board &bd : g_boards) {
+        if (!bd.present || bd.failPlan == nullptr) {
+            continue;
+        }
+        Json calls = Json::array();
+        for (const auto &sl : bd.failPlan->astSlot) {
+            if (sl.acName[0] == '\0') {
+                continue;
+            }
+            Json j = {{"call", std::string(sl.acName)}, {"left", sl.iLeft.load()}, {"hits", sl.uiHits.load()}};
+            j["result"] = sl.uiHasResult ? Json(sl.lResult) : Json(nullptr);
+            calls.push_back(j);
+        }
+        boards.push_back({{"board", bd.num}, {"calls", calls}});
+    }
+    return boards;
+}
+
+bool ValidBoard(int b) { return b >= 0 && b < tbdl::plat::kMaxBoards && g_boards[b].present; }
+
+void BoardDown(int board, ClearReason why)
+{
+    for (const Service *s : Services()) {
+        if (s->clearBoard != nullptr) {
+            s->clearBoard(board, why);
+        }
+    }
+    HaBoardDown(board, why);
+}
+
+void BoardUp(int board) { HaBoardUp(board); }
 
 std::vector<int> SvcStopOrder()
 {
@@ -356,7 +416,7 @@ Json SvcStatusJson()
             {"state", BoardStateName(bd.state)},
             {"status", bd.status},
             {"start_cause", bd.startCause},
-            {"start_cause_name", bd.startCause == 0 ? "system boot" : "process restart"},
+            {"start_cause_name", bd.startCause == SERVICE_CAUSE_SYSTEM_BOOT ? "system boot" : "process restart"},
             {"restarts", bd.restarts},
             {"start_failures", bd.startFailures},
             {"last_exit", bd.lastExit},

@@ -4,7 +4,11 @@
  *
  * DIR defaults to $TBDL_CHASSIS_DIR, else ./chassis. Every command prints
  * text for people or, with --json, one JSON document. An error is one line
- * on stderr ("chassisctl: ...") and a non-zero exit status. */
+ * on stderr ("chassisctl: ...") and a non-zero exit status.
+ *
+ * The commands are one table: each row names the command, sets up its
+ * options, runs it (through the typed control client for what chassisd
+ * does) and prints its answer as text. */
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -17,6 +21,7 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <map>
 #include <sstream>
 #include <thread>
 
@@ -24,14 +29,15 @@
 
 #include "chassis_env.h"
 #include "chassisctl.h"
+#include "ctl_client.h"
 #include "dbm_store.h"
-#include "rpc.h"
 
 namespace chassisctl {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using tbdl::ctl::Answer;
 
 struct Globals {
     std::string dir;
@@ -46,46 +52,21 @@ struct Globals {
 
 std::string SocketPath() { return tbdl::plat::ChassisSocketPathOf(g.dir); }
 
-/* One command to chassisd; dies with its error unless allowFail. */
-Json Request(const Json &req, int timeoutMs = 10000, bool allowFail = false)
+tbdl::ctl::Client Ctl(int timeoutMs = 10000) { return tbdl::ctl::Client(SocketPath(), timeoutMs); }
+
+/* chassisd's answer, or dies with why there is none. */
+Json Expect(const Answer &a)
 {
-    std::string err;
-    std::string text = tbdl::rpc::CtlCall(SocketPath(), req.dump(), err, timeoutMs);
-    if (text.empty()) {
-        if (allowFail) {
-            return {{"ok", false}, {"error", err}};
-        }
-        if (access(SocketPath().c_str(), F_OK) != 0) {
-            Die("chassisd is not running on " + g.dir);
-        }
-        Die(err);
+    if (a.status == Answer::Status::UNREACHABLE && access(SocketPath().c_str(), F_OK) != 0) {
+        Die("chassisd is not running on " + g.dir);
     }
-    Json reply = Json::parse(text, nullptr, false);
-    if (reply.is_discarded()) {
-        Die("chassisd sent an unreadable answer");
+    if (!a) {
+        Die(a.error);
     }
-    if (!reply.value("ok", false) && !allowFail) {
-        Die(reply.value("error", std::string("chassisd refused the command")));
-    }
-    return reply;
+    return a.reply;
 }
 
-bool Running()
-{
-    std::string err;
-    return !tbdl::rpc::CtlCall(SocketPath(), R"({"cmd":"status"})", err, 2000).empty();
-}
-
-void Print(const Json &reply, const std::function<void(const Json &)> &text)
-{
-    if (g.json) {
-        Json out = reply;
-        out.erase("ok");
-        std::cout << out.dump(2) << "\n";
-    } else {
-        text(reply);
-    }
-}
+bool Running() { return Ctl(2000).Status().status != Answer::Status::UNREACHABLE; }
 
 /* Waits until the boards are up (status 2), a board has failed at start-up,
  * or the deadline. only >= 0 limits the wait to one board. */
@@ -94,7 +75,7 @@ Json WaitBoardsUp(int timeoutS, int only = -1)
     auto deadline = Clock::now() + std::chrono::seconds(timeoutS);
     Json st;
     for (;;) {
-        st = Request({{"cmd", "status"}});
+        st = Expect(Ctl().Status());
         bool allUp = !st["busy"].get<bool>();
         for (const Json &b : st["boards"]) {
             if (only >= 0 && b["board"].get<int>() != only) {
@@ -116,8 +97,10 @@ Json WaitBoardsUp(int timeoutS, int only = -1)
             std::string which;
             for (const Json &b : st["boards"]) {
                 if (b["state"] != "up" && (only < 0 || b["board"].get<int>() == only)) {
-                    which += (which.empty() ? "" : ", ") + std::string("board ") + std::to_string(b["board"].get<int>()) +
-                             " " + b["state"].get<std::string>();
+                    if (!which.empty()) {
+                        which += ", ";
+                    }
+                    which += "board " + std::to_string(b["board"].get<int>()) + " " + b["state"].get<std::string>();
                 }
             }
             Die("boards not up within " + std::to_string(timeoutS) + " s (" + which + "); see " +
@@ -162,7 +145,7 @@ bool ProcessGone(pid_t pid)
     return p != std::string::npos && p + 2 < line.size() && line[p + 2] == 'Z';
 }
 
-void CmdStart(const std::vector<std::string> &extra, const std::string &chassisd, int timeoutS)
+Json CmdStart(const std::vector<std::string> &extra, const std::string &chassisd, int timeoutS)
 {
     struct stat st{};
     if (stat(g.dir.c_str(), &st) != 0) {
@@ -214,19 +197,15 @@ void CmdStart(const std::vector<std::string> &extra, const std::string &chassisd
         }
         Die("chassisd did not start on " + g.dir + (errText.empty() ? "" : ": " + errText));
     }
-    Json status = WaitBoardsUp(timeoutS);
-    Print(status, [](const Json &s) {
-        std::cout << "chassis " << g.dir << " started (chassisd pid " << s["chassisd_pid"] << ")\n";
-        PrintStatusText(s);
-    });
+    return WaitBoardsUp(timeoutS);
 }
 
-void CmdStop(int timeoutS)
+Json CmdStop(int timeoutS)
 {
     if (!Running()) {
         Die("chassisd is not running on " + g.dir);
     }
-    Json reply = Request({{"cmd", "stop"}}, timeoutS * 1000);
+    Json reply = Expect(Ctl(timeoutS * 1000).Stop());
     pid_t pid = reply["chassisd_pid"].get<pid_t>();
     auto deadline = Clock::now() + std::chrono::seconds(timeoutS);
     while (!ProcessGone(pid)) {
@@ -235,7 +214,7 @@ void CmdStop(int timeoutS)
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    Print(reply, [](const Json &) { std::cout << "chassis " << g.dir << " stopped\n"; });
+    return reply;
 }
 
 void CmdLog(std::optional<int> board)
@@ -272,6 +251,279 @@ void CmdDb()
     }
 }
 
+/* Every option of every command; a run reads the ones of its command. */
+struct Args {
+    int timeoutS = 30;
+    std::string chassisd;
+    CLI::App *start = nullptr; /* its extras go to chassisd */
+    int board = -1;
+    std::optional<int> optBoard;
+    std::string ifName, state;
+    std::optional<std::string> mode;
+    std::optional<uint32_t> vrf;
+    uint32_t vrfIndex = 0;
+    std::string call;
+    int count = 1;
+    bool always = false;
+    std::optional<int64_t> result;
+    uint32_t event = 0;
+};
+
+/* One command: its words ("dump if"), help, options, what it does (the
+ * answer to print, or none when it printed already) and its text form. */
+struct Command {
+    const char *path;
+    const char *help;
+    void (*setup)(CLI::App &cmd, Args &a);
+    std::optional<Json> (*run)(const Args &a);
+    void (*text)(const Json &answer, const Args &a);
+};
+
+void Print(const Json &answer, const Args &a, void (*text)(const Json &, const Args &))
+{
+    if (g.json) {
+        Json out = answer;
+        out.erase("ok");
+        std::cout << out.dump(2) << "\n";
+    } else if (text != nullptr) {
+        text(answer, a);
+    }
+}
+
+void NoOptions(CLI::App &, Args &) {}
+void TimeoutOption(CLI::App &c, Args &a) { c.add_option("--timeout", a.timeoutS, "seconds to wait"); }
+void BoardOption(CLI::App &c, Args &a) { c.add_option("--board", a.board, "board")->required(); }
+void BoardArg(CLI::App &c, Args &a) { c.add_option("N", a.board, "board")->required(); }
+
+void StatusText(const Json &s, const Args &) { PrintStatusText(s); }
+
+/* The interface an if/vrf command changed: its name, what was done, and
+ * its record as chassisd keeps it now. */
+Json Done(const Answer &answer, const std::string &name, const char *action)
+{
+    Json reply = Expect(answer);
+    Json out = {{"interface", name}, {"action", action}};
+    if (reply.contains("interface") && reply["interface"].is_object()) {
+        for (const auto &[key, value] : reply["interface"].items()) {
+            if (key != "name") {
+                out[key] = value;
+            }
+        }
+    }
+    return out;
+}
+
+tbdl::ctl::IfChange IfChangeOf(const Args &a, bool set)
+{
+    tbdl::ctl::IfChange c;
+    c.name = a.ifName;
+    if (a.mode && *a.mode == "none" && set) {
+        c.clearMode = true;
+    } else if (a.mode) {
+        try {
+            size_t used = 0;
+            unsigned long m = std::stoul(*a.mode, &used, 0);
+            if (used != a.mode->size() || m > UINT32_MAX) {
+                throw std::invalid_argument("mode");
+            }
+            c.mode = static_cast<uint32_t>(m);
+        } catch (const std::exception &) {
+            Die("--mode " + *a.mode + ": expected a number" + std::string(set ? " or none" : ""));
+        }
+    }
+    if (!a.state.empty()) {
+        c.state = a.state;
+    }
+    c.vrf = a.vrf;
+    return c;
+}
+
+void IfOptions(CLI::App &c, Args &a)
+{
+    c.add_option("NAME", a.ifName, "Tunnel<N>")->required();
+    c.add_option("--mode", a.mode, "tunnel mode (number; 'none' on set removes it)");
+    c.add_option("--state", a.state, "up or down")->check(CLI::IsMember({"up", "down"}));
+    c.add_option("--vrf", a.vrf, "VRF index");
+}
+
+void IfText(const Json &r, const Args &a)
+{
+    std::cout << "interface " << a.ifName << " " << r["action"].get<std::string>() << "\n";
+}
+
+void FailOptions(CLI::App &c, Args &a)
+{
+    c.add_option("CALL", a.call, "platform call name, or clear")->required();
+    c.add_option("--board", a.optBoard, "board (default 0; all boards for clear)");
+    auto *countOpt = c.add_option("--count", a.count, "fail the next K calls (default 1)");
+    c.add_flag("--always", a.always, "fail every call until cleared")->excludes(countOpt);
+    c.add_option("--result", a.result, "value the call returns (default: the call's own failure)");
+}
+
+std::optional<Json> FailRun(const Args &a)
+{
+    if (a.call == "clear") {
+        return Expect(Ctl().FailClear(a.optBoard));
+    }
+    if (!a.always && a.count < 1) {
+        Die("--count must be at least 1");
+    }
+    return Expect(Ctl().Fail({a.optBoard.value_or(0), a.call, a.always, a.count, a.result}));
+}
+
+void FailText(const Json &, const Args &a)
+{
+    if (a.call == "clear") {
+        std::cout << "planned failures cleared\n";
+        return;
+    }
+    std::cout << a.call << " fails on board " << a.optBoard.value_or(0) << " "
+              << (a.always ? std::string("always") : std::to_string(a.count) + " time(s)") << "\n";
+}
+
+const Command kCommands[] = {
+    {"start", "start chassisd and wait for the boards (other options go to chassisd)",
+     [](CLI::App &c, Args &a) {
+         a.start = &c;
+         c.allow_extras();
+         c.fallthrough(false); /* what chassisctl does not know goes to chassisd */
+         c.add_option("--dir", g.dir, "chassis directory");
+         c.add_option("--timeout", a.timeoutS, "seconds to wait for the boards");
+         c.add_option("--chassisd", a.chassisd, "chassisd program");
+     },
+     [](const Args &a) -> std::optional<Json> { return CmdStart(a.start->remaining(), a.chassisd, a.timeoutS); },
+     [](const Json &s, const Args &) {
+         std::cout << "chassis " << g.dir << " started (chassisd pid " << s["chassisd_pid"] << ")\n";
+         PrintStatusText(s);
+     }},
+    {"stop", "stop the boards in order and chassisd", TimeoutOption,
+     [](const Args &a) -> std::optional<Json> { return CmdStop(a.timeoutS); },
+     [](const Json &, const Args &) { std::cout << "chassis " << g.dir << " stopped\n"; }},
+    {"status", "boards, roles, pids, status, start cause, sockets", NoOptions,
+     [](const Args &) -> std::optional<Json> { return Expect(Ctl().Status()); }, StatusText},
+    {"reboot", "reboot the whole chassis (start cause system boot)",
+     [](CLI::App &c, Args &a) { c.add_option("--timeout", a.timeoutS, "seconds to wait for the boards"); },
+     [](const Args &a) -> std::optional<Json> {
+         Expect(Ctl(a.timeoutS * 1000).Reboot());
+         return WaitBoardsUp(a.timeoutS);
+     },
+     [](const Json &s, const Args &) {
+         std::cout << "chassis " << g.dir << " rebooted\n";
+         PrintStatusText(s);
+     }},
+    {"board restart", "stop and start the board's daemon (start cause restart)",
+     [](CLI::App &c, Args &a) {
+         BoardArg(c, a);
+         c.add_option("--timeout", a.timeoutS, "seconds to wait for the board");
+     },
+     [](const Args &a) -> std::optional<Json> {
+         Expect(Ctl(a.timeoutS * 1000).BoardRestart(a.board));
+         return WaitBoardsUp(a.timeoutS, a.board);
+     },
+     StatusText},
+    {"board kill", "kill the board's daemon with SIGKILL (chassisd restarts it)", BoardArg,
+     [](const Args &a) -> std::optional<Json> { return Expect(Ctl().BoardKill(a.board)); },
+     [](const Json &, const Args &) { std::cout << "board daemon killed; chassisd restarts it\n"; }},
+    {"dump log", "chassisd's log, or a board's log with --board",
+     [](CLI::App &c, Args &a) { c.add_option("--board", a.optBoard, "board"); },
+     [](const Args &a) -> std::optional<Json> {
+         CmdLog(a.optBoard);
+         return std::nullopt;
+     },
+     nullptr},
+    {"dump db", "the platform database", NoOptions,
+     [](const Args &) -> std::optional<Json> {
+         CmdDb();
+         return std::nullopt;
+     },
+     nullptr},
+    {"dump if", "interfaces", NoOptions,
+     [](const Args &) -> std::optional<Json> { return Expect(Ctl().Dump("if")); },
+     [](const Json &r, const Args &) { PrintIfText(r); }},
+    {"dump vrf", "VRF bindings", NoOptions,
+     [](const Args &) -> std::optional<Json> { return Expect(Ctl().Dump("vrf")); },
+     [](const Json &r, const Args &) { PrintVrfText(r); }},
+    {"dump ktbdl", "a board's kernel bundle table", BoardOption,
+     [](const Args &a) -> std::optional<Json> { return Expect(Ctl().Dump("ktbdl", a.board)); },
+     [](const Json &r, const Args &) { PrintKtbdlText(r); }},
+    {"dump lsm", "a board's LSM entries", BoardOption,
+     [](const Args &a) -> std::optional<Json> { return Expect(Ctl().Dump("lsm", a.board)); },
+     [](const Json &r, const Args &) { PrintLsmText(r); }},
+    {"dump ha", "HA roles, registrations, responses", NoOptions,
+     [](const Args &) -> std::optional<Json> { return Expect(Ctl().Dump("ha")); },
+     [](const Json &r, const Args &) { PrintHaText(r); }},
+    {"dump fail", "planned failures", NoOptions,
+     [](const Args &) -> std::optional<Json> { return Expect(Ctl().Dump("fail")); },
+     [](const Json &r, const Args &) { PrintFailText(r); }},
+    {"if add", "add Tunnel<N>", IfOptions,
+     [](const Args &a) -> std::optional<Json> { return Done(Ctl().IfAdd(IfChangeOf(a, false)), a.ifName, "added"); },
+     IfText},
+    {"if set", "change an interface", IfOptions,
+     [](const Args &a) -> std::optional<Json> { return Done(Ctl().IfSet(IfChangeOf(a, true)), a.ifName, "changed"); },
+     IfText},
+    {"if del", "delete an interface",
+     [](CLI::App &c, Args &a) { c.add_option("NAME", a.ifName, "interface")->required(); },
+     [](const Args &a) -> std::optional<Json> { return Done(Ctl().IfDel(a.ifName), a.ifName, "deleted"); },
+     IfText},
+    {"vrf bind", "bind an interface to a VRF",
+     [](CLI::App &c, Args &a) {
+         c.add_option("IFNAME", a.ifName, "interface")->required();
+         c.add_option("VRF", a.vrfIndex, "VRF index")->required();
+     },
+     [](const Args &a) -> std::optional<Json> { return Done(Ctl().VrfBind(a.ifName, a.vrfIndex), a.ifName, "bound"); },
+     [](const Json &, const Args &a) { std::cout << a.ifName << " bound to VRF " << a.vrfIndex << "\n"; }},
+    {"vrf unbind", "unbind an interface from its VRF",
+     [](CLI::App &c, Args &a) { c.add_option("IFNAME", a.ifName, "interface")->required(); },
+     [](const Args &a) -> std::optional<Json> { return Done(Ctl().VrfUnbind(a.ifName), a.ifName, "unbound"); },
+     [](const Json &, const Args &a) { std::cout << a.ifName << " unbound\n"; }},
+    {"fail", "make a platform call fail on a board ('fail clear' clears all)", FailOptions, FailRun, FailText},
+    {"ha event", "deliver HA event N (0-3) to a board's daemon",
+     [](CLI::App &c, Args &a) {
+         c.add_option("N", a.event, "event")->required();
+         BoardOption(c, a);
+     },
+     [](const Args &a) -> std::optional<Json> { return Expect(Ctl().HaEvent(a.board, a.event)); },
+     [](const Json &, const Args &a) { std::cout << "HA event " << a.event << " sent to board " << a.board << "\n"; }},
+};
+
+/* Commands of two words hang under a group that needs one of them. */
+struct Group {
+    const char *name;
+    const char *help;
+};
+const Group kGroups[] = {
+    {"board", "one board's daemon"}, {"dump", "show a service's state"}, {"if", "tunnel interfaces"},
+    {"vrf", "L3VPN bindings"},       {"ha", "HA service"},
+};
+
+CLI::App *GroupOf(CLI::App &app, const std::string &name)
+{
+    static std::map<std::string, CLI::App *> made;
+    if (auto it = made.find(name); it != made.end()) {
+        return it->second;
+    }
+    for (const Group &gr : kGroups) {
+        if (name == gr.name) {
+            CLI::App *sub = app.add_subcommand(gr.name, gr.help);
+            sub->require_subcommand(1);
+            made[name] = sub;
+            return sub;
+        }
+    }
+    Die("no command group " + name);
+}
+
+/* Adds a command's subcommand under its group; returns it. */
+CLI::App *AddCommand(CLI::App &app, const Command &cmd, Args &a)
+{
+    std::string path = cmd.path;
+    auto space = path.find(' ');
+    CLI::App *parent = space == std::string::npos ? &app : GroupOf(app, path.substr(0, space));
+    CLI::App *sub = parent->add_subcommand(space == std::string::npos ? path : path.substr(space + 1), cmd.help);
+    cmd.setup(*sub, a);
+    return sub;
+}
+
 } // namespace
 
 int Main(int argc, char **argv)
@@ -284,88 +536,11 @@ int Main(int argc, char **argv)
     app.add_option("--dir", g.dir, "chassis directory (default $TBDL_CHASSIS_DIR or ./chassis)");
     app.add_flag("--json", g.json, "print JSON");
 
-    int timeoutS = 30;
-    std::string chassisd;
-    auto *start = app.add_subcommand("start", "start chassisd and wait for the boards (other options go to chassisd)");
-    start->allow_extras();
-    start->fallthrough(false); /* what chassisctl does not know goes to chassisd */
-    start->add_option("--dir", g.dir, "chassis directory");
-    start->add_option("--timeout", timeoutS, "seconds to wait for the boards");
-    start->add_option("--chassisd", chassisd, "chassisd program");
-
-    auto *stop = app.add_subcommand("stop", "stop the boards in order and chassisd");
-    stop->add_option("--timeout", timeoutS, "seconds to wait");
-    auto *status = app.add_subcommand("status", "boards, roles, pids, status, start cause, sockets");
-    auto *reboot = app.add_subcommand("reboot", "reboot the whole chassis (start cause system boot)");
-    reboot->add_option("--timeout", timeoutS, "seconds to wait for the boards");
-
-    int board = -1;
-    auto *boardCmd = app.add_subcommand("board", "one board's daemon");
-    boardCmd->require_subcommand(1);
-    auto *bRestart = boardCmd->add_subcommand("restart", "stop and start the board's daemon (start cause restart)");
-    bRestart->add_option("N", board, "board")->required();
-    bRestart->add_option("--timeout", timeoutS, "seconds to wait for the board");
-    auto *bKill = boardCmd->add_subcommand("kill", "kill the board's daemon with SIGKILL (chassisd restarts it)");
-    bKill->add_option("N", board, "board")->required();
-
-    std::optional<int> optBoard;
-    auto *dump = app.add_subcommand("dump", "show a service's state");
-    dump->require_subcommand(1);
-    auto *dLog = dump->add_subcommand("log", "chassisd's log, or a board's log with --board");
-    dLog->add_option("--board", optBoard, "board");
-    auto *dDb = dump->add_subcommand("db", "the platform database");
-    auto *dIf = dump->add_subcommand("if", "interfaces");
-    auto *dVrf = dump->add_subcommand("vrf", "VRF bindings");
-    auto *dKtbdl = dump->add_subcommand("ktbdl", "a board's kernel bundle table");
-    dKtbdl->add_option("--board", board, "board")->required();
-    auto *dLsm = dump->add_subcommand("lsm", "a board's LSM entries");
-    dLsm->add_option("--board", board, "board")->required();
-    auto *dHa = dump->add_subcommand("ha", "HA roles, registrations, responses");
-    auto *dFail = dump->add_subcommand("fail", "planned failures");
-
-    std::string ifName, state;
-    std::optional<std::string> mode;
-    std::optional<uint32_t> vrf;
-    auto *ifCmd = app.add_subcommand("if", "tunnel interfaces");
-    ifCmd->require_subcommand(1);
-    auto *ifAdd = ifCmd->add_subcommand("add", "add Tunnel<N>");
-    auto *ifSet = ifCmd->add_subcommand("set", "change an interface");
-    auto *ifDel = ifCmd->add_subcommand("del", "delete an interface");
-    for (auto *c : {ifAdd, ifSet}) {
-        c->add_option("NAME", ifName, "Tunnel<N>")->required();
-        c->add_option("--mode", mode, "tunnel mode (number; 'none' on set removes it)");
-        c->add_option("--state", state, "up or down")->check(CLI::IsMember({"up", "down"}));
-        c->add_option("--vrf", vrf, "VRF index");
+    Args args;
+    std::vector<CLI::App *> subs;
+    for (const Command &cmd : kCommands) {
+        subs.push_back(AddCommand(app, cmd, args));
     }
-    ifDel->add_option("NAME", ifName, "interface")->required();
-
-    uint32_t vrfIndex = 0;
-    auto *vrfCmd = app.add_subcommand("vrf", "L3VPN bindings");
-    vrfCmd->require_subcommand(1);
-    auto *vBind = vrfCmd->add_subcommand("bind", "bind an interface to a VRF");
-    vBind->add_option("IFNAME", ifName, "interface")->required();
-    vBind->add_option("VRF", vrfIndex, "VRF index")->required();
-    auto *vUnbind = vrfCmd->add_subcommand("unbind", "unbind an interface from its VRF");
-    vUnbind->add_option("IFNAME", ifName, "interface")->required();
-
-    std::string call;
-    int count = 1;
-    bool always = false;
-    std::optional<int64_t> result;
-    auto *fail = app.add_subcommand("fail", "make a platform call fail on a board ('fail clear' clears all)");
-    fail->add_option("CALL", call, "platform call name, or clear")->required();
-    fail->add_option("--board", optBoard, "board (default 0; all boards for clear)");
-    auto *countOpt = fail->add_option("--count", count, "fail the next K calls (default 1)");
-    fail->add_flag("--always", always, "fail every call until cleared")->excludes(countOpt);
-    fail->add_option("--result", result, "value the call returns (default: the call's own failure)");
-
-    uint32_t event = 0;
-    auto *ha = app.add_subcommand("ha", "HA service");
-    ha->require_subcommand(1);
-    auto *haEvent = ha->add_subcommand("event", "deliver HA event N (0-3) to a board's daemon");
-    haEvent->add_option("N", event, "event")->required();
-    haEvent->add_option("--board", board, "board")->required();
-
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success &e) {
@@ -381,89 +556,13 @@ int Main(int argc, char **argv)
     if (app.get_subcommands().empty()) {
         Die("a command is needed (see --help)");
     }
-    if (*start) {
-        CmdStart(start->remaining(), chassisd, timeoutS);
-    } else if (*stop) {
-        CmdStop(timeoutS);
-    } else if (*status) {
-        Print(Request({{"cmd", "status"}}), PrintStatusText);
-    } else if (*reboot) {
-        Request({{"cmd", "reboot"}}, timeoutS * 1000);
-        Json st = WaitBoardsUp(timeoutS);
-        Print(st, [](const Json &s) {
-            std::cout << "chassis " << g.dir << " rebooted\n";
-            PrintStatusText(s);
-        });
-    } else if (*bRestart) {
-        Request({{"cmd", "board_restart"}, {"board", board}}, timeoutS * 1000);
-        Json st = WaitBoardsUp(timeoutS, board);
-        Print(st, PrintStatusText);
-    } else if (*bKill) {
-        Json r = Request({{"cmd", "board_kill"}, {"board", board}});
-        Print(r, [](const Json &) { std::cout << "board daemon killed; chassisd restarts it\n"; });
-    } else if (*dLog) {
-        CmdLog(optBoard);
-    } else if (*dDb) {
-        CmdDb();
-    } else if (*dIf) {
-        Print(Request({{"cmd", "dump_if"}}), PrintIfText);
-    } else if (*dVrf) {
-        Print(Request({{"cmd", "dump_vrf"}}), PrintVrfText);
-    } else if (*dKtbdl) {
-        Print(Request({{"cmd", "dump_ktbdl"}, {"board", board}}), PrintKtbdlText);
-    } else if (*dLsm) {
-        Print(Request({{"cmd", "dump_lsm"}, {"board", board}}), PrintLsmText);
-    } else if (*dHa) {
-        Print(Request({{"cmd", "dump_ha"}}), PrintHaText);
-    } else if (*dFail) {
-        Print(Request({{"cmd", "dump_fail"}}), PrintFailText);
-    } else if (*ifAdd || *ifSet) {
-        Json req = {{"cmd", *ifAdd ? "if_add" : "if_set"}, {"name", ifName}};
-        if (mode) {
-            if (*mode == "none" && *ifSet) {
-                req["mode"] = nullptr;
-            } else {
-                try {
-                    size_t used = 0;
-                    unsigned long m = std::stoul(*mode, &used, 0);
-                    if (used != mode->size() || m > UINT32_MAX) {
-                        throw std::invalid_argument("mode");
-                    }
-                    req["mode"] = static_cast<uint32_t>(m);
-                } catch (const std::exception &) {
-                    Die("--mode " + *mode + ": expected a number" + std::string(*ifSet ? " or none" : ""));
-                }
+    for (size_t i = 0; i < subs.size(); ++i) {
+        if (subs[i]->parsed()) {
+            if (std::optional<Json> answer = kCommands[i].run(args)) {
+                Print(*answer, args, kCommands[i].text);
             }
+            break;
         }
-        if (!state.empty()) req["state"] = state;
-        if (vrf) req["vrf"] = *vrf;
-        Print(Request(req), [&](const Json &) { std::cout << "interface " << ifName << (*ifAdd ? " added\n" : " changed\n"); });
-    } else if (*ifDel) {
-        Print(Request({{"cmd", "if_del"}, {"name", ifName}}), [&](const Json &) { std::cout << "interface " << ifName << " deleted\n"; });
-    } else if (*vBind) {
-        Print(Request({{"cmd", "vrf_bind"}, {"name", ifName}, {"vrf", vrfIndex}}),
-              [&](const Json &) { std::cout << ifName << " bound to VRF " << vrfIndex << "\n"; });
-    } else if (*vUnbind) {
-        Print(Request({{"cmd", "vrf_unbind"}, {"name", ifName}}), [&](const Json &) { std::cout << ifName << " unbound\n"; });
-    } else if (*fail) {
-        if (call == "clear") {
-            Json req = {{"cmd", "fail_clear"}};
-            if (optBoard) req["board"] = *optBoard;
-            Print(Request(req), [](const Json &) { std::cout << "planned failures cleared\n"; });
-        } else {
-            if (!always && count < 1) {
-                Die("--count must be at least 1");
-            }
-            Json req = {{"cmd", "fail"}, {"call", call}, {"board", optBoard.value_or(0)}, {"always", always}, {"count", count}};
-            if (result) req["result"] = *result;
-            Print(Request(req), [&](const Json &) {
-                std::cout << call << " fails on board " << optBoard.value_or(0) << " "
-                          << (always ? std::string("always") : std::to_string(count) + " time(s)") << "\n";
-            });
-        }
-    } else if (*haEvent) {
-        Print(Request({{"cmd", "ha_event"}, {"board", board}, {"event", event}}),
-              [&](const Json &) { std::cout << "HA event " << event << " sent to board " << board << "\n"; });
     }
     return 0;
 }

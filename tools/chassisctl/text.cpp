@@ -105,7 +105,10 @@ void PrintKtbdlText(const Json &r)
     for (const Json &b : r["bundles"]) {
         std::string members;
         for (const Json &m : b["members"]) {
-            members += (members.empty() ? "" : ",") + Hex(m);
+            if (!members.empty()) {
+                members += ',';
+            }
+            members += Hex(m);
         }
         bool up = b.value("updated", false);
         t.Add({Hex(b["ifindex"]), S(b["name"]), up ? S(b["state"]) : "-", up ? S(b["tnl_mode"]) : "-",
@@ -129,7 +132,8 @@ void PrintLsmText(const Json &r)
             paths += "/w";
             paths += S(p["weight"]);
             if (p.contains("backup")) {
-                paths += "+backup " + Hex(p["backup"]["ifindex"]);
+                paths += "+backup ";
+                paths += Hex(p["backup"]["ifindex"]);
             }
         }
         t.Add({Hex(e["ifindex"]), S(e["protocol"]), S(e["mode_code"]), S(e["address"]), S(e["vrf"]), paths.empty() ? "-" : paths});

@@ -1,0 +1,86 @@
+/* Typed client of chassisd's control commands: one method per command.
+ * The JSON requests are built here and nowhere else; chassisctl and the
+ * benchmarks call these methods. Each call is one connection to the chassis
+ * socket, one request and one (possibly chunked) reply. */
+#ifndef TBDL_PLAT_CTL_CLIENT_H
+#define TBDL_PLAT_CTL_CLIENT_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+namespace tbdl::ctl {
+
+using Json = nlohmann::json;
+
+/* What a command got back. */
+struct Answer {
+    enum class Status {
+        OK,          /* reply holds chassisd's answer ("ok": true) */
+        REFUSED,     /* chassisd said no; error is its reason */
+        UNREACHABLE, /* no answer from the chassis socket; error says why */
+        UNREADABLE,  /* the answer was not JSON */
+    };
+    Status status = Status::UNREACHABLE;
+    Json reply;
+    std::string error;
+
+    explicit operator bool() const { return status == Status::OK; }
+};
+
+/* Interface fields of "if add" / "if set"; unset fields are left alone. */
+struct IfChange {
+    std::string name;
+    std::optional<uint32_t> mode;
+    bool clearMode = false; /* set only: the interface loses its tunnel mode */
+    std::optional<std::string> state; /* "up" or "down" */
+    std::optional<uint32_t> vrf;
+};
+
+/* A planned failure of a platform call on a board. */
+struct FailSpec {
+    int board = 0;
+    std::string call;
+    bool always = false; /* else the next count calls fail */
+    int count = 1;
+    std::optional<int64_t> result; /* else the call's own failure value */
+};
+
+class Client {
+public:
+    explicit Client(std::string socketPath, int timeoutMs = 10000);
+
+    /* Time a reply may take; commands that stop boards need more. */
+    void SetTimeout(int timeoutMs) { timeoutMs_ = timeoutMs; }
+
+    Answer Status();
+    Answer Stop();
+    Answer Reboot();
+    Answer BoardRestart(int board);
+    Answer BoardKill(int board);
+    Answer IfAdd(const IfChange &change);
+    Answer IfSet(const IfChange &change);
+    Answer IfDel(const std::string &name);
+    Answer VrfBind(const std::string &name, uint32_t vrf);
+    Answer VrfUnbind(const std::string &name);
+    /* A service's state: "if", "vrf", "ktbdl", "lsm", "ha", "fail"; board
+     * for the per-board ones. */
+    Answer Dump(const std::string &kind, std::optional<int> board = std::nullopt);
+    Answer Fail(const FailSpec &spec);
+    /* Every board's plan, or one board's. */
+    Answer FailClear(std::optional<int> board = std::nullopt);
+    Answer HaEvent(int board, uint32_t event);
+
+private:
+    Answer Call(const Json &request);
+    static Json IfRequest(const char *cmd, const IfChange &change);
+
+    std::string path_;
+    int timeoutMs_;
+};
+
+} // namespace tbdl::ctl
+
+#endif

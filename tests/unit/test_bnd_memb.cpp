@@ -104,8 +104,8 @@ TEST_F(BndMemb, MemberEventsAndTheirPushes)
     for (u32 ev : {TBDL_MEMB_EV_DEL, TBDL_MEMB_EV_ADD}) {
         Mark();
         ASSERT_EQ(MembEv(4, ev, m[2], 0), TBDL_OK);
-        EXPECT_EQ(fake::CallsOf("CIOCTL").back().data, BytesOf(TBDL_KMEMB_S{bndIf, m[2]}));
-        EXPECT_EQ(g_haPayloads.back(), BytesOf(TBDL_KMEMB_S{bndIf, m[2]}));
+        EXPECT_EQ(fake::CallsOf("CIOCTL").back().data, Host(TBDL_KMEMB_S{bndIf, m[2]}));
+        EXPECT_EQ(g_haPayloads.back(), Host(TBDL_KMEMB_S{bndIf, m[2]}));
     }
     EXPECT_TRUE(Logged("EVENT Notified KTBDL to delete the member interface " + std::to_string(m[2]) +
                        " from the tunnel bundle interface " + std::to_string(bndIf) + ".\r\n"));

@@ -60,7 +60,7 @@ TEST_F(BndRecover, RestoreOrDiscard)
         TBDL_INTF_SetSystemBoot(r.boot);
         TBDL_DBM_BND_S rec = Rec(r.num, r.mode, r.stored);
         u32 ifIndex = BndIf(r.num);
-        fake::SetVrf(ifIndex, r.current);
+        fake::FindInterface(ifIndex)->vrf = r.current;
         Mark();
         if (r.fault == NO_IFINDEX) {
             fake::FailAlways("IF_GetIfIndexByFullName", 0);

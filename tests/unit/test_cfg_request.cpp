@@ -156,7 +156,7 @@ TEST_F(CfgRequest, BundleRemovalUnbindsMembersBeforeTheBundleHandlerRuns)
     EXPECT_EQ(Exchange(Request(0, 1, 1, BndCreateTlvs(1))), Head(0, 0, TBDL_E_LAST_BND_DELETED, 1, 1));
     std::vector<std::string> names = fake::Names({"IF_DelPrivateData", "CIOCTL", "DBM_RemoveSortList"});
     EXPECT_EQ(names.empty() ? "" : names.front(), "IF_DelPrivateData");
-    EXPECT_EQ(std::make_pair(fake::PrivateData().count(ifIndex), fake::Db().count(Cat({Bytes{2}, Be32(1)}))),
+    EXPECT_EQ(std::make_pair(fake::PrivateData().count(ifIndex), fake::Db().count(MembKey(1))),
               std::make_pair(size_t(0), size_t(0)));
 }
 

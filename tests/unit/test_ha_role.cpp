@@ -136,7 +136,7 @@ TEST_F(HaRoleTest, ActivationAndDeactivationOrder)
     Start();
     StoreBnd(3);
     u32 ifIndex = fake::AddTunnel(1, 0, /*down*/ 0);
-    fake::DbPut({0x02, 0, 0, 0, 3}, 0, {0, 0, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0});
+    fake::DbPut(MembKey(3), 0, {0, 0, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0});
     Mark();
     ASSERT_EQ(TBDL_HA_Activate(), 0u);
     std::vector<std::string> order = {"SERVICE_GetStartCause", "DBM_Batch_Proc", "CIOCTL", "CIOCTL",

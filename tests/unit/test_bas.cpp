@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -85,26 +84,6 @@ TEST_F(BasTest, RegistrationHandsBackReportedMaskAndRegisteredDatum)
     EXPECT_EQ(0, epoll_wait(m_iEpfd, &ev, 1, 0));
     EXPECT_EQ(2, g_stSeen.iCalls);
     close(iFd);
-}
-
-/* ---- Timers ---- */
-
-TEST_F(BasTest, TimerIsArmedPeriodicWithThePeriodAsFirstExpiry)
-{
-    const struct { u32 uiMs; long long llNs; } cases[] = {{1500, 1500000000ll}, {0, 0}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.uiMs);
-        i32 iFd = TBDL_BAS_StartTimer(static_cast<u32>(m_iEpfd), NoCb, c.uiMs, 0);
-        ASSERT_GE(iFd, 0);
-        itimerspec stCur{};
-        ASSERT_EQ(0, timerfd_gettime(iFd, &stCur));
-        EXPECT_EQ(c.llNs, stCur.it_interval.tv_sec * 1000000000ll + stCur.it_interval.tv_nsec);
-        /* One period away, less what has elapsed; a zero period never fires. */
-        long long llLeft = stCur.it_value.tv_sec * 1000000000ll + stCur.it_value.tv_nsec;
-        EXPECT_LE(llLeft, c.llNs);
-        EXPECT_GE(llLeft, c.llNs == 0 ? 0 : c.llNs - 500000000ll);
-        TBDL_BAS_StopTimer(static_cast<u32>(m_iEpfd), iFd);
-    }
 }
 
 TEST_F(BasTest, TimerReadNeedsTheInputBitAndAnOpenTimer)

@@ -140,19 +140,4 @@ TEST_F(MainTest, StartsWithPlatformLimitsStopsOnSignalAndTearsDownInOrder)
     EXPECT_EQ((std::vector<uint64_t>{3, 0, 2, 0, 2, 0, 2}), opt.args);
 }
 
-TEST(SignalCallback, ShortReadLeavesTheProcessRunning)
-{
-    g_bTbdlIsStopProcess = 0;
-    g_bTbdlNormalStop = 0;
-    int aiPipe[2];
-    ASSERT_EQ(0, pipe(aiPipe));
-    char acSome[10] = {};
-    ASSERT_EQ(10, write(aiPipe[1], acSome, sizeof(acSome)));
-    EXPECT_EQ(TBDL_E_FAILED, tbdl_main_SignalCallback(EPOLLIN, static_cast<u64>(aiPipe[0])));
-    EXPECT_EQ(0, g_bTbdlIsStopProcess);
-    EXPECT_EQ(0, g_bTbdlNormalStop);
-    close(aiPipe[0]);
-    close(aiPipe[1]);
-}
-
 } // namespace

@@ -74,8 +74,6 @@ TEST_F(CfgRequest, MalformedRequestsAnswerInvalidMsgAndChangeNothing)
         {"two requests in one receive", Cat({debugOn, debugOn}), 0, 0},
         {"configuration type 3", Request(0, 3, 0, Tlv(398, Be32(2))), 3, 0},
         {"display type 2", Request(1, 2, 3), 2, 3},
-        {"display type 3", Request(1, 3, 3), 3, 3},
-        {"display type 4", Request(1, 4, 5), 4, 5},
         {"display type 6", Request(1, 6, 3), 6, 3},
     };
     for (const auto &c : cases) {

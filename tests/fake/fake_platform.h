@@ -2,12 +2,12 @@
  *
  * Every platform call the daemon makes is recorded in order with its
  * arguments and payload bytes. Results can be scripted per call name (fail
- * once, fail the Nth call, fail always) and hooks can run inside a call, on
- * the daemon's own thread. Behind the calls stands a small in-memory
- * platform (interfaces, VRF bindings, private data, a database of sorted
- * lists, an HA channel, a log) whose event sources
- * are real descriptors, so the daemon's modules and its event loop run for
- * real in a test. TLV coding and bitmaps are the platform's own code. */
+ * once, fail always) and hooks can run inside a call, on the daemon's own
+ * thread. Behind the calls stands a small in-memory platform (interfaces,
+ * VRF bindings, private data, a database of sorted lists, an HA channel, a
+ * log) whose event sources are real descriptors, so the daemon's modules
+ * and its event loop run for real in a test. TLV coding and bitmaps are the
+ * platform's own code. */
 #ifndef FAKE_PLATFORM_H
 #define FAKE_PLATFORM_H
 

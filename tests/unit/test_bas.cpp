@@ -1,4 +1,4 @@
-/* Base services: loop registration and periodic timers. */
+/* Base services: loop registration and the timer's failure paths. */
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -84,20 +84,6 @@ TEST_F(BasTest, RegistrationHandsBackReportedMaskAndRegisteredDatum)
     EXPECT_EQ(0, epoll_wait(m_iEpfd, &ev, 1, 0));
     EXPECT_EQ(2, g_stSeen.iCalls);
     close(iFd);
-}
-
-TEST_F(BasTest, TimerReadNeedsTheInputBitAndAnOpenTimer)
-{
-    i32 iFd = TBDL_BAS_StartTimer(static_cast<u32>(m_iEpfd), NoCb, 1, 0);
-    ASSERT_GE(iFd, 0);
-    epoll_event ev{};
-    ASSERT_EQ(1, epoll_wait(m_iEpfd, &ev, 1, 5000));
-    /* Error or hang-up only: fails without reading. */
-    EXPECT_EQ(TBDL_E_FAILED, TBDL_BAS_TIMERFD_Read(EPOLLERR | EPOLLHUP, iFd));
-    EXPECT_EQ(1, epoll_wait(m_iEpfd, &ev, 1, 0));
-    EXPECT_EQ(0u, TBDL_BAS_TIMERFD_Read(EPOLLIN, iFd));
-    TBDL_BAS_StopTimer(static_cast<u32>(m_iEpfd), iFd);
-    EXPECT_EQ(TBDL_E_FAILED, TBDL_BAS_TIMERFD_Read(EPOLLIN, iFd));
 }
 
 TEST_F(BasTest, FailedStartLeavesNoDescriptorAndFailedStopLogsAndStillCloses)

@@ -112,12 +112,6 @@ TEST_F(HaMsgTest, MessageThatDoesNotFitSendsTheBufferFirst)
     ASSERT_EQ(fake::HaSentMessages().size(), 1u);
     EXPECT_EQ(std::make_tuple(fake::HaSentMessages()[0].msg, fake::HaSentMessages()[0].flag, g_stTbdlHaVar.usMsgLen),
               std::make_tuple(kGoldenBnd, 1u, u16(12)));
-
-    /* A TLV larger than the whole buffer is refused after one send. */
-    Reinit(30);
-    ASSERT_EQ(tbdl_ha_EncMsg(TBDL_HA_MSG_MEMB_ADD, &add), 0u);
-    EXPECT_EQ(tbdl_ha_EncMsg(TBDL_HA_MSG_BND_UPDATE, &kSampleBnd), TBDL_E_FAILED);
-    EXPECT_EQ(std::make_pair(fake::HaSentMessages().size(), g_stTbdlHaVar.usMsgLen), std::make_pair(size_t(2), u16(0)));
 }
 
 /* The batch sends every bundle in ascending number, each update followed by

@@ -38,16 +38,11 @@ u32 __wrap_STLV_Set(void *pDst, u32 uiRoom, u16 usType, u16 usLen, const void *p
     });
 }
 
-/* A scripted result of 0 makes the creation fail; any other still yields a
- * real bitmap. */
+/* A scripted result of 0 makes the creation fail. */
 void *__wrap_Bitmap_Create(u32 uiBits)
 {
-    void *pv = nullptr;
-    uint64_t ul = Run<uint64_t>(Mk("Bitmap_Create", {U(uiBits)}), [&]() -> uint64_t {
-        pv = __real_Bitmap_Create(uiBits);
-        return reinterpret_cast<uintptr_t>(pv);
-    });
-    return (ul != 0 && pv == nullptr) ? __real_Bitmap_Create(uiBits) : pv;
+    return Run<void *>(Mk("Bitmap_Create", {U(uiBits)}),
+                       [&] { return reinterpret_cast<uintptr_t>(__real_Bitmap_Create(uiBits)); });
 }
 
 /* A call on one bit records the bit number. */

@@ -1,5 +1,6 @@
 /* Journal, scripted results, hooks and settings of the recording fake. */
 #include <algorithm>
+#include <deque>
 #include <iterator>
 #include <mutex>
 #include <utility>
@@ -9,11 +10,11 @@
 namespace fake {
 namespace {
 
+/* Results for the next calls, in order, then the one for every call. */
 struct Script {
+    std::deque<uint64_t> dqOnce;
     bool bAlways = false;
     uint64_t ulAlways = 0;
-    /* Pending Nth-call failures: calls still to pass before it fires. */
-    std::vector<std::pair<unsigned, uint64_t>> vecNth;
 };
 
 std::mutex g_mtxJournal;
@@ -43,22 +44,13 @@ bool Scripted(const std::string &name, uint64_t *pulResult)
         return false;
     }
     Script &s = it->second;
-    bool bHit = false;
-    /* Every pending entry counts this call; the first to reach zero fires. */
-    for (auto nth = s.vecNth.begin(); nth != s.vecNth.end();) {
-        if (--nth->first == 0 && !bHit) {
-            bHit = true;
-            *pulResult = nth->second;
-            nth = s.vecNth.erase(nth);
-        } else {
-            ++nth;
-        }
+    if (!s.dqOnce.empty()) {
+        *pulResult = s.dqOnce.front();
+        s.dqOnce.pop_front();
+        return true;
     }
-    if (!bHit && s.bAlways) {
-        bHit = true;
-        *pulResult = s.ulAlways;
-    }
-    return bHit;
+    *pulResult = s.ulAlways;
+    return s.bAlways;
 }
 
 void Record(Call &&call)
@@ -98,8 +90,6 @@ void Reset()
     detail::ResetMisc();
 }
 
-const std::vector<Call> &Calls() { return g_vecCalls; }
-
 std::vector<Call> CallsOf(const std::string &name) { return Select([&](const Call &c) { return c.name == name; }); }
 
 size_t CountOf(const std::string &name) { return CallsOf(name).size(); }
@@ -121,14 +111,7 @@ void ClearJournal()
     g_vecCalls.clear();
 }
 
-void FailOnce(const std::string &name, uint64_t result) { FailNth(name, 1, result); }
-
-void FailNth(const std::string &name, unsigned n, uint64_t result)
-{
-    if (n != 0) {
-        g_mapScripts[name].vecNth.emplace_back(n, result);
-    }
-}
+void FailOnce(const std::string &name, uint64_t result) { g_mapScripts[name].dqOnce.push_back(result); }
 
 void FailAlways(const std::string &name, uint64_t result)
 {

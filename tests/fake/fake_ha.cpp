@@ -107,16 +107,11 @@ u32 HA_Exit(i32 iHandle)
 
 u32 HA_GetMTU(i32 iHandle) { return Run<u32>(Mk(__func__, {S(iHandle)}), [] { return Config().haMtu; }); }
 
-/* A scripted result of 0 makes the allocation fail; any other still yields
- * a real buffer. */
+/* A scripted result of 0 makes the allocation fail. */
 void *HA_AllocMsg(u32 uiSize)
 {
-    void *pv = nullptr;
-    uint64_t ul = Run<uint64_t>(Mk(__func__, {U(uiSize)}), [&] {
-        pv = std::malloc(uiSize == 0 ? 1 : uiSize);
-        return reinterpret_cast<uintptr_t>(pv);
-    });
-    return (ul != 0 && pv == nullptr) ? std::malloc(uiSize == 0 ? 1 : uiSize) : pv;
+    return Run<void *>(Mk(__func__, {U(uiSize)}),
+                       [&] { return reinterpret_cast<uintptr_t>(std::malloc(uiSize == 0 ? 1 : uiSize)); });
 }
 
 void HA_FreeMsg(void *pvMsg) { Run<void>(Mk(__func__, {}), [&] { std::free(pvMsg); }); }

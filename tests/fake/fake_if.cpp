@@ -1,6 +1,5 @@
 /* Fake interface manager, tunnel library and L3VPN service: interfaces,
- * their data, VRF bindings, the private-data store and the (by default
- * failing) event sources. */
+ * their data, VRF bindings and the private-data store. */
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -17,12 +16,11 @@ constexpr uint64_t kPdInstance = 0x9D;
 constexpr uint32_t kFirstTunnelIndex = 0x100;
 constexpr uint32_t kFirstBundleIndex = 0x1000;
 
-/* Interfaces, private data and registrations, cleared by Reset. */
+/* Interfaces and private data, cleared by Reset. */
 struct IfState {
     std::map<uint32_t, Interface> mapIf;
     std::map<uint32_t, void *> mapPd;
     bool bPdCreated = false;
-    Registrations stReg;
 } g_stIf;
 
 uint32_t NextFreeIndex(uint32_t uiFrom)
@@ -72,8 +70,6 @@ uint32_t AddTunnel(uint32_t number, uint32_t tnlMode, uint32_t state, uint16_t v
     return uiIndex;
 }
 
-void AddInterface(const Interface &intf) { g_stIf.mapIf[intf.ifIndex] = intf; }
-
 Interface *FindInterface(uint32_t ifIndex)
 {
     auto it = g_stIf.mapIf.find(ifIndex);
@@ -87,18 +83,7 @@ Interface *FindInterface(const std::string &name)
     return it == map.end() ? nullptr : &it->second;
 }
 
-void RemoveInterface(uint32_t ifIndex) { g_stIf.mapIf.erase(ifIndex); }
-
-void SetVrf(uint32_t ifIndex, uint16_t vrf)
-{
-    if (Interface *p = FindInterface(ifIndex)) {
-        p->vrf = vrf;
-    }
-}
-
 std::map<uint32_t, void *> &PrivateData() { return g_stIf.mapPd; }
-
-Registrations &Registered() { return g_stIf.stReg; }
 
 } // namespace fake
 
@@ -235,36 +220,6 @@ u32 IF_GetNextPrivateData(u64 ulInstance, u32 *puiIfIndex, void **ppvData)
                     [&] { return PdAt(ulInstance, g_stIf.mapPd.upper_bound(*puiIfIndex), puiIfIndex, ppvData); });
 }
 
-i32 IF_Event_Init(void) { return Run<i32>(Mk(__func__, {}), S(-1)); }
-
-void IF_Event_Fini(i32 iFd) { Run<void>(Mk(__func__, {S(iFd)}), 0); }
-
-u32 IF_Select_Init(u32 uiKind, void *pvSelect, void *pvSelectData)
-{
-    return Run<u32>(Mk(__func__, {U(uiKind)}, Copy(pvSelect, 16), Copy(pvSelectData, 24)), 0);
-}
-
-u32 IF_SelectType_Set(u32 uiIfType, void * /*pvSelect*/) { return Run<u32>(Mk(__func__, {U(uiIfType)}), 0); }
-
-u32 IF_RegIfEventEx(u32 uiModule, u32 uiMask, u32 uiPriority, void * /*pvSelect*/, IF_EVENT_CB_PF pfnCallback,
-                    u32 uiArg)
-{
-    g_stIf.stReg.pfnIfEvent = pfnCallback;
-    g_stIf.stReg.uiIfEventArg = uiArg;
-    return Run<u32>(Mk(__func__, {U(uiModule), U(uiMask), U(uiPriority), U(uiArg)}), 0);
-}
-
-u32 IF_UnRegEvent(u32 uiHandle, u32 uiMask) { return Run<u32>(Mk(__func__, {U(uiHandle), U(uiMask)}), 0); }
-
-u32 IF_ResponseEventPkt(i32 iFd) { return Run<u32>(Mk(__func__, {S(iFd)}), 1); }
-
-u32 IF_NotifyFinalStatus(u32 uiHandle, u32 uiEvent, void *pastIf, u32 uiCount, u32 uiArg)
-{
-    return Run<u32>(Mk(__func__, {U(uiHandle), U(uiEvent), U(uiCount), U(uiArg)},
-                       Copy(pastIf, static_cast<size_t>(uiCount) * sizeof(IF_EVENT_ENTRY_S))),
-                    0);
-}
-
 u32 TUNNEL_GetMode(u32 uiIfIndex, u32 *puiMode)
 {
     return Run<u32>(Mk(__func__, {U(uiIfIndex)}), [&]() -> uint64_t {
@@ -288,22 +243,5 @@ u32 L3VPN_GetVrfIndexByIfIndex(u32 uiIfIndex, u16 *pusVrfIndex)
         return 0;
     });
 }
-
-i32 L3VPN_RegEvt(const char *pcName, u32 uiEvtMask, u32 uiArg, L3VPN_EVT_CB_PF pfnCallback, u32 uiArg2)
-{
-    g_stIf.stReg.pfnL3vpn = pfnCallback;
-    return Run<i32>(WithText(Mk(__func__, {U(uiEvtMask), U(uiArg), U(uiArg2)}), Str(pcName)), S(-1));
-}
-
-u32 L3VPN_RequestBatch(i32 iFd, u32 uiVrfIndex) { return Run<u32>(Mk(__func__, {S(iFd), U(uiVrfIndex)}), 0); }
-
-u32 L3VPN_ProcEvt(i32 iFd) { return Run<u32>(Mk(__func__, {S(iFd)}), 1); }
-
-u32 L3VPN_FinalStatusNotify(i32 iFd, u16 usVrfIndex, u32 uiEvent)
-{
-    return Run<u32>(Mk(__func__, {S(iFd), U(usVrfIndex), U(uiEvent)}), 0);
-}
-
-u32 L3VPN_DeregEvent(i32 iFd) { return Run<u32>(Mk(__func__, {S(iFd)}), 0); }
 
 } // extern "C"

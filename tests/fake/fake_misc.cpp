@@ -15,13 +15,12 @@ using namespace fake::detail;
 namespace fake {
 namespace {
 
-/* Log, statuses and kernel table, cleared by Reset; the socket paths
+/* Log and statuses, cleared by Reset; the socket paths
  * are removed by Reset and at exit. */
 struct MiscState {
     std::vector<std::string> vecLog;
     bool bLogOpen = false;
     std::vector<uint32_t> vecStatuses;
-    std::map<uint32_t, KBundle> mapKtbdl;
 } g_stMisc;
 unsigned g_uiPathGen = 0;
 std::vector<std::string> g_vecPaths;
@@ -47,35 +46,13 @@ std::string VFormat(const char *pcFormat, va_list args)
     return s;
 }
 
-uint32_t Ld32(const Bytes &b, size_t ulOff)
-{
-    uint32_t ui = 0;
-    std::memcpy(&ui, b.data() + ulOff, sizeof(ui));
-    return ui;
-}
-
-/* Applies one KTBDL command; false when the fake does not know it. */
-bool ApplyKtbdl(u32 uiCmd, const Bytes &payload)
+/* A KTBDL command the kernel knows, with its payload length. */
+bool KnownKtbdl(u32 uiCmd, size_t ulLen)
 {
     constexpr u32 kBndUpdate = 0x7c0002u;
     constexpr u32 kMembAdd = 0x7c0003u;
     constexpr u32 kMembDel = 0x7c0004u;
-    if (uiCmd == kBndUpdate && payload.size() == 36) {
-        g_stMisc.mapKtbdl[Ld32(payload, 20)].payload = payload;
-        return true;
-    }
-    if ((uiCmd == kMembAdd || uiCmd == kMembDel) && payload.size() == 8) {
-        std::vector<uint32_t> &members = g_stMisc.mapKtbdl[Ld32(payload, 0)].members;
-        uint32_t uiMemb = Ld32(payload, 4);
-        auto it = std::find(members.begin(), members.end(), uiMemb);
-        if (uiCmd == kMembAdd && it == members.end()) {
-            members.push_back(uiMemb);
-        } else if (uiCmd == kMembDel && it != members.end()) {
-            members.erase(it);
-        }
-        return true;
-    }
-    return false;
+    return (uiCmd == kBndUpdate && ulLen == 36) || ((uiCmd == kMembAdd || uiCmd == kMembDel) && ulLen == 8);
 }
 
 } // namespace
@@ -92,8 +69,6 @@ std::vector<std::string> LogLines() { return g_stMisc.vecLog; }
 bool LogOpen() { return g_stMisc.bLogOpen; }
 
 const std::vector<uint32_t> &ServiceStatuses() { return g_stMisc.vecStatuses; }
-
-std::map<uint32_t, KBundle> &Ktbdl() { return g_stMisc.mapKtbdl; }
 
 std::string HostPath(uint16_t port)
 {
@@ -201,7 +176,7 @@ u32 TBDL_Opt_Parse(u64 ulRowCount, TBDL_OPT_ROW_S *pstRows)
 u32 CIOCTL(u32 uiDev, u32 uiCmd, u32 uiLen, void *pvBuf, u32 uiArg1, u32 uiArg2, u32 uiArg3)
 {
     return Run<u32>(Mk(__func__, {U(uiDev), U(uiCmd), U(uiLen), U(uiArg1), U(uiArg2), U(uiArg3)}, Copy(pvBuf, uiLen)),
-                    [&](Call &c) { return (uiDev == 0xFFFF8000u && ApplyKtbdl(uiCmd, c.data)) ? 0 : 1; });
+                    [&](Call &c) { return (uiDev == 0xFFFF8000u && KnownKtbdl(uiCmd, c.data.size())) ? 0 : 1; });
 }
 
 u32 LIPC_GetHostPath(u16 usPort, char *pcPath, u32 uiLen)
@@ -216,58 +191,5 @@ u32 LIPC_GetHostPath(u16 usPort, char *pcPath, u32 uiLen)
         return 0;
     });
 }
-
-i32 LSM_RegProtocolHandler(const void *pvReg, LSM_MSG_HANDLER_PF pfnHandler, u32 uiProtocol)
-{
-    Registered().pfnLsm = pfnHandler;
-    return Run<i32>(Mk(__func__, {U(uiProtocol)}, Copy(pvReg, 16)), S(-1));
-}
-
-u32 LSM_DeregProtocolHandler(i32 iHandle) { return Run<u32>(Mk(__func__, {S(iHandle)}), 0); }
-
-u32 LSM_SendGrEvent(i32 iHandle, u32 uiType) { return Run<u32>(Mk(__func__, {S(iHandle), U(uiType)}), 0); }
-
-/* Records the 96-byte entry, then the primary paths it points to and its
- * attribute block. */
-u32 LSM_AddLspEntry(i32 iHandle, u32 uiArg, const void *pvEntry, u32 uiCount, u32 uiIfIndex, u32 uiLabel)
-{
-    constexpr size_t kEntryLen = 96;
-    constexpr size_t kPathLen = 64;
-    constexpr size_t kAttrLen = 16;
-    Call c = Mk(__func__, {S(iHandle), U(uiArg), U(uiCount), U(uiIfIndex), U(uiLabel)}, Copy(pvEntry, kEntryLen));
-    if (pvEntry != nullptr) {
-        const auto *puc = static_cast<const uint8_t *>(pvEntry);
-        u16 usPaths = 0;
-        const void *pvPaths = nullptr;
-        const void *pvAttr = nullptr;
-        std::memcpy(&usPaths, puc + 8, sizeof(usPaths));
-        std::memcpy(&pvPaths, puc + 56, sizeof(pvPaths));
-        std::memcpy(&pvAttr, puc + 72, sizeof(pvAttr));
-        c.rec = Copy(pvPaths, usPaths * kPathLen);
-        Bytes attr = Copy(pvAttr, kAttrLen);
-        c.rec.insert(c.rec.end(), attr.begin(), attr.end());
-    }
-    return Run<u32>(std::move(c), 0);
-}
-
-u32 LSM_DeleteLspEntry(i32 iHandle, u32 uiArg, const void *pvKey, u32 uiKeyType, u32 uiAddr)
-{
-    return Run<u32>(Mk(__func__, {S(iHandle), U(uiArg), U(uiKeyType), U(uiAddr)}, Copy(pvKey, 28)), 0);
-}
-
-u32 LSM_FlushLspEntry(i32 iHandle) { return Run<u32>(Mk(__func__, {S(iHandle)}), 0); }
-
-u32 LSM_HandleMsg(i32 iHandle) { return Run<u32>(Mk(__func__, {S(iHandle)}), 1); }
-
-i32 PS_Register(u32 uiArg) { return Run<i32>(Mk(__func__, {U(uiArg)}), S(-1)); }
-
-void PS_Deregister(i32 iFd) { Run<void>(Mk(__func__, {S(iFd)}), 0); }
-
-i32 SubscribeServicePortEvent(u32 uiKind, const void *pvSub, u16 usPort, u16 usFlag)
-{
-    return Run<i32>(Mk(__func__, {U(uiKind), U(usPort), U(usFlag)}, Copy(pvSub, 12)), S(-1));
-}
-
-u32 RecvServicePortEvent(i32 iFd, void * /*pvEvt*/) { return Run<u32>(Mk(__func__, {S(iFd)}), 1); }
 
 } // extern "C"

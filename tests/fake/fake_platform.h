@@ -2,12 +2,12 @@
  *
  * Every platform call the daemon makes is recorded in order with its
  * arguments and payload bytes. Results can be scripted per call name (fail
- * once, fail the Nth call, fail always) and hooks can run inside a call, on
- * the daemon's own thread. Behind the calls stands a small in-memory
- * platform (interfaces, VRF bindings, private data, a database of sorted
- * lists, a kernel bundle table, an HA channel, a log) whose event sources
- * are real descriptors, so the daemon's modules and its event loop run for
- * real in a test. TLV coding and bitmaps are the platform's own code. */
+ * once, fail always) and hooks can run inside a call, on the daemon's own
+ * thread. Behind the calls stands a small in-memory platform (interfaces,
+ * VRF bindings, private data, a database of sorted lists, an HA channel, a
+ * log) whose event sources are real descriptors, so the daemon's modules
+ * and its event loop run for real in a test. TLV coding and bitmaps are the
+ * platform's own code. */
 #ifndef FAKE_PLATFORM_H
 #define FAKE_PLATFORM_H
 
@@ -40,7 +40,6 @@ struct Call {
 void Reset();
 
 /* The journal. */
-const std::vector<Call> &Calls();
 std::vector<Call> CallsOf(const std::string &name);
 size_t CountOf(const std::string &name);
 /* Names of the recorded calls in order, optionally only those in `only`. */
@@ -48,10 +47,10 @@ std::vector<std::string> Names(const std::vector<std::string> &only = {});
 void ClearJournal();
 
 /* Scripted results, per call name (e.g. "CIOCTL", "DBM_InsertSortList",
- * "HA_Init"). A scripted call does not run its emulated behaviour; it only
- * records and returns `result` (out-parameters untouched). */
+ * "HA_Init"): FailOnce results are used up in order, before FailAlways's. A
+ * scripted call does not run its emulated behaviour; it only records and
+ * returns `result` (out-parameters untouched). */
 void FailOnce(const std::string &name, uint64_t result);
-void FailNth(const std::string &name, unsigned n /* 1 = next call */, uint64_t result);
 void FailAlways(const std::string &name, uint64_t result);
 void ClearFailures();
 
@@ -74,8 +73,8 @@ struct Settings {
 Settings &Config();
 
 /* Interfaces known to the interface manager. "Tunnel-Bundle%d" names get an
- * index on demand from IF_GetIfIndexByFullName (from 0x1000 upward); other
- * names must be added. */
+ * index on demand from IF_GetIfIndexByFullName (from 0x1000 upward); tunnels
+ * are added by the test. */
 struct Interface {
     std::string name;
     uint32_t ifIndex = 0;
@@ -88,11 +87,8 @@ struct Interface {
 /* Adds "Tunnel<number>" of type 39 with the next free index (from 0x100
  * upward) and returns its index. */
 uint32_t AddTunnel(uint32_t number, uint32_t tnlMode = 0, uint32_t state = 1, uint16_t vrf = 0);
-void AddInterface(const Interface &intf);
 Interface *FindInterface(uint32_t ifIndex);
 Interface *FindInterface(const std::string &name);
-void RemoveInterface(uint32_t ifIndex);
-void SetVrf(uint32_t ifIndex, uint16_t vrf);
 
 /* Private-data store: ifindex -> pointer, for the one instance. */
 std::map<uint32_t, void *> &PrivateData();
@@ -103,13 +99,6 @@ using Bytes = std::vector<uint8_t>;
 std::map<Bytes, std::vector<Bytes>> &Db();
 bool DbOpen();               /* a DBM_Open succeeded and no DBM_Close since */
 void DbPut(const Bytes &key, uint32_t sortOffset, const Bytes &rec); /* seed stored records */
-
-/* Kernel bundle table of this board, as the KTBDL commands left it. */
-struct KBundle {
-    Bytes payload;                  /* last bundle update (36 bytes) */
-    std::vector<uint32_t> members;  /* member ifindexes in order added */
-};
-std::map<uint32_t, KBundle> &Ktbdl(); /* keyed by bundle ifindex */
 
 /* HA channel. HA_Init returns a real descriptor; these push input onto it,
  * which HA_Dispatch then delivers to the daemon's callbacks. */
@@ -133,35 +122,12 @@ bool LogOpen(); /* openlog called and closelog2 not yet */
 /* Service manager: the statuses reported with SERVICE_SetStatus. */
 const std::vector<uint32_t> &ServiceStatuses();
 
-/* ---- Event sources of later features ----
- * The calls that open an event source (IF_Event_Init, IF_RegIfEventEx,
- * L3VPN_RegEvt, LSM_RegProtocolHandler, SubscribeServicePortEvent,
- * PS_Register) and the calls that read one (IF_ResponseEventPkt,
- * L3VPN_ProcEvt, LSM_HandleMsg, RecvServicePortEvent) fail by default (-1,
- * a 0 handle, or 1). Script them to succeed, e.g. FailAlways("IF_Event_Init",
- * fdOfAnEventfdTheTestOwns), and deliver events from a hook on the read call
- * through the callbacks below. The other calls on a registration record
- * and answer 0.
- *
- * Journal details: 32-bit signed values (descriptors, i32 results) are
- * recorded sign-extended, unsigned ones zero-extended. LSM_AddLspEntry
- * records the 96-byte entry in data and, in rec, the primary paths it
- * announces (64 bytes each) followed by the 16-byte attribute block;
- * LSM_DeleteLspEntry records the 28 key bytes in data. */
-struct Registrations {
-    IF_EVENT_CB_PF pfnIfEvent = nullptr; /* IF_RegIfEventEx callback */
-    uint32_t uiIfEventArg = 0;           /* ... and its last argument */
-    L3VPN_EVT_CB_PF pfnL3vpn = nullptr;  /* L3VPN_RegEvt callback */
-    LSM_MSG_HANDLER_PF pfnLsm = nullptr; /* LSM_RegProtocolHandler handler */
-};
-Registrations &Registered();
-
 /* The path LIPC_GetHostPath gives for a local port: unique per test process
  * and per Reset; Reset removes the sockets of the previous test. */
 std::string HostPath(uint16_t port);
 
-/* A KTBDL command the fake does not know, or a payload of the wrong length,
- * is recorded and answered 1 without touching Ktbdl(). */
+/* CIOCTL answers 0 to a KTBDL bundle update (36 bytes) or member add or
+ * delete (8 bytes); any other command or length is recorded and answered 1. */
 
 } // namespace fake
 

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "bnd/tbdl_bnd_priv.h"
+#include "cfg_test_util.h"
 #include "fake_platform.h"
 #include "tbdl_bas.h"
 #include "dbg/tbdl_dbg_priv.h"
@@ -22,7 +23,11 @@
 
 namespace bndtest {
 
-using fake::Bytes;
+using cfgtest::Be32;
+using cfgtest::Bytes;
+using cfgtest::Cat;
+using cfgtest::Host;
+using cfgtest::MembKey;
 using Trace = std::vector<std::string>;
 /* "HA<type>", "HAF" (flush), "K<cmd hex>", "EV<ev>:<num>", "DB+<num>", "DB-<num>" (bundle records;
  * "DB+?", "DB-?" for member records). */
@@ -31,16 +36,6 @@ inline std::vector<Bytes> g_haPayloads; /* payloads handed to the HA encoder */
 
 inline void BndEv(u32 ev, u32 num) { g_trace.push_back("EV" + std::to_string(ev) + ":" + std::to_string(num)); }
 
-inline Bytes Be32(u32 ui) { return {uint8_t(ui >> 24), uint8_t(ui >> 16), uint8_t(ui >> 8), uint8_t(ui)}; }
-inline Bytes Cat(std::initializer_list<Bytes> parts)
-{
-    Bytes out;
-    for (const auto &p : parts) {
-        out.insert(out.end(), p.begin(), p.end());
-    }
-    return out;
-}
-template <class T> Bytes BytesOf(const T &t) { return Bytes((const uint8_t *)&t, (const uint8_t *)&t + sizeof(T)); }
 inline TBDL_KBND_S Kbnd(const Bytes &b)
 {
     TBDL_KBND_S t{};

@@ -65,6 +65,9 @@ inline uint32_t ResultOf(const Bytes &reply)
     return reply.size() >= 12 ? uint32_t(reply[4] << 24 | reply[5] << 16 | reply[6] << 8 | reply[7]) : 0xDEADu;
 }
 
+/* Database key of bundle bnd's member list. */
+inline Bytes MembKey(uint32_t bnd) { return Cat({Bytes{2}, Be32(bnd)}); }
+
 /* Key and operation TLVs that create bundle `bnd`. */
 inline Bytes BndCreateTlvs(uint32_t bnd, uint16_t mode = 1, uint16_t tnlMode = 0)
 {

@@ -1,12 +1,8 @@
-/* Base services: loop registration, periodic timers, the HA hook table and
- * zero-filled allocation with its fault switch. */
+/* Base services: loop registration and the timer's failure paths. */
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
-
-#include <algorithm>
 
 #include <gtest/gtest.h>
 
@@ -90,74 +86,6 @@ TEST_F(BasTest, RegistrationHandsBackReportedMaskAndRegisteredDatum)
     close(iFd);
 }
 
-/* ---- Timers ---- */
-
-TEST_F(BasTest, TimerIsArmedPeriodicWithThePeriodAsFirstExpiry)
-{
-    const struct { u32 uiMs; long long llNs; } cases[] = {{1500, 1500000000ll}, {0, 0}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.uiMs);
-        i32 iFd = TBDL_BAS_StartTimer(static_cast<u32>(m_iEpfd), NoCb, c.uiMs, 0);
-        ASSERT_GE(iFd, 0);
-        itimerspec stCur{};
-        ASSERT_EQ(0, timerfd_gettime(iFd, &stCur));
-        EXPECT_EQ(c.llNs, stCur.it_interval.tv_sec * 1000000000ll + stCur.it_interval.tv_nsec);
-        /* One period away, less what has elapsed; a zero period never fires. */
-        long long llLeft = stCur.it_value.tv_sec * 1000000000ll + stCur.it_value.tv_nsec;
-        EXPECT_LE(llLeft, c.llNs);
-        EXPECT_GE(llLeft, c.llNs == 0 ? 0 : c.llNs - 500000000ll);
-        TBDL_BAS_StopTimer(static_cast<u32>(m_iEpfd), iFd);
-    }
-}
-
-struct OneShot {
-    i32 iTimerFd = -1;
-    u32 uiEpfd = 0;
-    int iFired = 0;
-    u64 ulData = 0;
-};
-OneShot g_stShot;
-
-/* A one-shot timer callback in the usual shape: read first, then stop itself and forget the descriptor. */
-u32 OneShotCb(u32 uiEvents, u64 ulData)
-{
-    if (TBDL_BAS_TIMERFD_Read(uiEvents, g_stShot.iTimerFd) != 0) {
-        return TBDL_E_FAILED;
-    }
-    TBDL_BAS_StopTimer(g_stShot.uiEpfd, g_stShot.iTimerFd);
-    g_stShot = {-1, g_stShot.uiEpfd, g_stShot.iFired + 1, ulData};
-    return 0;
-}
-
-TEST_F(BasTest, TimerStoppedFromItsOwnCallbackLeavesNoPendingEvent)
-{
-    g_stShot = {-1, static_cast<u32>(m_iEpfd), 0, 0};
-    g_stShot.iTimerFd = TBDL_BAS_StartTimer(g_stShot.uiEpfd, OneShotCb, 2, 0xFFFFFFFFu);
-    i32 iOld = g_stShot.iTimerFd;
-    ASSERT_GE(iOld, 0);
-    ASSERT_TRUE(DispatchOne());
-    EXPECT_EQ(1, g_stShot.iFired);
-    EXPECT_EQ(0xFFFFFFFFull, g_stShot.ulData); /* zero-extended datum */
-    /* Several periods later nothing is pending and the descriptor is gone. */
-    epoll_event ev{};
-    EXPECT_EQ(0, epoll_wait(m_iEpfd, &ev, 1, 20));
-    EXPECT_EQ(-1, fcntl(iOld, F_GETFD));
-}
-
-TEST_F(BasTest, TimerReadNeedsTheInputBitAndAnOpenTimer)
-{
-    i32 iFd = TBDL_BAS_StartTimer(static_cast<u32>(m_iEpfd), NoCb, 1, 0);
-    ASSERT_GE(iFd, 0);
-    epoll_event ev{};
-    ASSERT_EQ(1, epoll_wait(m_iEpfd, &ev, 1, 5000));
-    /* Error or hang-up only: fails without reading. */
-    EXPECT_EQ(TBDL_E_FAILED, TBDL_BAS_TIMERFD_Read(EPOLLERR | EPOLLHUP, iFd));
-    EXPECT_EQ(1, epoll_wait(m_iEpfd, &ev, 1, 0));
-    EXPECT_EQ(0u, TBDL_BAS_TIMERFD_Read(EPOLLIN, iFd));
-    TBDL_BAS_StopTimer(static_cast<u32>(m_iEpfd), iFd);
-    EXPECT_EQ(TBDL_E_FAILED, TBDL_BAS_TIMERFD_Read(EPOLLIN, iFd));
-}
-
 TEST_F(BasTest, FailedStartLeavesNoDescriptorAndFailedStopLogsAndStillCloses)
 {
     int iNext = dup(0);
@@ -177,61 +105,6 @@ TEST_F(BasTest, FailedStartLeavesNoDescriptorAndFailedStopLogsAndStillCloses)
     EXPECT_EQ(std::vector<std::string>{"ERROR Failed to set the timer.\r\n"}, fake::LogLines());
     EXPECT_EQ(-1, fcntl(iFd, F_GETFD));
     TBDL_DBG_Fini();
-}
-
-/* ---- HA hook table ---- */
-
-std::vector<std::string> g_vecHookCalls;
-u16 g_usSlave = 0;
-
-const TBDL_BAS_HA_FUNC_S kHooks = {
-    [](u16 usType, const void *pv) -> u32 {
-        g_vecHookCalls.push_back("enc " + std::to_string(usType) + " " + std::to_string(*(const int *)pv));
-        return 0x1234;
-    },
-    []() -> u16 { return 1; },
-    [](u16 usBatch) -> u32 {
-        g_vecHookCalls.push_back("flush " + std::to_string(usBatch));
-        return 0x5678;
-    },
-    []() -> u16 { return g_usSlave; }};
-
-/* Role, standby presence, the encoder's and the flush's results. Only a
- * standby service gets messages; the flush is a real-time one (0). */
-TEST(BasHooks, EmptyFilledAndDeregistered)
-{
-    int iPayload = 42;
-    auto state = [&](u16 usType) {
-        return std::make_tuple(TBDL_BAS_HAIsMaster(), TBDL_BAS_HAExistSlaveService(),
-                               TBDL_BAS_EncHAMsg(usType, &iPayload));
-    };
-    const auto kEmpty = std::make_tuple(u16(0), u16(0), 0u);
-    g_usSlave = 1;
-    EXPECT_EQ(kEmpty, state(1));
-    EXPECT_EQ(0u, TBDL_BAS_FlushHAMsg());
-    TBDL_BAS_RegHAFunc(&kHooks);
-    g_usSlave = 0;
-    EXPECT_EQ(std::make_tuple(u16(1), u16(0), 0u), state(2));
-    g_usSlave = 1;
-    EXPECT_EQ(std::make_tuple(u16(1), u16(1), 0x1234u), state(3));
-    EXPECT_EQ(0x5678u, TBDL_BAS_FlushHAMsg());
-    TBDL_BAS_DeregHAFunc();
-    EXPECT_EQ(kEmpty, state(1));
-    EXPECT_EQ(0u, TBDL_BAS_FlushHAMsg());
-    EXPECT_EQ((std::vector<std::string>{"enc 3 42", "flush 0"}), g_vecHookCalls);
-}
-
-TEST(BasAlloc, ZeroFilledAndTheFaultSwitchSkipsThenFails)
-{
-    TBDL_BAS_SetAllocFault(1, 2);
-    std::vector<bool> vecOk;
-    for (int i = 0; i < 4; i++) {
-        auto *puc = static_cast<unsigned char *>(TBDL_BAS_Zalloc(64));
-        vecOk.push_back(puc != nullptr && std::all_of(puc, puc + 64, [](unsigned char c) { return c == 0; }));
-        TBDL_BAS_Free(puc);
-    }
-    TBDL_BAS_SetAllocFault(0, 0);
-    EXPECT_EQ((std::vector<bool>{true, false, false, true}), vecOk);
 }
 
 } // namespace

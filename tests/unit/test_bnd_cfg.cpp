@@ -35,7 +35,8 @@ TEST_F(BndCfg, CreateByModeAndExistence)
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
-        Init(r.devModes & 1, (r.devModes >> 1) & 1, (r.devModes >> 2) & 1);
+        /* A mode switch enables only with value 1; off is given as 2. */
+        Init(r.devModes & 1 ? 1 : 2, r.devModes & 2 ? 1 : 2, r.devModes & 4 ? 1 : 2);
         if (r.existing != 0) {
             ASSERT_EQ(Create(4, r.existing), TBDL_OK);
         }
@@ -93,7 +94,7 @@ TEST_F(BndCfg, DeleteRemovesMembersThenAnnouncesThenDeletesRecord)
     EXPECT_EQ(g_trace, (Trace{"K7c0004", "HA3", "HAF", "K7c0004", "HA3", "HAF", "EV2:1", "DB-1"}));
     EXPECT_EQ(seen, std::make_pair(size_t(0), u8(0)));
     u32 bndIf = fake::FindInterface("Tunnel-Bundle1")->ifIndex;
-    EXPECT_EQ(g_haPayloads.at(0), BytesOf(TBDL_KMEMB_S{bndIf, b})) << "newest member first";
+    EXPECT_EQ(g_haPayloads.at(0), Host(TBDL_KMEMB_S{bndIf, b})) << "newest member first";
     /* Not the last bundle: no hold. */
     EXPECT_EQ(std::make_tuple(g_stTbdlGlobalVar.ppstBnd[1], g_stTbdlGlobalVar.uiBndCnt, g_stTbdlGlobalVar.iTimerFd),
               std::make_tuple(nullptr, 1u, -1));

@@ -14,8 +14,6 @@ namespace {
 
 const Bytes kBndKey = {1};
 
-Bytes MembKey(uint32_t bnd) { return Cat({Bytes{2}, Be32(bnd)}); }
-
 /* Stored bundle: family, carried and address bytes, number, mode, tunnel mode, VRF; numbers big-endian. */
 void PutBnd(uint32_t bnd, uint8_t mode = 1, uint16_t vrf = 0, uint16_t family = 0)
 {
@@ -23,7 +21,11 @@ void PutBnd(uint32_t bnd, uint8_t mode = 1, uint16_t vrf = 0, uint16_t family = 
     fake::DbPut(kBndKey, 20, Cat({Be16(family), addr, Be32(bnd), Bytes{mode, 0, 0, 0}, Be16(vrf), Bytes{0, 0}}));
 }
 
-void PutMemb(uint32_t b, uint32_t t, uint16_t w) { fake::DbPut(MembKey(b), 0, Cat({Be32(t), Be16(w), Bytes(6, 0)})); }
+/* Stored member: tunnel number, weight, role and VRF; numbers big-endian. */
+void PutMemb(uint32_t b, uint32_t t, uint16_t w, uint16_t vrf = 0)
+{
+    fake::DbPut(MembKey(b), 0, Cat({Be32(t), Be16(w), Bytes{0, 0}, Be16(vrf), Bytes{0, 0}}));
+}
 
 /* One field of every recorded call of a platform function, in call order. */
 template <typename T> std::vector<T> CallField(const std::string &name, T fake::Call::*field)
@@ -97,19 +99,21 @@ TEST_F(CfgRecover, BundlesComeInBlocksOfTenInStoredOrderWithNumbersConverted)
 }
 
 /* Every bundle comes before the first member (a discarded one is looked up again to drop its index); every record is
- * handed on whatever its owner answers (bundle 3's mode is refused, its member list is still read). */
+ * handed on whatever its owner answers (bundle 3's mode is refused, its member list is still read). During a boot the
+ * stored VRFs are taken as they are, converted. */
 TEST_F(CfgRecover, MembersTakeTheirBundleNumberFromTheListKey)
 {
+    fake::Config().startCause = 0;
     PutBnd(3, 8);
     PutBnd(7);
-    PutBnd(9);
+    PutBnd(9, 1, 0x0102);
     uint32_t if3 = fake::AddTunnel(3);
     uint32_t if4 = fake::AddTunnel(4);
     uint32_t if5 = fake::AddTunnel(5);
     PutMemb(3, 5, 1);
     PutMemb(7, 3, 300);
     PutMemb(7, 4, 0x0102);
-    PutMemb(9, 5, 1);
+    PutMemb(9, 5, 1, 0x0102);
     TBDL_CFG_Recovery();
 
     EXPECT_FALSE(HasBnd(3));
@@ -121,7 +125,8 @@ TEST_F(CfgRecover, MembersTakeTheirBundleNumberFromTheListKey)
     /* Newest first, weights converted. */
     EXPECT_EQ(std::make_tuple(memb[0].uiIfIndex, memb[0].usWeight, memb[1].uiIfIndex, memb[1].usWeight),
               std::make_tuple(if4, u16(0x0102), if3, u16(300)));
-    EXPECT_EQ(static_cast<TBDL_INTF_PD_S *>(fake::PrivateData().at(if5))->uiBndNum, 9u);
+    const auto *pd = static_cast<TBDL_INTF_PD_S *>(fake::PrivateData().at(if5));
+    EXPECT_EQ(std::make_pair(pd->uiBndNum, pd->usVrfIndex), std::make_pair(9u, u16(0x0102)));
     EXPECT_THAT(Lookups(), ElementsAre("Tunnel-Bundle3", "Tunnel-Bundle3", "Tunnel-Bundle7", "Tunnel-Bundle9",
                                        "Tunnel5", "Tunnel3", "Tunnel4", "Tunnel5"));
     EXPECT_THAT(CallField("DBM_BatchGetNextSortList", &fake::Call::data),

@@ -94,14 +94,14 @@ protected:
         CfgModules::TearDown();
     }
 
-    /* Connects a client; with accept, lets the loop accept it. */
-    int Client(bool accept = true)
+    /* Connects a client and lets the loop accept it. */
+    int Client()
     {
         int before = OpenFdCount();
         int fd = Connect(m_path);
         EXPECT_GE(fd, 0);
         m_clients.push_back(fd);
-        EXPECT_TRUE(!accept || PumpUntil(m_epfd, [&] { return OpenFdCount() == before + 2; }));
+        EXPECT_TRUE(PumpUntil(m_epfd, [&] { return OpenFdCount() == before + 2; }));
         return fd;
     }
 
@@ -260,26 +260,6 @@ TEST_F(CfgServer, ConnectionEventMasks)
         }
         close(fds[0]);
     }
-}
-
-TEST_F(CfgServer, AcceptIgnoresErrorEventsAndClosesWhatCannotBeRegistered)
-{
-    ASSERT_EQ(TBDL_CFG_Activate(), 0u);
-    int listenFd = g_stTbdlCfgGlobalVar.iListenFd;
-    int fd = Client(false);
-    int before = OpenFdCount();
-    EXPECT_EQ(tbdl_cfg_Accept(EPOLLHUP | EPOLLERR, static_cast<u64>(listenFd)), 0u);
-    EXPECT_EQ(OpenFdCount(), before);
-
-    int notSocket = eventfd(0, 0);
-    EXPECT_EQ(tbdl_cfg_Accept(EPOLLIN, static_cast<u64>(notSocket)), TBDL_E_FAILED);
-    close(notSocket);
-
-    g_stTbdlCfgGlobalVar.iEpollFd = -1;
-    EXPECT_EQ(tbdl_cfg_Accept(EPOLLIN, static_cast<u64>(listenFd)), TBDL_E_FAILED);
-    g_stTbdlCfgGlobalVar.iEpollFd = m_epfd;
-    EXPECT_EQ(OpenFdCount(), before);
-    EXPECT_EQ(TryRecv(fd), Bytes{}); /* end of file */
 }
 
 } // namespace

@@ -65,20 +65,6 @@ TEST_F(DbgTest, ErrorsAreCountedPerFormatInFirstUseOrderWhileOutputIsOff)
     EXPECT_EQ("4|Failed to save member (%d) to DBM.\r\n=2|Other (%d).\r\n=0", Counts());
 }
 
-TEST_F(DbgTest, AStringPastTheTableIsCountedOnlyInTheTotal)
-{
-    for (int i = 0; i < 257; i++) {
-        std::string strFmt = "distinct " + std::to_string(i) + " (%d)\r\n";
-        TBDL_DBG_Output(TBDL_DBG_ERROR, strFmt.c_str(), i);
-    }
-    EXPECT_EQ(257u, g_stTbdlLogVar.uiErrTotal);
-    EXPECT_STREQ("distinct 255 (%d)\r\n", g_apcTbdlErrStr[255]);
-    TBDL_DBG_Output(TBDL_DBG_ERROR, "distinct 256 (%d)\r\n", 0);
-    TBDL_DBG_Output(TBDL_DBG_ERROR, "distinct 255 (%d)\r\n", 0);
-    EXPECT_EQ(259u, g_stTbdlLogVar.uiErrTotal);
-    EXPECT_EQ(2, g_ausTbdlErrCnt[255]);
-}
-
 /* An empty format is counted but never output; a failed copy only skips
  * its count. Output carries the type name and the log priority. */
 TEST_F(DbgTest, SwitchedOnOutputReachesTheLog)

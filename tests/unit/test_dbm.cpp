@@ -1,17 +1,16 @@
 /* Database records: open arguments, stored bytes, key handling and failure messages. */
 #include <gtest/gtest.h>
 
-#include "fake_platform.h"
+#include "cfg_test_util.h"
 #include "tbdl_dbg.h"
 #include "tbdl_dbm.h"
 
 namespace {
 
-using fake::Bytes;
+using cfgtest::Bytes;
+using cfgtest::MembKey;
 
 const Bytes kBndKey = {0x01};
-
-Bytes MembKey(uint32_t b) { return {0x02, uint8_t(b >> 24), uint8_t(b >> 16), uint8_t(b >> 8), uint8_t(b)}; }
 
 u32 SetBnd(u16 usDel, u32 uiBndNum)
 {

@@ -112,12 +112,6 @@ TEST_F(HaMsgTest, MessageThatDoesNotFitSendsTheBufferFirst)
     ASSERT_EQ(fake::HaSentMessages().size(), 1u);
     EXPECT_EQ(std::make_tuple(fake::HaSentMessages()[0].msg, fake::HaSentMessages()[0].flag, g_stTbdlHaVar.usMsgLen),
               std::make_tuple(kGoldenBnd, 1u, u16(12)));
-
-    /* A TLV larger than the whole buffer is refused after one send. */
-    Reinit(30);
-    ASSERT_EQ(tbdl_ha_EncMsg(TBDL_HA_MSG_MEMB_ADD, &add), 0u);
-    EXPECT_EQ(tbdl_ha_EncMsg(TBDL_HA_MSG_BND_UPDATE, &kSampleBnd), TBDL_E_FAILED);
-    EXPECT_EQ(std::make_pair(fake::HaSentMessages().size(), g_stTbdlHaVar.usMsgLen), std::make_pair(size_t(2), u16(0)));
 }
 
 /* The batch sends every bundle in ascending number, each update followed by
@@ -175,8 +169,8 @@ TEST_F(HaMsgTest, StandbyAppliesEachKnownTlvToItsKernel)
     /* Two bytes of the bundle's index arrived, the rest is zero; the member
      * index is zero-padded; a longer value is cut to 8 bytes. */
     const TBDL_KBND_S bnd = {kAddr, 0x01020000, 0, 0, 0, 0};
-    EXPECT_EQ(k, (std::vector<Bytes>{BytesOf(bnd), BytesOf(TBDL_KMEMB_S{0x1000, 0}),
-                                     BytesOf(TBDL_KMEMB_S{0x1000, 0x100})}));
+    EXPECT_EQ(k, (std::vector<Bytes>{Host(bnd), Host(TBDL_KMEMB_S{0x1000, 0}),
+                                     Host(TBDL_KMEMB_S{0x1000, 0x100})}));
 
     EXPECT_EQ(fake::LogLines(), std::vector<std::string>{"EVENT Received an HA message (Type 0).\r\n"});
     EXPECT_EQ(fake::CountOf("HA_FreeMsg"), 1u);
@@ -203,7 +197,7 @@ TEST_F(HaMsgTest, StandbyKernelGetsWhatTheMasterKernelGot)
     Pump();
     auto k = fake::CallsOf("CIOCTL");
     ASSERT_EQ(k.size(), 2u);
-    Bytes want = BytesOf(kSampleBnd);
+    Bytes want = Host(kSampleBnd);
     want[34] = want[35] = 0;
     EXPECT_EQ(k[0].data, want);
     EXPECT_EQ(k[1].data, up.data);

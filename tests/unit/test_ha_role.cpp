@@ -77,12 +77,6 @@ TEST_F(HaRoleTest, InitJoinsTheServiceAndFiniLeavesItOnce)
     EXPECT_EQ(fake::Names(), (std::vector<std::string>{"HA_Exit", "HA_FreeMsg"}));
     EXPECT_EQ(fake::CallsOf("HA_Exit").at(0).args.at(0), uint64_t(int64_t(iHaFd)));
     EXPECT_EQ(Role(), std::make_pair(u16(0), u16(0))) << "hooks cleared";
-
-    /* Only the low 16 bits of a larger MTU become the capacity. */
-    fake::Config().haMtu = 70000;
-    Start(false);
-    EXPECT_EQ(fake::CallsOf("HA_AllocMsg").back().args.at(0), 70000u);
-    EXPECT_EQ(g_stTbdlHaVar.usMsgBufSize, 70000 & 0xFFFF);
 }
 
 TEST_F(HaRoleTest, InitFailuresReleaseWhatWasObtained)
@@ -136,7 +130,7 @@ TEST_F(HaRoleTest, ActivationAndDeactivationOrder)
     Start();
     StoreBnd(3);
     u32 ifIndex = fake::AddTunnel(1, 0, /*down*/ 0);
-    fake::DbPut({0x02, 0, 0, 0, 3}, 0, {0, 0, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0});
+    fake::DbPut(MembKey(3), 0, {0, 0, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0});
     Mark();
     ASSERT_EQ(TBDL_HA_Activate(), 0u);
     std::vector<std::string> order = {"SERVICE_GetStartCause", "DBM_Batch_Proc", "CIOCTL", "CIOCTL",

@@ -9,8 +9,6 @@ using namespace bndtest;
 
 namespace {
 
-Bytes MembKey(u32 num) { return Cat({{0x02}, Be32(num)}); }
-
 /* Stored (big-endian) form of a member record. */
 Bytes StoredMemb(u32 tnl, u16 weight, u8 role, u16 vrf)
 {
@@ -107,7 +105,7 @@ TEST_F(IntfTest, RefusedBindsLeaveNoTrace)
     for (auto [bnd, tnl] : {std::pair{3u, 1u}, {3u, 4u}, {4u, 5u}}) {
         ASSERT_EQ(Bind(bnd, tnl), 0u);
     }
-    fake::SetVrf(fake::FindInterface("Tunnel4")->ifIndex, 0);
+    fake::FindInterface("Tunnel4")->vrf = 0;
     const auto pdBefore = PdMap();
     const auto dbBefore = fake::Db();
 

@@ -3,14 +3,11 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <functional>
 #include <future>
 #include <thread>
 #include <tuple>
@@ -19,7 +16,6 @@
 
 #include "fake_platform.h"
 #include "main/tbdl_main_priv.h"
-#include "tbdl_dbg.h"
 
 namespace {
 
@@ -58,36 +54,21 @@ protected:
     {
         fake::Reset();
         m_vecStopFlagAtDeactivation.clear();
-        /* Interface events can be subscribed, so activation can succeed. */
-        m_iIfEvFd = eventfd(0, EFD_CLOEXEC);
-        fake::FailAlways("IF_Event_Init", static_cast<uint64_t>(m_iIfEvFd));
-        fake::FailAlways("IF_RegIfEventEx", 1);
         /* The normal-stop flag as deactivation sees it: the interface module's deactivation walks its private data. */
         fake::OnCall("IF_GetFirstPrivateData",
                      [this](const fake::Call &) { m_vecStopFlagAtDeactivation.push_back(g_bTbdlNormalStop); });
     }
-    void TearDown() override
-    {
-        close(m_iIfEvFd);
-        g_bTbdlNormalStop = 0;
-    }
+    void TearDown() override { g_bTbdlNormalStop = 0; }
 
     /* Stops the daemon with iValue as soon as it reports itself up. */
     void StopWhenUp(int v) { fake::OnCall("SERVICE_SetStatus", [v](const fake::Call &) { RaiseStop(v); }); }
 
-    /* Runs the daemon to its end on its own thread (10 s at most); pfnAfter
-     * runs on that thread once the daemon has returned. */
-    int Run(const std::function<void()> &pfnAfter = {})
+    /* Runs the daemon to its end on its own thread (10 s at most). */
+    int Run()
     {
         std::promise<int> stDone;
         std::future<int> stResult = stDone.get_future();
-        std::thread stThread([&stDone, &pfnAfter]() {
-            int iRet = TBDL_MAIN_Run(0, nullptr);
-            if (pfnAfter) {
-                pfnAfter();
-            }
-            stDone.set_value(iRet);
-        });
+        std::thread stThread([&stDone]() { stDone.set_value(TBDL_MAIN_Run(0, nullptr)); });
         if (stResult.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
             ADD_FAILURE() << "the daemon did not stop";
             pthread_kill(stThread.native_handle(), SIGRTMIN + 1);
@@ -105,7 +86,6 @@ protected:
                                                                  int(g_bTbdlIsStopProcess), int(g_bTbdlNormalStop)));
     }
 
-    int m_iIfEvFd = -1;
     std::vector<u16> m_vecStopFlagAtDeactivation;
 };
 
@@ -158,47 +138,6 @@ TEST_F(MainTest, StartsWithPlatformLimitsStopsOnSignalAndTearsDownInOrder)
     auto opt = fake::CallsOf("TBDL_Opt_Parse").at(0);
     EXPECT_EQ("LoadBalancing|ProtectionOnetoone|ProtectionOneplusone", opt.text);
     EXPECT_EQ((std::vector<uint64_t>{3, 0, 2, 0, 2, 0, 2}), opt.args);
-}
-
-TEST_F(MainTest, FailedEpollCreateStartsNoModule)
-{
-    rlimit stOld{};
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &stOld));
-    /* Right after the log is opened, no further descriptor can be made. */
-    fake::OnCall("openlog", [](const fake::Call &) {
-        int iFree = dup(0);
-        close(iFree);
-        rlimit stLow{};
-        getrlimit(RLIMIT_NOFILE, &stLow);
-        stLow.rlim_cur = static_cast<rlim_t>(iFree);
-        setrlimit(RLIMIT_NOFILE, &stLow);
-    });
-    /* Restored on the daemon's thread: its own clean-up may need descriptors. */
-    int iRestore = -1;
-    int iRet = Run([&]() { iRestore = setrlimit(RLIMIT_NOFILE, &stOld); });
-    ASSERT_EQ(0, iRestore);
-    EXPECT_EQ(-1, iRet);
-    /* No Init, no teardown. */
-    EXPECT_EQ((std::vector<std::string>{"IF_GetDataByIfType", "LFIB_GetInfo", "TBDL_Opt_Parse", "openlog"}),
-              fake::Names(kMilestones));
-    EXPECT_EQ(-1, g_iTbdlEpollFd);
-    EXPECT_EQ(1, g_bTbdlNormalStop);
-    TBDL_DBG_Fini(); /* the log was opened and never closed */
-}
-
-TEST(SignalCallback, ShortReadLeavesTheProcessRunning)
-{
-    g_bTbdlIsStopProcess = 0;
-    g_bTbdlNormalStop = 0;
-    int aiPipe[2];
-    ASSERT_EQ(0, pipe(aiPipe));
-    char acSome[10] = {};
-    ASSERT_EQ(10, write(aiPipe[1], acSome, sizeof(acSome)));
-    EXPECT_EQ(TBDL_E_FAILED, tbdl_main_SignalCallback(EPOLLIN, static_cast<u64>(aiPipe[0])));
-    EXPECT_EQ(0, g_bTbdlIsStopProcess);
-    EXPECT_EQ(0, g_bTbdlNormalStop);
-    close(aiPipe[0]);
-    close(aiPipe[1]);
 }
 
 } // namespace

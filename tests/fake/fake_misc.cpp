@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "fake_internal.h"
+#include "tbdl_ktbdl.h"
 
 using namespace fake::detail;
 
@@ -49,10 +50,8 @@ std::string VFormat(const char *pcFormat, va_list args)
 /* A KTBDL command the kernel knows, with its payload length. */
 bool KnownKtbdl(u32 uiCmd, size_t ulLen)
 {
-    constexpr u32 kBndUpdate = 0x7c0002u;
-    constexpr u32 kMembAdd = 0x7c0003u;
-    constexpr u32 kMembDel = 0x7c0004u;
-    return (uiCmd == kBndUpdate && ulLen == 36) || ((uiCmd == kMembAdd || uiCmd == kMembDel) && ulLen == 8);
+    return (uiCmd == TBDL_KCMD_BND_UPDATE && ulLen == sizeof(TBDL_KBND_S)) ||
+           ((uiCmd == TBDL_KCMD_MEMB_ADD || uiCmd == TBDL_KCMD_MEMB_DEL) && ulLen == sizeof(TBDL_KMEMB_S));
 }
 
 } // namespace
@@ -176,7 +175,7 @@ u32 TBDL_Opt_Parse(u64 ulRowCount, TBDL_OPT_ROW_S *pstRows)
 u32 CIOCTL(u32 uiDev, u32 uiCmd, u32 uiLen, void *pvBuf, u32 uiArg1, u32 uiArg2, u32 uiArg3)
 {
     return Run<u32>(Mk(__func__, {U(uiDev), U(uiCmd), U(uiLen), U(uiArg1), U(uiArg2), U(uiArg3)}, Copy(pvBuf, uiLen)),
-                    [&](Call &c) { return (uiDev == 0xFFFF8000u && KnownKtbdl(uiCmd, c.data.size())) ? 0 : 1; });
+                    [&](Call &c) { return (uiDev == TBDL_KTBDL_DEV && KnownKtbdl(uiCmd, c.data.size())) ? 0 : 1; });
 }
 
 u32 LIPC_GetHostPath(u16 usPort, char *pcPath, u32 uiLen)

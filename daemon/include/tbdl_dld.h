@@ -9,6 +9,6 @@ void TBDL_DLD_Fini(void);
 u32 TBDL_DLD_Activate(void);
 void TBDL_DLD_Deactivate(u16 usWithdraw);
 void TBDL_DLD_ProcBndEv(u32 uiEvent, u32 uiBndNum);
-void TBDL_DLD_ProcIntfEv(u32 uiEvent, u32 uiBndNum);
+u32 TBDL_DLD_ProcIntfEv(u32 uiEvent, u32 uiBndNum);
 
 #endif

@@ -123,7 +123,7 @@ u32 tbdl_intf_BindMemb(u32 uiBndNum, u32 uiIfIndex, const TBDL_MEMB_CFG_S *pstCf
     }
 
     (void)tbdl_intf_SaveMemb(0, uiBndNum, pstCfg);
-    TBDL_DLD_ProcIntfEv(uiEvent, uiBndNum);
+    (void)TBDL_DLD_ProcIntfEv(uiEvent, uiBndNum);
     return 0;
 }
 
@@ -143,7 +143,7 @@ u32 tbdl_intf_UnbindMemb(u32 uiBndNum, const TBDL_MEMB_CFG_S *pstCfg)
     }
 
     (void)IF_DelPrivateData(g_stIntfGlobalVar.ulPdInstance, uiIfIndex, tbdl_intf_FreePrivateData);
-    TBDL_DLD_ProcIntfEv(TBDL_MEMB_EV_DEL, uiBndNum);
+    (void)TBDL_DLD_ProcIntfEv(TBDL_MEMB_EV_DEL, uiBndNum);
     return tbdl_intf_SaveMemb(1, uiBndNum, pstCfg);
 }
 

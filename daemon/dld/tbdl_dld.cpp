@@ -63,11 +63,6 @@ u32 TBDL_DLD_Activate(void)
 {
     u32 uiRet = TBDL_OK;
 
-    /* Not initialised: no loop to register connections or timers on. */
-    if (g_stTbdlDldGVar.iEpollFd == TBDL_INVALID_FD) {
-        return TBDL_OK;
-    }
-
     if (tbdl_dld_ConnectLsm() != TBDL_OK) {
         uiRet = tbdl_dld_StartReconnTimer(TBDL_DLD_TARGET_LSM);
     }

@@ -3,6 +3,7 @@
 #include <deque>
 #include <iterator>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 #include "fake_internal.h"
@@ -12,7 +13,7 @@ namespace {
 
 /* Results for the next calls, in order, then the one for every call. */
 struct Script {
-    std::deque<uint64_t> dqOnce;
+    std::deque<std::optional<uint64_t>> dqOnce; /* nullopt: that call runs as usual */
     bool bAlways = false;
     uint64_t ulAlways = 0;
 };
@@ -45,9 +46,10 @@ bool Scripted(const std::string &name, uint64_t *pulResult)
     }
     Script &s = it->second;
     if (!s.dqOnce.empty()) {
-        *pulResult = s.dqOnce.front();
+        std::optional<uint64_t> next = s.dqOnce.front();
         s.dqOnce.pop_front();
-        return true;
+        *pulResult = next.value_or(0);
+        return next.has_value();
     }
     *pulResult = s.ulAlways;
     return s.bAlways;
@@ -112,6 +114,14 @@ void ClearJournal()
 }
 
 void FailOnce(const std::string &name, uint64_t result) { g_mapScripts[name].dqOnce.push_back(result); }
+
+void FailNth(const std::string &name, unsigned n, uint64_t result)
+{
+    for (unsigned i = 1; i < n; ++i) {
+        g_mapScripts[name].dqOnce.push_back(std::nullopt);
+    }
+    FailOnce(name, result);
+}
 
 void FailAlways(const std::string &name, uint64_t result)
 {

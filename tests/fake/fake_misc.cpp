@@ -191,4 +191,44 @@ u32 LIPC_GetHostPath(u16 usPort, char *pcPath, u32 uiLen)
     });
 }
 
+i32 LSM_RegProtocolHandler(const void *pvReg, LSM_MSG_HANDLER_PF pfnHandler, u32 uiProtocol)
+{
+    (void)pfnHandler;
+    return Run<i32>(Mk(__func__, {U(uiProtocol)}, Copy(pvReg, sizeof(LSM_REG_S))), S(-1));
+}
+
+u32 LSM_DeregProtocolHandler(i32 iHandle) { return Run<u32>(Mk(__func__, {S(iHandle)}), 0); }
+
+u32 LSM_SendGrEvent(i32 iHandle, u32 uiType) { return Run<u32>(Mk(__func__, {S(iHandle), U(uiType)}), 0); }
+
+/* Records the entry, then the primary paths it points to and its attribute
+ * block. */
+u32 LSM_AddLspEntry(i32 iHandle, u32 uiArg, const void *pvEntry, u32 uiCount, u32 uiIfIndex, u32 uiLabel)
+{
+    Call c = Mk(__func__, {S(iHandle), U(uiArg), U(uiCount), U(uiIfIndex), U(uiLabel)},
+                Copy(pvEntry, sizeof(LSM_LSP_ENTRY_S)));
+    if (pvEntry != nullptr) {
+        LSM_LSP_ENTRY_S stEntry;
+        std::memcpy(&stEntry, pvEntry, sizeof(stEntry));
+        c.rec = Copy(stEntry.pstPaths, stEntry.usPathNum * sizeof(LSM_LSP_PATH_S));
+        Bytes attr = Copy(stEntry.pstAttr, sizeof(LSM_LSP_ATTR_S));
+        c.rec.insert(c.rec.end(), attr.begin(), attr.end());
+    }
+    return Run<u32>(std::move(c), 0);
+}
+
+u32 LSM_DeleteLspEntry(i32 iHandle, u32 uiArg, const void *pvKey, u32 uiKeyType, u32 uiAddr)
+{
+    return Run<u32>(Mk(__func__, {S(iHandle), U(uiArg), U(uiKeyType), U(uiAddr)}, Copy(pvKey, sizeof(LSM_LSP_KEY_S))),
+                    0);
+}
+
+u32 LSM_FlushLspEntry(i32 iHandle) { return Run<u32>(Mk(__func__, {S(iHandle)}), 0); }
+
+u32 LSM_HandleMsg(i32 iHandle) { return Run<u32>(Mk(__func__, {S(iHandle)}), 1); }
+
+i32 PS_Register(u32 uiArg) { return Run<i32>(Mk(__func__, {U(uiArg)}), S(-1)); }
+
+void PS_Deregister(i32 iFd) { Run<void>(Mk(__func__, {S(iFd)}), 0); }
+
 } // extern "C"

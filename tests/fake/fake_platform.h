@@ -51,6 +51,8 @@ void ClearJournal();
  * scripted call does not run its emulated behaviour; it only records and
  * returns `result` (out-parameters untouched). */
 void FailOnce(const std::string &name, uint64_t result);
+/* The n-th next call fails (1 = the next one); the calls before it run. */
+void FailNth(const std::string &name, unsigned n, uint64_t result);
 void FailAlways(const std::string &name, uint64_t result);
 void ClearFailures();
 

@@ -3,6 +3,7 @@
 #include "bnd_fixture.h"
 #include "ha/tbdl_ha_priv.h"
 #include "cfg/tbdl_cfg_priv.h"
+#include "tbdl_dld.h"
 
 using namespace bndtest;
 
@@ -19,9 +20,13 @@ protected:
         Init();
         TBDL_BAS_DeregHAFunc(); /* the real hooks come from TBDL_HA_Init */
         ASSERT_EQ(TBDL_INTF_Init(epfd), 0u);
+        TBDL_SPEC_S spec{1024, 8, 1, 1, 1};
+        ASSERT_EQ(TBDL_DLD_Init(&spec, epfd), 0u);
     }
     void TearDown() override
     {
+        TBDL_DLD_Deactivate(0);
+        TBDL_DLD_Fini();
         TBDL_CFG_Deactivate();
         TBDL_CFG_Fini();
         TBDL_INTF_Fini();

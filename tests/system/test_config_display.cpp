@@ -72,7 +72,7 @@ TEST_F(ConfigDisplay, ReplyBytesOfEachDisplay)
     EXPECT_TRUE(StoreMatches(m_chassis, *m_client));
 }
 
-TEST_F(ConfigDisplay, TbdlctlShowsTablesAndJson)
+TEST_F(ConfigDisplay, TbdlctlShowsTablesLimitsAndJson)
 {
     ASSERT_NO_FATAL_FAILURE(Populate());
     ProcRun run = m_chassis.Tbdlctl({"show", "bundles"});
@@ -97,6 +97,10 @@ TEST_F(ConfigDisplay, TbdlctlShowsTablesAndJson)
     run = m_chassis.Tbdlctl({"show", "bundle", "61"});
     EXPECT_TRUE(Exited(run, 1));
     EXPECT_EQ(run.err, tc::DescribeResult(TBDL_E_FAILED) + "\n");
+    run = m_chassis.Tbdlctl({"--json", "show", "limits"});
+    ASSERT_TRUE(Exited(run, 0));
+    EXPECT_EQ(Json::parse(run.out), Json::parse(R"({"bundle_slots":100,"member_limit":3,
+        "modes":{"LoadBalancing":true,"ProtectionOnetoone":true,"ProtectionOneplusone":true}})"));
 }
 
 TEST_F(ConfigDisplay, DebugSwitchWord)
@@ -148,14 +152,6 @@ TEST_F(ConfigDisplay, MalformedRequestsAreAnsweredAsInvalid)
     EXPECT_EQ(j["name"], "TBDL_E_INVALID_MSG");
     EXPECT_EQ(j["type"], 1);
     EXPECT_EQ(j["oper"], 2);
-}
-
-TEST_F(ConfigDisplay, LimitsFromTheSettingsAsTbdlctlShowsThem)
-{
-    ProcRun run = m_chassis.Tbdlctl({"--json", "show", "limits"});
-    ASSERT_TRUE(Exited(run, 0));
-    EXPECT_EQ(Json::parse(run.out), Json::parse(R"({"bundle_slots":100,"member_limit":3,
-        "modes":{"LoadBalancing":true,"ProtectionOnetoone":true,"ProtectionOneplusone":true}})"));
 }
 
 }  // namespace

@@ -71,11 +71,9 @@ TEST(ConfigModes, ModesSwitchedOffInTheSettings)
     ASSERT_TRUE(shown && shown->value);
     EXPECT_EQ(shown->value->ucMode, 3u);
 
-    tc::Outcome<tc::Message> limits = c->Raw(tc::EncodeRequest(TBDL_CFG_MSG_DISPLAY, TBDL_DISP_TYPE_SPEC, 0, {}));
-    ASSERT_TRUE(limits) << limits.error();
-    const tc::Tlv *spec = limits->find(TBDL_TLV_DISP_SPEC);
-    ASSERT_NE(spec, nullptr);
-    EXPECT_EQ(tc::ToHex(spec->value), "000004000000000800000001" "00000000");
+    ProcRun run = chassis.Tbdlctl({"--json", "show", "limits"});
+    EXPECT_EQ(Json::parse(run.out, nullptr, false), Json::parse(R"({"bundle_slots":1024,"member_limit":8,
+        "modes":{"LoadBalancing":false,"ProtectionOnetoone":true,"ProtectionOneplusone":false}})"));
     tc::Outcome<tc::BndWalk> walk = c->WalkBundles();
     ASSERT_TRUE(walk) << walk.error();
     ASSERT_EQ(walk->bundles.size(), 2u);

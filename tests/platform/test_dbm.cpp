@@ -121,15 +121,24 @@ TEST_F(DbmTest, InsertNeedsASortWordAndReplacesOnAnEqualOne)
     EXPECT_EQ(DBM_Len(h_, kBndKey.data(), 1), 1u);
 }
 
-TEST_F(DbmTest, ListsComeBackInBigEndianSortWordOrderTenAtATime)
+TEST_F(DbmTest, ListsComeBackInBigEndianSortWordOrderTenAtATimeAndBadReadsFail)
 {
+    std::vector<i32> blocks;
+    EXPECT_TRUE(ReadList(h_, kBndKey, 32, &blocks).empty());
+    EXPECT_EQ(blocks, std::vector<i32>{0}) << "a missing list reads as empty";
+    EXPECT_TRUE(ReadList(DBM_HANDLE_NONE, kBndKey, 32, &blocks).empty());
+    EXPECT_LT(blocks.back(), 0);
+    void *iter = nullptr;
+    EXPECT_LT(DBM_BatchGetNextSortList(h_, kBndKey.data(), 1, &iter, 0, 0, 32, 10, nullptr), 0);
+    EXPECT_EQ(iter, nullptr);
+    DBM_FreeIterator(nullptr);
     /* Powers of two, stored shuffled: any other comparison misorders them. */
     std::vector<u32> want;
     for (u32 i = 0; i < 25; ++i) {
         ASSERT_EQ(Store(h_, kBndKey, BndRec(1u << (i * 7 % 25)), 20), 0u);
         want.push_back(1u << i);
     }
-    std::vector<i32> blocks;
+    blocks.clear();
     EXPECT_EQ(BndNums(ReadList(h_, kBndKey, 32, &blocks)), want);
     EXPECT_EQ(blocks, (std::vector<i32>{10, 10, 5, 0}));
 
@@ -166,19 +175,6 @@ TEST_F(DbmTest, RemoveMatchesOnTheSortWordAloneAndDeleteKeyTouchesOneList)
     /* A key that comes back starts empty. */
     ASSERT_EQ(Store(h_, m7, MembRec(12), 0), 0u);
     EXPECT_EQ(ReadList(h_, m7, 12), std::vector<Bytes>{MembRec(12)});
-}
-
-TEST_F(DbmTest, BlockReadOfAMissingListIsEmptyAndBadCallsAreErrors)
-{
-    std::vector<i32> blocks;
-    EXPECT_TRUE(ReadList(h_, kBndKey, 32, &blocks).empty());
-    EXPECT_EQ(blocks, std::vector<i32>{0});
-    EXPECT_TRUE(ReadList(DBM_HANDLE_NONE, kBndKey, 32, &blocks).empty());
-    EXPECT_LT(blocks.back(), 0);
-    void *iter = nullptr;
-    EXPECT_LT(DBM_BatchGetNextSortList(h_, kBndKey.data(), 1, &iter, 0, 0, 32, 10, nullptr), 0);
-    EXPECT_EQ(iter, nullptr);
-    DBM_FreeIterator(nullptr);
 }
 
 /* Batch callbacks note "<row><key>:<records>" and read the list. */

@@ -29,14 +29,11 @@ using systest::ProcRun;
 /* The daemon answered exactly want. */
 inline testing::AssertionResult Answers(const tc::Outcome<std::uint32_t> &got, std::uint32_t want)
 {
-    if (!got) {
-        return testing::AssertionFailure() << got.error();
+    if (got && *got == want) {
+        return testing::AssertionSuccess();
     }
-    if (*got != want) {
-        return testing::AssertionFailure() << "answered " << tc::DescribeResult(*got) << ", expected "
-                                           << tc::DescribeResult(want);
-    }
-    return testing::AssertionSuccess();
+    return testing::AssertionFailure() << (got ? "answered " + tc::DescribeResult(*got) : got.error())
+                                       << ", expected " << tc::DescribeResult(want);
 }
 
 /* A program run ended with the status. */
@@ -48,9 +45,6 @@ inline testing::AssertionResult Exited(const ProcRun &run, int status)
     return testing::AssertionFailure() << "exit status " << run.status << " (expected " << status << ")\nstdout: "
                                        << run.out << "\nstderr: " << run.err;
 }
-
-/* A client on the chassis's master board. */
-inline tc::Outcome<tc::Client> Connect(const Chassis &chassis) { return tc::Client::Connect(chassis.dir(), std::nullopt); }
 
 /* Waits until the master board's configuration socket answers a display. */
 inline bool WaitCfgAnswers(const Chassis &chassis, int timeoutMs = 15000)
@@ -277,7 +271,7 @@ protected:
     testing::AssertionResult Reconnect()
     {
         m_client.reset();
-        tc::Outcome<tc::Client> c = Connect(m_chassis);
+        tc::Outcome<tc::Client> c = tc::Client::Connect(m_chassis.dir(), std::nullopt);
         if (!c) {
             return testing::AssertionFailure() << c.error();
         }

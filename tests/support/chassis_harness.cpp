@@ -80,11 +80,6 @@ std::string ReadFile(const std::string &path)
     return ss.str();
 }
 
-bool FileContains(const std::string &path, const std::string &text)
-{
-    return ReadFile(path).find(text) != std::string::npos;
-}
-
 size_t CountOccurrences(const std::string &text, const std::string &what)
 {
     size_t n = 0;
@@ -185,7 +180,7 @@ bool Chassis::WaitBoard(int board, const std::function<bool(const Json &)> &cond
 
 bool Chassis::WaitFile(const std::string &rel, const std::string &text, int timeoutMs) const
 {
-    return WaitUntil([&] { return FileContains(Path(rel), text); }, timeoutMs);
+    return WaitUntil([&] { return ReadFile(Path(rel)).find(text) != std::string::npos; }, timeoutMs);
 }
 
 bool Chassis::Stop()

@@ -34,7 +34,6 @@ std::string BuildPath(const std::string &rel);
 bool WaitUntil(const std::function<bool()> &cond, int timeoutMs = 10000, int pollMs = 10);
 
 std::string ReadFile(const std::string &path); /* "" when missing */
-bool FileContains(const std::string &path, const std::string &text);
 size_t CountOccurrences(const std::string &text, const std::string &what);
 bool ProcessAlive(pid_t pid); /* false for zombies too */
 

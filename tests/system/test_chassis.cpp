@@ -28,12 +28,8 @@ TEST(Chassis, StartWritesTheSettingsAndShowsTheBoardUpAsMaster)
     Json settings = Json::parse(ReadFile(c.Path("chassis.json")), nullptr, false);
     EXPECT_EQ(settings.value("bundle_slots", 0), 64) << "the settings file is written before the daemon starts";
     Json b = c.Board(0);
-    ASSERT_TRUE(b.is_object());
-    EXPECT_EQ(b["state"], "up");
-    EXPECT_EQ(b["status"], 2);
-    EXPECT_EQ(b["role"], "master");
-    EXPECT_EQ(b["start_cause"], 0);
-    EXPECT_EQ(b["cfg_socket"], c.Path("board0/cfg.sock"));
+    EXPECT_EQ(Json({b["state"], b["status"], b["role"], b["start_cause"], b["cfg_socket"]}),
+              Json({"up", 2, "master", 0, c.Path("board0/cfg.sock")}));
     EXPECT_TRUE(Has(c.Ctl({"status"}).out, "master"));
     /* A second chassisd on the same directory is refused. */
     ProcRun second = RunProcess({BuildPath("platform/chassisd"), "--dir", c.dir(), "--daemon", Chassis::FakeDaemon()});
@@ -79,9 +75,7 @@ TEST(Chassis, DaemonThatDiesIsRestartedWithCauseRestart)
         ASSERT_EQ(viaCtl ? c.Ctl({"board", "kill", "0"}).status : kill(first, SIGKILL), 0);
         ASSERT_TRUE(c.WaitBoard(0, [&](const Json &b) { return b["pid"] != first && b["state"] == "up"; }));
         Json b = c.Board(0);
-        EXPECT_EQ(b["start_cause"], 1);
-        EXPECT_EQ(b["start_cause_name"], "process restart");
-        EXPECT_EQ(b["restarts"], 1);
+        EXPECT_EQ(Json({b["start_cause"], b["start_cause_name"], b["restarts"]}), Json({1, "process restart", 1}));
         EXPECT_TRUE(Has(b["last_exit"].get<std::string>(), "signal 9"));
         EXPECT_TRUE(c.WaitFile("board0/fake.log", "start cause 1"));
     }
@@ -154,7 +148,7 @@ TEST(Chassis, TwoBoardsHaveRolesAndRelayTheBatchBackup)
     EXPECT_EQ(c.Board(0)["role"], "standby");
     /* Once both joined, the master's batch reaches the standby (flag 0). */
     ASSERT_TRUE(c.WaitFile("board0/fake.log", "ha message 0 batch-from-1"));
-    EXPECT_TRUE(FileContains(c.Path("board1/fake.log"), "ha event 1"));
+    EXPECT_TRUE(c.WaitFile("board1/fake.log", "ha event 1"));
     Json ha = c.CtlJson({"dump", "ha"});
     EXPECT_EQ(ha["master"], 1);
     EXPECT_EQ(ha["mtu"], 2000);
@@ -175,7 +169,7 @@ TEST(Chassis, TwoBoardsHaveRolesAndRelayTheBatchBackup)
     size_t standby = log.find("board 0: stopping tbdld"), master = log.find("board 1: stopping tbdld");
     ASSERT_NE(master, std::string::npos);
     EXPECT_LT(standby, master);
-    EXPECT_TRUE(FileContains(c.Path("board1/fake.log"), "stop value 3"));
+    EXPECT_TRUE(c.WaitFile("board1/fake.log", "stop value 3"));
 }
 
 TEST(Chassis, MisbehavingDaemonsAreKilledOrFailTheStart)

@@ -94,8 +94,7 @@ TEST_F(ChassisPlatform, BundleIndexesAreMadeOnDemandAndNeverReused)
     StartChassis();
     Ctl({"if", "add", "Tunnel1"});
     u32 b3 = IF_GetIfIndexByFullName("Tunnel-Bundle3"), b4 = IF_GetIfIndexByFullName("Tunnel-Bundle4");
-    EXPECT_EQ(Data(b3, 0), 3u);
-    EXPECT_EQ(Data(b3, 18), 96u);
+    EXPECT_EQ(std::vector<u32>({Data(b3, 0), Data(b3, 18)}), std::vector<u32>({3, 96})) << "number and type";
     for (const char *bad : {"Tunnel-Bundle", "Tunnel-Bundle-1", "Tunnel-Bundle03", "tunnel-bundle3", "Tunnel-Bundle3x"}) {
         EXPECT_EQ(IF_GetIfIndexByFullName(bad), 0u) << bad;
     }
@@ -155,12 +154,8 @@ TEST_F(ChassisPlatform, KernelTablePerBoardTakesOnlyWellFormedCommands)
     Json k = Ktbdl(0);
     ASSERT_EQ(k["bundles"].size(), 1u) << k.dump();
     Json e = k["bundles"][0];
-    EXPECT_EQ(e["ifindex"], 0x1000);
-    EXPECT_EQ(e["state"], 1);
-    EXPECT_EQ(e["tnl_mode"], 4);
-    EXPECT_EQ(e["vrf"], 5);
-    EXPECT_EQ(e["address"], "10.0.0.1");
-    EXPECT_EQ(e["members"], Json::array({0x101}));
+    EXPECT_EQ(Json({e["ifindex"], e["state"], e["tnl_mode"], e["vrf"], e["address"], e["members"]}),
+              Json({0x1000, 1, 4, 5, "10.0.0.1", {0x101}}));
     EXPECT_EQ(k["commands"]["refused"], 5);
     EXPECT_TRUE(Ktbdl(1)["bundles"].empty()) << "each board has its own table";
 
@@ -325,13 +320,9 @@ TEST_F(ChassisPlatform, JournalHasOneLinePerCallWithHexPayloads)
     ASSERT_EQ(CountOccurrences(journal, "\n"), 2u) << journal;
     Json first = Json::parse(journal.substr(0, journal.find('\n')));
     Json second = Json::parse(journal.substr(journal.find('\n') + 1));
-    EXPECT_EQ(first["call"], "CIOCTL");
-    EXPECT_EQ(first["board"], 0);
-    EXPECT_EQ(first["args"]["cmd"], 0x7c0003);
-    EXPECT_EQ(first["args"]["payload"], "040302010d0c0b0a");
-    EXPECT_EQ(first["result"], 0);
-    EXPECT_EQ(second["call"], "IF_GetIfIndexByFullName");
-    EXPECT_EQ(second["args"]["name"], "Tunnel99");
+    EXPECT_EQ(Json({first["call"], first["board"], first["args"]["cmd"], first["args"]["payload"], first["result"]}),
+              Json({"CIOCTL", 0, 0x7c0003, "040302010d0c0b0a", 0}));
+    EXPECT_EQ(Json({second["call"], second["args"]["name"]}), Json({"IF_GetIfIndexByFullName", "Tunnel99"}));
 }
 
 TEST_F(ChassisPlatform, EventChannelsReportTheEndOfChassisd)

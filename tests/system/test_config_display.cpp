@@ -149,9 +149,7 @@ TEST_F(ConfigDisplay, MalformedRequestsAreAnsweredAsInvalid)
     ProcRun run = m_chassis.Tbdlctl({"--json", "raw", "--hex", "0002 0000 00000000 0001 0002"});
     EXPECT_TRUE(Exited(run, 1));
     Json j = Json::parse(run.out);
-    EXPECT_EQ(j["name"], "TBDL_E_INVALID_MSG");
-    EXPECT_EQ(j["type"], 1);
-    EXPECT_EQ(j["oper"], 2);
+    EXPECT_EQ(Json({j["name"], j["type"], j["oper"]}), Json({"TBDL_E_INVALID_MSG", 1, 2}));
 }
 
 }  // namespace

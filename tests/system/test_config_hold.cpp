@@ -14,7 +14,7 @@ TEST(ConfigHold, DeletingTheLastBundleHoldsCreationUntilTheDaemonRestarts)
 {
     Chassis chassis("cfghold");
     ASSERT_TRUE(StartWithDaemon(chassis));
-    tc::Outcome<tc::Client> c = Connect(chassis);
+    tc::Outcome<tc::Client> c = tc::Client::Connect(chassis.dir(), std::nullopt);
     ASSERT_TRUE(c) << c.error();
     ASSERT_TRUE(Answers(c->CreateBundle(2, TBDL_MODE_LOADBALANCING, 0), TBDL_OK));
     ASSERT_TRUE(Answers(c->CreateBundle(3, TBDL_MODE_LOADBALANCING, 0), TBDL_OK));
@@ -43,20 +43,18 @@ TEST(ConfigHold, DeletingTheLastBundleHoldsCreationUntilTheDaemonRestarts)
     run = chassis.Tbdlctl({"--json", "bundle", "delete", "9"});
     EXPECT_TRUE(Exited(run, 0));
     Json j = Json::parse(run.out);
-    EXPECT_EQ(j["result"], TBDL_E_LAST_BND_DELETED);
-    EXPECT_EQ(j["ok"], true);
+    EXPECT_EQ(Json({j["result"], j["ok"]}), Json({TBDL_E_LAST_BND_DELETED, true}));
     run = chassis.Tbdlctl({"--json", "bundle", "create", "9", "--mode", "1+1"});
     EXPECT_TRUE(Exited(run, 1));
     j = Json::parse(run.out);
-    EXPECT_EQ(j["name"], "TBDL_E_BND_HOLD");
-    EXPECT_EQ(j["ok"], false);
+    EXPECT_EQ(Json({j["name"], j["ok"]}), Json({"TBDL_E_BND_HOLD", false}));
 }
 
 TEST(ConfigModes, ModesSwitchedOffInTheSettings)
 {
     Chassis chassis("cfgmodes");
     ASSERT_TRUE(StartWithDaemon(chassis, {"--mode", "LoadBalancing=off", "--mode", "ProtectionOneplusone=off"}));
-    tc::Outcome<tc::Client> c = Connect(chassis);
+    tc::Outcome<tc::Client> c = tc::Client::Connect(chassis.dir(), std::nullopt);
     ASSERT_TRUE(c) << c.error();
     for (const char *mode : {"loadbalancing", "1+1"}) {
         ProcRun run = chassis.Tbdlctl({"bundle", "create", "1", "--mode", mode});

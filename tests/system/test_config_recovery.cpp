@@ -48,16 +48,12 @@ protected:
     std::map<std::uint32_t, std::string> Summary()
     {
         std::map<std::uint32_t, std::string> s;
-        std::optional<std::map<std::uint32_t, tc::BndDetail>> t = Table(*m_client);
-        if (t) {
-            for (const auto &[n, d] : *t) {
-                std::string text = "mode " + std::to_string(d.ucMode) + " addr " + tc::FormatAddr(d.stAddr) +
-                                   " state " + std::to_string(d.ucState) + " members";
-                for (const tc::MembDetail &m : d.members) {
-                    text += " " + std::to_string(m.uiTnlNum) + "/w" + std::to_string(m.usWeight) + "/r" +
-                            std::to_string(m.ucRole);
-                }
-                s[n] = text;
+        for (const auto &[n, d] : Table(*m_client).value_or(std::map<std::uint32_t, tc::BndDetail>{})) {
+            std::string &text = s[n] = "mode " + std::to_string(d.ucMode) + " addr " + tc::FormatAddr(d.stAddr) +
+                                       " state " + std::to_string(d.ucState) + " members";
+            for (const tc::MembDetail &m : d.members) {
+                text += " " + std::to_string(m.uiTnlNum) + "/w" + std::to_string(m.usWeight) + "/r" +
+                        std::to_string(m.ucRole);
             }
         }
         return s;

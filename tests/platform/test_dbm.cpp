@@ -213,8 +213,7 @@ TEST_F(DbmTest, BatchWalkServesRowsInTableOrderAndKeysAscending)
 
 TEST_F(DbmTest, DatabasesOfDifferentNamesAreSeparateAndHandlesShareOneStore)
 {
-    u64 other = DBM_HANDLE_NONE;
-    u64 same = DBM_HANDLE_NONE;
+    u64 other = DBM_HANDLE_NONE, same = DBM_HANDLE_NONE;
     ASSERT_EQ(OpenDb(other, "eOTHER"), 0u);
     ASSERT_EQ(OpenDb(same), 0u);
     EXPECT_NE(other, h_);

@@ -239,6 +239,13 @@ inline testing::AssertionResult StoreMatches(const Chassis &chassis, tc::Client 
     return SameSigs(want, *stored);
 }
 
+/* The kernel table of board 0 and the stored records agree with the table. */
+inline testing::AssertionResult Consistent(const Chassis &chassis, tc::Client &client)
+{
+    testing::AssertionResult k = KtbdlMatches(chassis, client);
+    return k ? StoreMatches(chassis, client) : k;
+}
+
 /* Starts a chassis with the real board daemon and waits until the master's
  * configuration socket answers. */
 inline testing::AssertionResult StartWithDaemon(Chassis &chassis, const std::vector<std::string> &args = {})

@@ -24,8 +24,7 @@ TEST(ConfigHold, DeletingTheLastBundleHoldsCreationUntilTheDaemonRestarts)
     EXPECT_TRUE(Exited(run, 0));
     EXPECT_EQ(run.out, "Tunnel-Bundle2 deleted.\n");
     EXPECT_TRUE(Answers(c->DeleteBundle(3), TBDL_E_LAST_BND_DELETED));
-    EXPECT_TRUE(KtbdlMatches(chassis, *c)) << "the members of the last bundle left the kernel";
-    EXPECT_TRUE(StoreMatches(chassis, *c));
+    EXPECT_TRUE(Consistent(chassis, *c)) << "the members of the last bundle left the kernel";
     run = chassis.Tbdlctl({"bundle", "create", "4", "--mode", "loadbalancing"});
     EXPECT_TRUE(Exited(run, 1));
     EXPECT_EQ(run.err,
@@ -76,8 +75,7 @@ TEST(ConfigModes, ModesSwitchedOffInTheSettings)
     ASSERT_TRUE(walk) << walk.error();
     ASSERT_EQ(walk->bundles.size(), 2u);
     EXPECT_EQ(walk->bundles[0].uiBndNum, 4u);
-    EXPECT_TRUE(KtbdlMatches(chassis, *c));
-    EXPECT_TRUE(StoreMatches(chassis, *c));
+    EXPECT_TRUE(Consistent(chassis, *c));
 }
 
 }  // namespace

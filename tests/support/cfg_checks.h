@@ -49,12 +49,11 @@ inline testing::AssertionResult Exited(const ProcRun &run, int status)
 /* Waits until the master board's configuration socket answers a display. */
 inline bool WaitCfgAnswers(const Chassis &chassis, int timeoutMs = 15000)
 {
-    return systest::WaitUntil(
-        [&] {
-            tc::Outcome<tc::Client> c = tc::Client::Connect(chassis.dir(), std::nullopt, 500);
-            return c && c->GetLimits();
-        },
-        timeoutMs, 5);
+    auto answers = [&] {
+        tc::Outcome<tc::Client> c = tc::Client::Connect(chassis.dir(), std::nullopt, 500);
+        return c && c->GetLimits();
+    };
+    return systest::WaitUntil(answers, timeoutMs, 5);
 }
 
 /* chassisctl if add Tunnel<n> --mode m --state up|down. */

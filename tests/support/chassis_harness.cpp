@@ -120,10 +120,8 @@ std::string Chassis::FakeDaemon() { return BuildPath("tests/fake_tbdld"); }
 ProcRun Chassis::Start(const std::vector<std::string> &chassisdArgs, int timeoutMs)
 {
     if (access(daemon_.c_str(), X_OK) != 0) {
-        ProcRun missing;
-        missing.err = "no board daemon at " + daemon_;
-        ADD_FAILURE() << missing.err;
-        return missing;
+        ADD_FAILURE() << "no board daemon at " << daemon_;
+        return ProcRun{};
     }
     std::vector<std::string> argv{BuildPath("tools/chassisctl"), "--dir", dir_, "start",
                                   "--timeout", std::to_string(timeoutMs / 1000), "--daemon", daemon_};

@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 
 #include <gtest/gtest.h>
@@ -155,11 +156,9 @@ TEST(Chassis, TwoBoardsHaveRolesAndRelayTheBatchBackup)
 
     ASSERT_EQ(c.Ctl({"ha", "event", "0", "--board", "0"}).status, 0);
     ASSERT_TRUE(WaitUntil([&] {
-        Json h = c.CtlJson({"dump", "ha"});
-        for (const Json &r : h["responses"]) {
-            if (r["board"] == 0 && r["event"] == 0 && r["data"] == 0) return true;
-        }
-        return false;
+        Json r = c.CtlJson({"dump", "ha"})["responses"];
+        auto answered = [](const Json &x) { return x["board"] == 0 && x["event"] == 0 && x["data"] == 0; };
+        return std::any_of(r.begin(), r.end(), answered);
     }));
     EXPECT_NE(c.Ctl({"ha", "event", "3", "--board", "5"}).status, 0);
 

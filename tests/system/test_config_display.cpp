@@ -104,15 +104,12 @@ TEST_F(ConfigDisplay, TbdlctlShowsTablesLimitsAndJson)
 
 TEST_F(ConfigDisplay, DebugSwitchWord)
 {
-    const std::pair<const char *, const char *> steps[] = {{"", "00000000"}, {"on event", "00000002"},
-                                                           {"on all", "00000003"}, {"off event", "00000001"}};
+    const std::pair<std::vector<std::string>, const char *> steps[] = {
+        {{}, "00000000"}, {{"debug", "on", "event"}, "00000002"}, {{"debug", "on", "all"}, "00000003"},
+        {{"debug", "off", "event"}, "00000001"}};
     for (const auto &[cmd, word] : steps) {
-        if (*cmd != 0) {
-            std::string c(cmd);
-            EXPECT_TRUE(Exited(m_chassis.Tbdlctl({"debug", c.substr(0, c.find(' ')), c.substr(c.find(' ') + 1)}), 0));
-        }
-        EXPECT_EQ(RawHex("0001 0000 00000000 0001 0000"), Hex(std::string("0001 0008 00000000 0001 0000 0194 0004") + word))
-            << "after '" << cmd << "'";
+        EXPECT_TRUE(cmd.empty() || Exited(m_chassis.Tbdlctl(cmd), 0)) << word;
+        EXPECT_EQ(RawHex("0001 0000 00000000 0001 0000"), Hex(std::string("0001 0008 00000000 0001 0000 0194 0004") + word));
     }
     ProcRun run = m_chassis.Tbdlctl({"debug", "on", "3"});
     EXPECT_TRUE(Exited(run, 1));

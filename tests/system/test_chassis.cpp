@@ -34,8 +34,7 @@ TEST(Chassis, StartWritesTheSettingsAndShowsTheBoardUpAsMaster)
     EXPECT_TRUE(Has(c.Ctl({"status"}).out, "master"));
     /* A second chassisd on the same directory is refused. */
     ProcRun second = RunProcess({BuildPath("platform/chassisd"), "--dir", c.dir(), "--daemon", Chassis::FakeDaemon()});
-    EXPECT_NE(second.status, 0);
-    EXPECT_TRUE(Has(second.err, "another chassisd")) << second.err;
+    EXPECT_TRUE(second.status != 0 && Has(second.err, "another chassisd")) << second.err;
     EXPECT_TRUE(Has(c.Start().err, "already running"));
 }
 
@@ -52,8 +51,7 @@ TEST(Chassis, RestartAndRebootStopWithValue3AndStartWithTheirCause)
     pid_t pid = c.BoardPid(0), chassisd = c.ChassisdPid();
     ProcRun stop = c.Ctl({"stop"});
     EXPECT_EQ(stop.status, 0) << stop.err;
-    EXPECT_FALSE(ProcessAlive(chassisd));
-    EXPECT_FALSE(ProcessAlive(pid));
+    EXPECT_FALSE(ProcessAlive(chassisd) || ProcessAlive(pid));
     std::string fake = ReadFile(c.Path("board0/fake.log"));
     EXPECT_EQ(fake, "start cause 0\nstop value 3\nstart cause 1\nstop value 3\nstart cause 0\nstop value 3\n");
     EXPECT_NE(access(c.Path("chassisd.sock").c_str(), F_OK), 0);
@@ -61,8 +59,7 @@ TEST(Chassis, RestartAndRebootStopWithValue3AndStartWithTheirCause)
     EXPECT_TRUE(Has(log, "stopped: exited with status 0")) << log;
     EXPECT_TRUE(Has(log, "exiting with status 0")) << log;
     ProcRun again = c.Ctl({"stop"});
-    EXPECT_NE(again.status, 0);
-    EXPECT_TRUE(Has(again.err, "not running")) << again.err;
+    EXPECT_TRUE(again.status != 0 && Has(again.err, "not running")) << again.err;
 }
 
 TEST(Chassis, DaemonThatDiesIsRestartedWithCauseRestart)
@@ -187,8 +184,7 @@ TEST(Chassis, MisbehavingDaemonsAreKilledOrFailTheStart)
     Chassis c;
     c.SetEnv({"FAKE_TBDLD_NO_STATUS=1"});
     ProcRun r = c.Start({}, 2000);
-    EXPECT_NE(r.status, 0);
-    EXPECT_TRUE(Has(r.err, "boards not up within 2 s (board 0 starting)")) << r.err;
+    EXPECT_TRUE(r.status != 0 && Has(r.err, "boards not up within 2 s (board 0 starting)")) << r.err;
 }
 
 } // namespace

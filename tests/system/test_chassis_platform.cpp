@@ -85,8 +85,8 @@ TEST_F(ChassisPlatform, TunnelInterfacesAsTheOperatorSetsThem)
     Ctl({"vrf", "unbind", "Tunnel5"});
     EXPECT_EQ(Vrf(t5), 0u);
     Ctl({"if", "del", "Tunnel5"});
-    EXPECT_EQ(IF_GetIfIndexByFullName("Tunnel5"), 0u);
-    EXPECT_EQ(std::vector<u32>({Data(t5, 0), Vrf(t5)}), std::vector<u32>({kNone, kNone}));
+    EXPECT_EQ(std::vector<u32>({IF_GetIfIndexByFullName("Tunnel5"), Data(t5, 0), Vrf(t5)}),
+              std::vector<u32>({0, kNone, kNone}));
 }
 
 TEST_F(ChassisPlatform, BundleIndexesAreMadeOnDemandAndNeverReused)
@@ -189,8 +189,7 @@ TEST_F(ChassisPlatform, PlannedFailuresHitTheNamedCallOfTheNamedBoardOnly)
     EXPECT_NE(IF_GetIfIndexByFullName("Tunnel-Bundle1"), 0u);
     EXPECT_EQ(cioctl(), 0u) << "another call";
     ProcRun bad = c.Ctl({"fail", "CIOCTL", "--board", "4"});
-    EXPECT_NE(bad.status, 0);
-    EXPECT_NE(bad.err.find("board 4"), std::string::npos);
+    EXPECT_TRUE(bad.status != 0 && bad.err.find("board 4") != std::string::npos) << bad.err;
 
     /* Calls served in this process fail alike, without side effects. (A
      * failed database write of the daemon is shown by the configuration
@@ -243,8 +242,7 @@ TEST_F(ChassisPlatform, HaChannelOfAStandbyReachesTheMaster)
     u8 ident[8] = {0x7a, 0x0a, 0, 0, 0x79, 0x0a, 0, 0};
     int fd = HA_Init("TBDL", 0, "TBDL", 1, 2, ident, &g_haCbs);
     ASSERT_GE(fd, 0);
-    EXPECT_EQ(HA_IsMaster(fd), 0);
-    EXPECT_EQ(HA_GetMTU(fd), 1500u);
+    EXPECT_EQ(std::vector<u32>({HA_IsMaster(fd), HA_GetMTU(fd)}), std::vector<u32>({0, 1500}));
     /* Messages this board sends go to board 0's daemon. */
     char text[] = "from-test";
     EXPECT_EQ(HA_SendMsgSync(fd, text, 9, 1), 0u);

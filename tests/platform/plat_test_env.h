@@ -57,15 +57,11 @@ public:
             unsetenv(name);
         }
         Reload();
-        std::error_code ec;
-        std::filesystem::permissions(dir_, std::filesystem::perms::owner_all, ec);
-        std::filesystem::remove_all(dir_, ec);
+        std::filesystem::remove_all(dir_);
     }
     TempChassis(const TempChassis &) = delete;
     TempChassis &operator=(const TempChassis &) = delete;
-
     const std::string &Dir() const { return dir_; }
-    std::string Path(const std::string &name) const { return dir_ + "/" + name; }
     void WriteSettings(const std::string &json) const
     {
         std::ofstream(tbdl::plat::SettingsPathOf(dir_), std::ios::trunc) << json;

@@ -1,15 +1,16 @@
 /* Platform database on the chassis's SQLite store: list semantics, order,
- * batch walk, block reads, durability across kill -9 and failed opens. */
+ * batch walk, block reads, durability across kill -9, failed and
+ * simultaneous opens. */
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -120,15 +121,24 @@ TEST_F(DbmTest, InsertNeedsASortWordAndReplacesOnAnEqualOne)
     EXPECT_EQ(DBM_Len(h_, kBndKey.data(), 1), 1u);
 }
 
-TEST_F(DbmTest, ListsComeBackInBigEndianSortWordOrderTenAtATime)
+TEST_F(DbmTest, ListsComeBackInBigEndianSortWordOrderTenAtATimeAndBadReadsFail)
 {
+    std::vector<i32> blocks;
+    EXPECT_TRUE(ReadList(h_, kBndKey, 32, &blocks).empty());
+    EXPECT_EQ(blocks, std::vector<i32>{0}) << "a missing list reads as empty";
+    EXPECT_TRUE(ReadList(DBM_HANDLE_NONE, kBndKey, 32, &blocks).empty());
+    EXPECT_LT(blocks.back(), 0);
+    void *iter = nullptr;
+    EXPECT_LT(DBM_BatchGetNextSortList(h_, kBndKey.data(), 1, &iter, 0, 0, 32, 10, nullptr), 0);
+    EXPECT_EQ(iter, nullptr);
+    DBM_FreeIterator(nullptr);
     /* Powers of two, stored shuffled: any other comparison misorders them. */
     std::vector<u32> want;
     for (u32 i = 0; i < 25; ++i) {
         ASSERT_EQ(Store(h_, kBndKey, BndRec(1u << (i * 7 % 25)), 20), 0u);
         want.push_back(1u << i);
     }
-    std::vector<i32> blocks;
+    blocks.clear();
     EXPECT_EQ(BndNums(ReadList(h_, kBndKey, 32, &blocks)), want);
     EXPECT_EQ(blocks, (std::vector<i32>{10, 10, 5, 0}));
 
@@ -158,26 +168,13 @@ TEST_F(DbmTest, RemoveMatchesOnTheSortWordAloneAndDeleteKeyTouchesOneList)
 
     EXPECT_EQ(DBM_DeleteKey(h_, m7.data(), 5), 0u);
     EXPECT_EQ(DBM_IsKeyExist(h_, m7.data(), 5), 0u);
-    EXPECT_EQ(DBM_Len(h_, m7.data(), 5), 0u);
-    EXPECT_EQ(DBM_Len(h_, MembKey(8).data(), 5), 1u);
-    EXPECT_EQ(DBM_Len(h_, kBndKey.data(), 1), 2u);
+    EXPECT_EQ(std::vector<u32>(
+                  {DBM_Len(h_, m7.data(), 5), DBM_Len(h_, MembKey(8).data(), 5), DBM_Len(h_, kBndKey.data(), 1)}),
+              std::vector<u32>({0, 1, 2})) << "only the deleted list is empty";
     EXPECT_NE(DBM_DeleteKey(h_, m7.data(), 5), 0u);
     /* A key that comes back starts empty. */
     ASSERT_EQ(Store(h_, m7, MembRec(12), 0), 0u);
     EXPECT_EQ(ReadList(h_, m7, 12), std::vector<Bytes>{MembRec(12)});
-}
-
-TEST_F(DbmTest, BlockReadOfAMissingListIsEmptyAndBadCallsAreErrors)
-{
-    std::vector<i32> blocks;
-    EXPECT_TRUE(ReadList(h_, kBndKey, 32, &blocks).empty());
-    EXPECT_EQ(blocks, std::vector<i32>{0});
-    EXPECT_TRUE(ReadList(DBM_HANDLE_NONE, kBndKey, 32, &blocks).empty());
-    EXPECT_LT(blocks.back(), 0);
-    void *iter = nullptr;
-    EXPECT_LT(DBM_BatchGetNextSortList(h_, kBndKey.data(), 1, &iter, 0, 0, 32, 10, nullptr), 0);
-    EXPECT_EQ(iter, nullptr);
-    DBM_FreeIterator(nullptr);
 }
 
 /* Batch callbacks note "<row><key>:<records>" and read the list. */
@@ -216,12 +213,10 @@ TEST_F(DbmTest, BatchWalkServesRowsInTableOrderAndKeysAscending)
 
 TEST_F(DbmTest, DatabasesOfDifferentNamesAreSeparateAndHandlesShareOneStore)
 {
-    u64 other = DBM_HANDLE_NONE;
-    u64 same = DBM_HANDLE_NONE;
+    u64 other = DBM_HANDLE_NONE, same = DBM_HANDLE_NONE;
     ASSERT_EQ(OpenDb(other, "eOTHER"), 0u);
     ASSERT_EQ(OpenDb(same), 0u);
-    EXPECT_NE(other, h_);
-    EXPECT_NE(same, h_);
+    EXPECT_TRUE(other != h_ && same != h_);
     ASSERT_EQ(Store(h_, kBndKey, BndRec(1), 20), 0u);
     EXPECT_EQ(DBM_IsKeyExist(other, kBndKey.data(), 1), 0u);
     EXPECT_EQ(DBM_Len(same, kBndKey.data(), 1), 1u); /* what the other board sees */
@@ -255,19 +250,16 @@ TEST(DbmDurability, AcknowledgedRecordsSurviveKill9OfTheWriter)
     ASSERT_GE(pid, 0);
     if (pid == 0) {
         u64 h = DBM_HANDLE_NONE;
-        for (u32 tnl = OpenDb(h) == 0 ? 0 : (_exit(2), 0);; ++tnl) {
-            if (Store(h, MembKey(1), MembRec(tnl), 0) != 0 || write(ack[1], &tnl, sizeof(tnl)) != sizeof(tnl)) {
-                _exit(3);
-            }
+        for (u32 tnl = 0; (h != DBM_HANDLE_NONE || OpenDb(h) == 0) && Store(h, MembKey(1), MembRec(tnl), 0) == 0 &&
+                          write(ack[1], &tnl, sizeof(tnl)) == sizeof(tnl);
+             ++tnl) {
         }
+        _exit(3);
     }
-    close(ack[1]);
+    close(ack[1]); /* reads end when the writer is gone */
     u32 acked = 0, tnl = 0;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    for (pollfd pfd{ack[0], POLLIN, 0}; acked < 300 && std::chrono::steady_clock::now() < deadline;) {
-        if (poll(&pfd, 1, 1000) == 1 && read(ack[0], &tnl, sizeof(tnl)) == sizeof(tnl)) {
-            acked = tnl + 1;
-        }
+    while (acked < 300 && read(ack[0], &tnl, sizeof(tnl)) == sizeof(tnl)) {
+        acked = tnl + 1;
     }
     kill(pid, SIGKILL);
     int status = 0;
@@ -311,6 +303,50 @@ TEST(DbmOpen, ADamagedPageIsRefusedWithOneLogLine)
     auto log = plattest::Lines(plattest::ReadFile(tbdl::plat::BoardLogPathOf(chassis.Dir(), 0)));
     ASSERT_EQ(log.size(), 1u);
     EXPECT_NE(log[0].find(" board0 platform ERROR DBM_Open: cannot open database eTBDL: "), std::string::npos) << log[0];
+}
+
+/* Both boards open the chassis's database at start, often at the same
+ * moment and on a fresh chassis directory. Whatever the other opener is
+ * doing (creating the file, switching it to WAL, creating the tables),
+ * every open must succeed: a failed open fails the daemon's start. Each
+ * round, four children released together by closing a pipe open a fresh
+ * store and write to it. */
+TEST(DbmOpen, SimultaneousOpensOfAFreshStoreAllSucceed)
+{
+    constexpr int kRounds = 200, kOpeners = 4;
+    char dir[] = "/tmp/tbdl-dbrace-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    int roundsWithFailure = 0;
+    for (int round = 0; round < kRounds; ++round) {
+        const std::string path = std::string(dir) + "/dbm" + std::to_string(round) + ".sqlite";
+        int release[2];
+        ASSERT_EQ(pipe(release), 0);
+        pid_t pids[kOpeners];
+        for (int id = 0; id < kOpeners; ++id) {
+            if ((pids[id] = fork()) == 0) {
+                close(release[1]);
+                char c = 0;
+                (void)!read(release[0], &c, 1);
+                std::string err;
+                auto store = tbdl::plat::DbmStore::Open(path, id % 2 == 0 ? "eTBDL" : "eOTHER", "TBDL", err);
+                bool ok = store && store->SetSortWord(std::string(1, char(id)), 0, 4) == tbdl::plat::DbmStatus::Ok;
+                if (!ok) {
+                    std::fprintf(stderr, "opener %d: %s\n", id, (store ? store->LastError() : err).c_str());
+                }
+                _exit(ok ? 0 : 1);
+            }
+        }
+        close(release[0]);
+        close(release[1]); /* every child's read returns now */
+        bool failed = false;
+        for (pid_t pid : pids) {
+            int status = 0;
+            failed |= pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0;
+        }
+        roundsWithFailure += failed ? 1 : 0;
+    }
+    std::filesystem::remove_all(dir);
+    EXPECT_EQ(roundsWithFailure, 0) << "rounds out of " << kRounds << " in which an open failed";
 }
 
 } // namespace

@@ -1,12 +1,8 @@
 /* Board log lines written by vsyslog2. */
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cctype>
 #include <cstdarg>
-#include <set>
 #include <string>
 
 #include "plat_log.h"
@@ -55,41 +51,6 @@ TEST(BoardLog, OneLinePerCallWithTimeBoardIdentityTypeAndText)
                                                "TBDL ERROR no line end", "TBDL EVENT "}))
         << text;
     EXPECT_EQ(text.back(), '\n');
-}
-
-TEST(BoardLog, LinesOfConcurrentProcessesNeverMix)
-{
-    TempChassis chassis(1);
-    const int kProcs = 4;
-    const int kLines = 300;
-    const std::string filler(300, 'a');
-    for (int p = 0; p < kProcs; ++p) {
-        pid_t pid = fork();
-        ASSERT_GE(pid, 0);
-        if (pid == 0) {
-            for (int i = 0; i < kLines; ++i) {
-                Log("W", "EVENT", "p%d i%d %s end\r\n", p, i, filler.c_str());
-            }
-            _exit(0);
-        }
-    }
-    for (int p = 0; p < kProcs; ++p) {
-        int status = 0;
-        ASSERT_GT(wait(&status), 0);
-        ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    }
-    std::vector<std::string> lines = Lines(ReadFile(tbdl::plat::BoardLogPathOf(chassis.Dir(), 1)));
-    ASSERT_EQ(lines.size(), static_cast<size_t>(kProcs * kLines));
-    const std::string head = "W EVENT ", tail = " " + filler + " end";
-    std::set<std::string> seen;
-    for (const std::string &line : lines) {
-        std::string rest = RestOf(line, "board1");
-        ASSERT_TRUE(rest.size() > head.size() + tail.size() && rest.rfind(head, 0) == 0 &&
-                    rest.compare(rest.size() - tail.size(), tail.size(), tail) == 0)
-            << line;
-        seen.insert(rest.substr(head.size(), rest.size() - head.size() - tail.size())); /* "p<proc> i<line>" */
-    }
-    EXPECT_EQ(seen.size(), static_cast<size_t>(kProcs * kLines));
 }
 
 TEST(BoardLog, CloseReopensAndOutsideAChassisLinesGoToStderr)

@@ -29,14 +29,11 @@ using systest::ProcRun;
 /* The daemon answered exactly want. */
 inline testing::AssertionResult Answers(const tc::Outcome<std::uint32_t> &got, std::uint32_t want)
 {
-    if (!got) {
-        return testing::AssertionFailure() << got.error();
+    if (got && *got == want) {
+        return testing::AssertionSuccess();
     }
-    if (*got != want) {
-        return testing::AssertionFailure() << "answered " << tc::DescribeResult(*got) << ", expected "
-                                           << tc::DescribeResult(want);
-    }
-    return testing::AssertionSuccess();
+    return testing::AssertionFailure() << (got ? "answered " + tc::DescribeResult(*got) : got.error())
+                                       << ", expected " << tc::DescribeResult(want);
 }
 
 /* A program run ended with the status. */
@@ -49,18 +46,14 @@ inline testing::AssertionResult Exited(const ProcRun &run, int status)
                                        << run.out << "\nstderr: " << run.err;
 }
 
-/* A client on the chassis's master board. */
-inline tc::Outcome<tc::Client> Connect(const Chassis &chassis) { return tc::Client::Connect(chassis.dir(), std::nullopt); }
-
 /* Waits until the master board's configuration socket answers a display. */
 inline bool WaitCfgAnswers(const Chassis &chassis, int timeoutMs = 15000)
 {
-    return systest::WaitUntil(
-        [&] {
-            tc::Outcome<tc::Client> c = tc::Client::Connect(chassis.dir(), std::nullopt, 500);
-            return c && c->GetLimits();
-        },
-        timeoutMs, 5);
+    auto answers = [&] {
+        tc::Outcome<tc::Client> c = tc::Client::Connect(chassis.dir(), std::nullopt, 500);
+        return c && c->GetLimits();
+    };
+    return systest::WaitUntil(answers, timeoutMs, 5);
 }
 
 /* chassisctl if add Tunnel<n> --mode m --state up|down. */
@@ -99,15 +92,36 @@ inline std::optional<std::map<std::uint32_t, tc::BndDetail>> Table(tc::Client &c
     return m;
 }
 
-/* "state/tunnel mode/family/address members i1,i2,..." with the member
- * interface indexes sorted (the order they reach the kernel may differ). */
+/* Signatures by name, as shown and as found. */
+using Sigs = std::map<std::string, std::string>;
+
+/* Every name has the same signature in found as shown, and nothing else is found. */
+inline testing::AssertionResult SameSigs(const Sigs &shown, const Sigs &found)
+{
+    std::ostringstream bad;
+    for (const auto &[name, sig] : shown) {
+        auto f = found.find(name);
+        if (f == found.end() || f->second != sig) {
+            bad << name << " shown as '" << sig << "', found " << (f == found.end() ? "nothing" : f->second) << "; ";
+        }
+    }
+    for (const auto &[name, sig] : found) {
+        if (shown.count(name) == 0) {
+            bad << name << " found as '" << sig << "' is not shown; ";
+        }
+    }
+    return bad.str().empty() ? testing::AssertionSuccess() : testing::AssertionFailure() << bad.str();
+}
+
+/* "state/tunnel mode/family/address members m1 m2 ..." with the members
+ * sorted (the order they reach the kernel may differ). */
 inline std::string KernelSig(std::uint32_t st, std::uint32_t tm, std::uint32_t fam, const std::string &addr,
-                             std::vector<std::uint32_t> members)
+                             std::vector<std::string> members)
 {
     std::sort(members.begin(), members.end());
     std::string s = std::to_string(st) + "/" + std::to_string(tm) + "/" + std::to_string(fam) + "/" + addr + " members";
-    for (std::uint32_t m : members) {
-        s += " " + std::to_string(m);
+    for (const std::string &m : members) {
+        s += " " + m;
     }
     return s;
 }
@@ -125,51 +139,41 @@ inline testing::AssertionResult KtbdlMatches(const Chassis &chassis, tc::Client 
     if (!table || !k.is_object() || !k.contains("bundles")) {
         return testing::AssertionFailure() << "no bundle table or no kernel table of board " << board;
     }
-    const std::map<std::string, std::uint32_t> ifs = IfIndexes(chassis);
-    std::map<std::uint32_t, Json> kernel;
-    for (const Json &e : k["bundles"]) {
-        kernel[e.at("ifindex").get<std::uint32_t>()] = e;
+    std::map<std::uint32_t, std::string> names; /* interface index -> name */
+    for (const auto &[name, idx] : IfIndexes(chassis)) {
+        names[idx] = name;
     }
-    std::ostringstream bad;
+    Sigs shown, found;
+    std::set<std::string> bundles;
     for (const auto &[n, d] : *table) {
-        auto idx = ifs.find(BndName(n));
-        if (idx == ifs.end()) {
-            bad << BndName(n) << " has no interface; ";
-            continue;
+        bundles.insert(BndName(n));
+        std::vector<std::string> members;
+        for (const tc::MembDetail &m : d.members) {
+            members.push_back("Tunnel" + std::to_string(m.uiTnlNum));
         }
-        auto e = kernel.find(idx->second);
-        const bool pushed = e != kernel.end() && e->second.value("updated", false);
         if (skip.count(n) == 0) {
-            std::vector<std::uint32_t> want;
-            for (const tc::MembDetail &m : d.members) {
-                auto mi = ifs.find("Tunnel" + std::to_string(m.uiTnlNum));
-                want.push_back(mi == ifs.end() ? 0 : mi->second);
-            }
-            const std::string shown = KernelSig(d.ucState, d.usTnlMode, d.stAddr.usFamily, tc::FormatAddr(d.stAddr), want);
-            const Json &j = pushed ? e->second : Json::object();
-            const std::string inKernel = !pushed ? "never pushed"
-                : KernelSig(j.at("state"), j.at("tnl_mode"), j.at("family"), j.at("address"), j.at("members"));
-            if (inKernel != shown) {
-                bad << BndName(n) << " is '" << inKernel << "' in the kernel, '" << shown << "' shown; ";
-            }
-        }
-        if (e != kernel.end()) {
-            kernel.erase(e);
+            shown[BndName(n)] = KernelSig(d.ucState, d.usTnlMode, d.stAddr.usFamily, tc::FormatAddr(d.stAddr), members);
         }
     }
-    for (const auto &[idx, j] : kernel) {
-        if (!j.at("members").empty()) {
-            bad << "kernel entry " << idx << " of no bundle holds members " << j["members"] << "; ";
+    for (const Json &e : k["bundles"]) {
+        const std::uint32_t idx = e.at("ifindex");
+        const std::string name = names.count(idx) != 0 ? names[idx] : "interface " + std::to_string(idx);
+        std::vector<std::string> members;
+        for (std::uint32_t m : e.at("members")) {
+            members.push_back(names.count(m) != 0 ? names[m] : std::to_string(m));
+        }
+        if (bundles.count(name) == 0 && !members.empty()) {
+            found["kernel entry of " + name] = KernelSig(0, 0, 0, "", members);
+        } else if (shown.count(name) != 0 && e.value("updated", false)) {
+            found[name] = KernelSig(e.at("state"), e.at("tnl_mode"), e.at("family"), e.at("address"), members);
         }
     }
-    return bad.str().empty() ? testing::AssertionSuccess() : testing::AssertionFailure() << bad.str();
+    return SameSigs(shown, found);
 }
 
 /* Stored records, decoded from chassisctl's database dump, by name:
  * "Tunnel-Bundle<n>" -> "mode M tnl T family F addr HEX" and
  * "Tunnel-Bundle<n> Tunnel<t>" -> "weight W role R". */
-using Stored = std::map<std::string, std::string>;
-
 inline std::string BndSig(unsigned mode, unsigned tnlMode, unsigned family, const std::string &addrHex)
 {
     return "mode " + std::to_string(mode) + " tnl " + std::to_string(tnlMode) + " family " + std::to_string(family) +
@@ -182,7 +186,7 @@ inline std::string MembSig(unsigned weight, unsigned role)
     return "weight " + std::to_string(weight) + " role " + std::to_string(role);
 }
 
-inline std::optional<Stored> ReadStored(const Chassis &chassis)
+inline std::optional<Sigs> ReadStored(const Chassis &chassis)
 {
     Json j = chassis.CtlJson({"dump", "db"});
     if (!j.is_object() || !j.contains("databases")) {
@@ -195,7 +199,7 @@ inline std::optional<Stored> ReadStored(const Chassis &chassis)
         }
         return v;
     };
-    Stored s;
+    Sigs s;
     for (const Json &db : j["databases"]) {
         for (const Json &list : db.value("name", "") == "eTBDL" ? db["lists"] : Json::array()) {
             std::optional<tc::Bytes> key = tc::FromHex(list.at("key").get<std::string>());
@@ -220,30 +224,25 @@ inline std::optional<Stored> ReadStored(const Chassis &chassis)
 inline testing::AssertionResult StoreMatches(const Chassis &chassis, tc::Client &client)
 {
     std::optional<std::map<std::uint32_t, tc::BndDetail>> table = Table(client);
-    std::optional<Stored> stored = ReadStored(chassis);
+    std::optional<Sigs> stored = ReadStored(chassis);
     if (!table || !stored) {
         return testing::AssertionFailure() << "cannot read the table or the database";
     }
-    Stored want;
+    Sigs want;
     for (const auto &[n, d] : *table) {
         want[BndName(n)] = BndSig(d.ucMode, d.usTnlMode, d.stAddr.usFamily, tc::ToHex(d.stAddr.aucAddr.data(), 4));
         for (const tc::MembDetail &m : d.members) {
             want[MembKey(n, m.uiTnlNum)] = MembSig(m.usWeight, m.ucRole);
         }
     }
-    std::ostringstream bad;
-    for (const auto &[name, sig] : want) {
-        auto st = stored->find(name);
-        if (st == stored->end() || st->second != sig) {
-            bad << name << " shown as '" << sig << "', stored " << (st == stored->end() ? "nothing" : st->second) << "; ";
-        }
-    }
-    for (const auto &[name, sig] : *stored) {
-        if (want.count(name) == 0) {
-            bad << name << " stored as '" << sig << "' is not shown; ";
-        }
-    }
-    return bad.str().empty() ? testing::AssertionSuccess() : testing::AssertionFailure() << bad.str();
+    return SameSigs(want, *stored);
+}
+
+/* The kernel table of board 0 and the stored records agree with the table. */
+inline testing::AssertionResult Consistent(const Chassis &chassis, tc::Client &client)
+{
+    testing::AssertionResult k = KtbdlMatches(chassis, client);
+    return k ? StoreMatches(chassis, client) : k;
 }
 
 /* Starts a chassis with the real board daemon and waits until the master's
@@ -278,7 +277,7 @@ protected:
     testing::AssertionResult Reconnect()
     {
         m_client.reset();
-        tc::Outcome<tc::Client> c = Connect(m_chassis);
+        tc::Outcome<tc::Client> c = tc::Client::Connect(m_chassis.dir(), std::nullopt);
         if (!c) {
             return testing::AssertionFailure() << c.error();
         }

@@ -15,43 +15,7 @@
 
 #include <gtest/gtest.h>
 
-extern char **environ;
-
 namespace tbdl::systest {
-
-namespace {
-
-using Clock = std::chrono::steady_clock;
-
-/* The caller's environment with the NAME=value entries of extra replacing theirs. */
-std::vector<std::string> MergedEnv(const std::vector<std::string> &extra)
-{
-    std::vector<std::string> env;
-    for (char **e = environ; *e != nullptr; ++e) {
-        std::string kv(*e);
-        bool replaced = false;
-        for (const auto &x : extra) {
-            replaced = replaced || kv.compare(0, x.find('=') + 1, x, 0, x.find('=') + 1) == 0;
-        }
-        if (!replaced) {
-            env.push_back(kv);
-        }
-    }
-    env.insert(env.end(), extra.begin(), extra.end());
-    return env;
-}
-
-std::vector<char *> Pointers(std::vector<std::string> &strings)
-{
-    std::vector<char *> p;
-    for (auto &s : strings) {
-        p.push_back(s.data());
-    }
-    p.push_back(nullptr);
-    return p;
-}
-
-} // namespace
 
 /* Output goes to unlinked temporary files rather than pipes: daemons the
  * program leaves behind may keep them open without holding up the run. */
@@ -60,14 +24,21 @@ ProcRun RunProcess(const std::vector<std::string> &argv, const std::vector<std::
     ProcRun run;
     char outPath[] = "/tmp/tbdl-run-XXXXXX", errPath[] = "/tmp/tbdl-run-XXXXXX";
     int out = mkstemp(outPath), err = mkstemp(errPath);
-    std::vector<std::string> envStore = MergedEnv(env), argStore(argv);
-    std::vector<char *> envp = Pointers(envStore), args = Pointers(argStore);
+    std::vector<std::string> envStore(env), argStore(argv);
+    std::vector<char *> args;
+    for (std::string &a : argStore) {
+        args.push_back(a.data());
+    }
+    args.push_back(nullptr);
     pid_t pid = out >= 0 && err >= 0 ? fork() : -1;
     if (pid == 0) {
         dup2(open("/dev/null", O_RDONLY), 0);
         dup2(out, 1);
         dup2(err, 2);
-        execve(args[0], args.data(), envp.data());
+        for (std::string &kv : envStore) {
+            putenv(kv.data());
+        }
+        execv(args[0], args.data());
         _exit(127);
     }
     int ws = 0;
@@ -92,9 +63,9 @@ std::string BuildPath(const std::string &rel) { return std::string(TBDL_BIN_DIR)
 
 bool WaitUntil(const std::function<bool()> &cond, int timeoutMs, int pollMs)
 {
-    auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     while (!cond()) {
-        if (Clock::now() >= deadline) {
+        if (std::chrono::steady_clock::now() >= deadline) {
             return false;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(pollMs));
@@ -107,11 +78,6 @@ std::string ReadFile(const std::string &path)
     std::stringstream ss;
     ss << std::ifstream(path).rdbuf();
     return ss.str();
-}
-
-bool FileContains(const std::string &path, const std::string &text)
-{
-    return ReadFile(path).find(text) != std::string::npos;
 }
 
 size_t CountOccurrences(const std::string &text, const std::string &what)
@@ -150,24 +116,12 @@ Chassis::~Chassis()
 }
 
 std::string Chassis::FakeDaemon() { return BuildPath("tests/fake_tbdld"); }
-std::string Chassis::RealDaemon() { return BuildPath("daemon/tbdld"); }
-bool Chassis::HaveRealDaemon() { return access(RealDaemon().c_str(), X_OK) == 0; }
-
-void Chassis::UseRealDaemon()
-{
-    if (!HaveRealDaemon()) {
-        ADD_FAILURE() << "no board daemon at " << RealDaemon() << " (build the tbdld target)";
-    }
-    daemon_ = RealDaemon();
-}
 
 ProcRun Chassis::Start(const std::vector<std::string> &chassisdArgs, int timeoutMs)
 {
     if (access(daemon_.c_str(), X_OK) != 0) {
-        ProcRun missing;
-        missing.err = "no board daemon at " + daemon_;
-        ADD_FAILURE() << missing.err;
-        return missing;
+        ADD_FAILURE() << "no board daemon at " << daemon_;
+        return ProcRun{};
     }
     std::vector<std::string> argv{BuildPath("tools/chassisctl"), "--dir", dir_, "start",
                                   "--timeout", std::to_string(timeoutMs / 1000), "--daemon", daemon_};
@@ -175,25 +129,11 @@ ProcRun Chassis::Start(const std::vector<std::string> &chassisdArgs, int timeout
     return RunProcess(argv, env_, timeoutMs + 5000);
 }
 
-namespace {
-
-ProcRun RunTool(const std::string &tool, const std::string &dir, const std::vector<std::string> &args, int timeoutMs)
+ProcRun Chassis::Tool(const std::string &tool, const std::vector<std::string> &args, int timeoutMs) const
 {
-    std::vector<std::string> argv{BuildPath(tool), "--dir", dir};
+    std::vector<std::string> argv{BuildPath(tool), "--dir", dir_};
     argv.insert(argv.end(), args.begin(), args.end());
     return RunProcess(argv, {}, timeoutMs);
-}
-
-} // namespace
-
-ProcRun Chassis::Ctl(const std::vector<std::string> &args, int timeoutMs) const
-{
-    return RunTool("tools/chassisctl", dir_, args, timeoutMs);
-}
-
-ProcRun Chassis::Tbdlctl(const std::vector<std::string> &args, int timeoutMs) const
-{
-    return RunTool("tools/tbdlctl", dir_, args, timeoutMs);
 }
 
 Json Chassis::CtlJson(const std::vector<std::string> &args) const
@@ -205,11 +145,9 @@ Json Chassis::CtlJson(const std::vector<std::string> &args) const
     return j.is_discarded() ? Json() : j;
 }
 
-Json Chassis::Status() const { return CtlJson({"status"}); }
-
 Json Chassis::Board(int board) const
 {
-    Json st = Status();
+    Json st = CtlJson({"status"});
     for (const Json &b : st.is_object() ? st.value("boards", Json::array()) : Json::array()) {
         if (b["board"] == board) {
             return b;
@@ -238,14 +176,9 @@ bool Chassis::WaitBoard(int board, const std::function<bool(const Json &)> &cond
     }, timeoutMs, 20);
 }
 
-bool Chassis::WaitBoardUp(int board, int timeoutMs) const
-{
-    return WaitBoard(board, [](const Json &b) { return b["state"] == "up" && b["status"] == 2; }, timeoutMs);
-}
-
 bool Chassis::WaitFile(const std::string &rel, const std::string &text, int timeoutMs) const
 {
-    return WaitUntil([&] { return FileContains(Path(rel), text); }, timeoutMs);
+    return WaitUntil([&] { return ReadFile(Path(rel)).find(text) != std::string::npos; }, timeoutMs);
 }
 
 bool Chassis::Stop()

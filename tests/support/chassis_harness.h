@@ -34,7 +34,6 @@ std::string BuildPath(const std::string &rel);
 bool WaitUntil(const std::function<bool()> &cond, int timeoutMs = 10000, int pollMs = 10);
 
 std::string ReadFile(const std::string &path); /* "" when missing */
-bool FileContains(const std::string &path, const std::string &text);
 size_t CountOccurrences(const std::string &text, const std::string &what);
 bool ProcessAlive(pid_t pid); /* false for zombies too */
 
@@ -50,39 +49,40 @@ public:
     const std::string &dir() const { return dir_; }
     std::string Path(const std::string &rel) const { return dir_ + "/" + rel; }
 
-    /* Board daemon used by Start: the stand-in by default. */
+    /* Board daemon used by Start: the stand-in by default, or the real one. */
     static std::string FakeDaemon();
-    static std::string RealDaemon();
-    static bool HaveRealDaemon();
-    void UseDaemon(const std::string &path) { daemon_ = path; }
-    /* The real board daemon; a missing binary fails the test, naming its path. */
-    void UseRealDaemon();
+    void UseRealDaemon() { daemon_ = BuildPath("daemon/tbdld"); }
     /* Environment of chassisctl start, so of chassisd and the daemons. */
     void SetEnv(std::vector<std::string> env) { env_ = std::move(env); }
 
     /* chassisctl --dir DIR start --daemon D args...; a missing daemon
      * binary fails the test. */
     ProcRun Start(const std::vector<std::string> &chassisdArgs = {}, int timeoutMs = 30000);
-    /* chassisctl --dir DIR args... */
-    ProcRun Ctl(const std::vector<std::string> &args, int timeoutMs = 30000) const;
-    /* tbdlctl --dir DIR args... */
-    ProcRun Tbdlctl(const std::vector<std::string> &args, int timeoutMs = 30000) const;
+    /* chassisctl or tbdlctl --dir DIR args... */
+    ProcRun Ctl(const std::vector<std::string> &args, int timeoutMs = 30000) const
+    {
+        return Tool("tools/chassisctl", args, timeoutMs);
+    }
+    ProcRun Tbdlctl(const std::vector<std::string> &args, int timeoutMs = 30000) const
+    {
+        return Tool("tools/tbdlctl", args, timeoutMs);
+    }
     /* chassisctl --json ARGS parsed; a null JSON when the command failed. */
     Json CtlJson(const std::vector<std::string> &args) const;
 
-    Json Status() const;                 /* chassisctl --json status */
-    Json Board(int board) const;         /* that board's status entry, null if none */
+    Json Board(int board) const;         /* its entry of chassisctl --json status, null if none */
     pid_t BoardPid(int board) const;     /* -1 when none */
     pid_t ChassisdPid() const;           /* from DIR/chassisd.pid, -1 when none */
     /* Waits until the board's status entry satisfies cond. */
     bool WaitBoard(int board, const std::function<bool(const Json &)> &cond, int timeoutMs = 15000) const;
-    bool WaitBoardUp(int board, int timeoutMs = 15000) const;
     bool WaitFile(const std::string &rel, const std::string &text, int timeoutMs = 15000) const;
 
     /* chassisctl stop, then SIGKILL to what is left; true when orderly. */
     bool Stop();
 
 private:
+    ProcRun Tool(const std::string &tool, const std::vector<std::string> &args, int timeoutMs) const;
+
     std::string dir_;
     std::string daemon_;
     std::vector<std::string> env_;

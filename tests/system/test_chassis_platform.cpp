@@ -1,11 +1,9 @@
 /* The emulated platform library against a running chassisd, called from
  * this process as if it were a board's daemon. */
-#include <poll.h>
 #include <stdlib.h>
 #include <sys/epoll.h>
 
 #include <cstring>
-#include <functional>
 
 #include <gtest/gtest.h>
 
@@ -87,8 +85,8 @@ TEST_F(ChassisPlatform, TunnelInterfacesAsTheOperatorSetsThem)
     Ctl({"vrf", "unbind", "Tunnel5"});
     EXPECT_EQ(Vrf(t5), 0u);
     Ctl({"if", "del", "Tunnel5"});
-    EXPECT_EQ(IF_GetIfIndexByFullName("Tunnel5"), 0u);
-    EXPECT_EQ(std::vector<u32>({Data(t5, 0), Vrf(t5)}), std::vector<u32>({kNone, kNone}));
+    EXPECT_EQ(std::vector<u32>({IF_GetIfIndexByFullName("Tunnel5"), Data(t5, 0), Vrf(t5)}),
+              std::vector<u32>({0, kNone, kNone}));
 }
 
 TEST_F(ChassisPlatform, BundleIndexesAreMadeOnDemandAndNeverReused)
@@ -96,8 +94,7 @@ TEST_F(ChassisPlatform, BundleIndexesAreMadeOnDemandAndNeverReused)
     StartChassis();
     Ctl({"if", "add", "Tunnel1"});
     u32 b3 = IF_GetIfIndexByFullName("Tunnel-Bundle3"), b4 = IF_GetIfIndexByFullName("Tunnel-Bundle4");
-    EXPECT_EQ(Data(b3, 0), 3u);
-    EXPECT_EQ(Data(b3, 18), 96u);
+    EXPECT_EQ(std::vector<u32>({Data(b3, 0), Data(b3, 18)}), std::vector<u32>({3, 96})) << "number and type";
     for (const char *bad : {"Tunnel-Bundle", "Tunnel-Bundle-1", "Tunnel-Bundle03", "tunnel-bundle3", "Tunnel-Bundle3x"}) {
         EXPECT_EQ(IF_GetIfIndexByFullName(bad), 0u) << bad;
     }
@@ -148,21 +145,16 @@ TEST_F(ChassisPlatform, KernelTablePerBoardTakesOnlyWellFormedCommands)
     EXPECT_EQ(Kernel(0x7c0003, 8, add2), 0u);
     EXPECT_EQ(Kernel(0x7c0004, 8, add1), 0u);
     /* Refused: wrong device, command, or length. */
-    EXPECT_NE(Kernel(0x7c0002, 36, &b, 0x1234u), 0u);
-    EXPECT_NE(Kernel(0x7c0009, 8, add1), 0u);
-    EXPECT_NE(Kernel(0x7c0002, 35, &b), 0u);
-    EXPECT_NE(Kernel(0x7c0003, 12, add1), 0u);
-    EXPECT_NE(Kernel(0x7c0004, 7, add2), 0u);
+    EXPECT_EQ(std::vector<bool>({Kernel(0x7c0002, 36, &b, 0x1234u) != 0, Kernel(0x7c0009, 8, add1) != 0,
+                                 Kernel(0x7c0002, 35, &b) != 0, Kernel(0x7c0003, 12, add1) != 0,
+                                 Kernel(0x7c0004, 7, add2) != 0}),
+              std::vector<bool>(5, true));
 
     Json k = Ktbdl(0);
     ASSERT_EQ(k["bundles"].size(), 1u) << k.dump();
     Json e = k["bundles"][0];
-    EXPECT_EQ(e["ifindex"], 0x1000);
-    EXPECT_EQ(e["state"], 1);
-    EXPECT_EQ(e["tnl_mode"], 4);
-    EXPECT_EQ(e["vrf"], 5);
-    EXPECT_EQ(e["address"], "10.0.0.1");
-    EXPECT_EQ(e["members"], Json::array({0x101}));
+    EXPECT_EQ(Json({e["ifindex"], e["state"], e["tnl_mode"], e["vrf"], e["address"], e["members"]}),
+              Json({0x1000, 1, 4, 5, "10.0.0.1", {0x101}}));
     EXPECT_EQ(k["commands"]["refused"], 5);
     EXPECT_TRUE(Ktbdl(1)["bundles"].empty()) << "each board has its own table";
 
@@ -173,7 +165,10 @@ TEST_F(ChassisPlatform, KernelTablePerBoardTakesOnlyWellFormedCommands)
     EXPECT_TRUE(Ktbdl(0)["bundles"].empty());
 }
 
-TEST_F(ChassisPlatform, PlannedFailuresHitTheNamedCallOfTheNamedBoard)
+/* A planned failure hits the named call of the named board, in chassisd or
+ * in this process, with the call's own failure value unless a result is
+ * given, and has no side effects. */
+TEST_F(ChassisPlatform, PlannedFailuresHitTheNamedCallOfTheNamedBoardOnly)
 {
     StartChassis({"--boards", "0,1"});
     u32 memb[2] = {0x1000, 0x100};
@@ -194,13 +189,12 @@ TEST_F(ChassisPlatform, PlannedFailuresHitTheNamedCallOfTheNamedBoard)
     EXPECT_NE(IF_GetIfIndexByFullName("Tunnel-Bundle1"), 0u);
     EXPECT_EQ(cioctl(), 0u) << "another call";
     ProcRun bad = c.Ctl({"fail", "CIOCTL", "--board", "4"});
-    EXPECT_NE(bad.status, 0);
-    EXPECT_NE(bad.err.find("board 4"), std::string::npos);
-}
+    EXPECT_TRUE(bad.status != 0 && bad.err.find("board 4") != std::string::npos) << bad.err;
 
-TEST_F(ChassisPlatform, PlannedDatabaseFailuresChangeNothing)
-{
-    StartChassis();
+    /* Calls served in this process fail alike, without side effects. (A
+     * failed database write of the daemon is shown by the configuration
+     * tests.) */
+    Ctl({"fail", "clear"});
     const u32 param[8] = {};
     u64 handle = 77;
     Ctl({"fail", "DBM_Open"});
@@ -210,123 +204,45 @@ TEST_F(ChassisPlatform, PlannedDatabaseFailuresChangeNothing)
     const u8 key[1] = {1};
     u8 rec[32] = {};
     ASSERT_EQ(DBM_SetSortWord(handle, key, 1, 1, 20, 4, 0, 0), 0u);
-    Ctl({"fail", "DBM_InsertSortList", "--board", "0"});
-    EXPECT_NE(DBM_InsertSortList(handle, key, 1, 32, rec, 0), 0u);
-    EXPECT_EQ(DBM_Len(handle, key, 1), 0u) << "a failed insert stores nothing";
-    EXPECT_EQ(DBM_InsertSortList(handle, key, 1, 32, rec, 0), 0u);
-    Ctl({"fail", "DBM_BatchGetNextSortList"});
+    ASSERT_EQ(DBM_InsertSortList(handle, key, 1, 32, rec, 0), 0u);
+    Ctl({"fail", "DBM_BatchGetNextSortList", "--count", "2"});
     void *iter = nullptr;
     u8 buf[4 * 32];
-    EXPECT_EQ(DBM_BatchGetNextSortList(handle, key, 1, &iter, 0, 0, 32, 4, buf), -1);
+    EXPECT_EQ(DBM_BatchGetNextSortList(handle, key, 1, &iter, 0, 0, 32, 4, buf) +
+                  DBM_BatchGetNextSortList(handle, key, 1, &iter, 0, 0, 32, 4, buf), -2);
     EXPECT_EQ(iter, nullptr) << "no iterator is made by a failed read";
     EXPECT_EQ(DBM_BatchGetNextSortList(handle, key, 1, &iter, 0, 0, 32, 4, buf), 1);
     DBM_FreeIterator(iter);
-    Ctl({"fail", "DBM_RemoveSortList", "--result", "9"});
-    EXPECT_EQ(DBM_RemoveSortList(handle, key, 1, 32, rec), 9u);
-    EXPECT_EQ(DBM_Len(handle, key, 1), 1u) << "a failed removal removes nothing";
-    const Json plan = c.CtlJson({"dump", "fail"});
-    ASSERT_EQ(plan["boards"][0]["calls"].size(), 4u);
-    for (const Json &call : plan["boards"][0]["calls"]) {
-        EXPECT_EQ(call["hits"], 1) << call;
-        EXPECT_EQ(call["left"], 0) << call;
-    }
     EXPECT_EQ(DBM_Close(handle), 0u);
-}
-
-TEST_F(ChassisPlatform, PlannedFailuresOfLocalCallsLeaveTheirOutputsAlone)
-{
-    StartChassis();
-    u32 out = 0;
     u8 info[LFIB_INFO_LEN];
-    char path[108];
-    u8 dest = 0xA5;
-    TBDL_OPT_ROW_S row{"LoadBalancing", 0, &dest, 1};
-    u64 pd = IF_CreatePDInstance(0, 0, 0, 0);
-    int datum = 0;
-    void *got = nullptr;
-    struct Case {
-        const char *call;
-        u64 fail; /* the call's own failure value */
-        std::function<u64()> run;
-        std::function<bool()> untouched;
-    };
-    const Case cases[] = {
-        {"IF_GetDataByIfType", 1, [&] { return IF_GetDataByIfType(96, 13, &out); }, [&] { return out == kNone; }},
-        {"LFIB_GetInfo", 1, [&] { return LFIB_GetInfo(info); }, [&] { return info[11] == 0xA5; }},
-        {"TBDL_Opt_Parse", 1, [&] { return TBDL_Opt_Parse(1, &row); }, [&] { return dest == 0xA5; }},
-        {"LIPC_GetHostPath", 1, [&] { return LIPC_GetHostPath(2681, path, sizeof(path)); },
-         [&] { return path[0] == 'x'; }},
-        {"IF_CreatePDInstance", IF_PD_INSTANCE_NONE, [&] { return IF_CreatePDInstance(0, 0, 0, 0); }, [] { return true; }},
-        {"IF_SetPrivateData", 1, [&] { return IF_SetPrivateData(pd, 10, &datum); },
-         [&] { return IF_GetPrivateData(pd, 10, &got) != 0; }},
-    };
-    for (const Case &tc : cases) {
-        SCOPED_TRACE(tc.call);
-        /* Once with the call's own failure value, once with a planned one. */
-        for (const char *result : {"", "9"}) {
-            Ctl(*result == 0 ? std::vector<std::string>{"fail", tc.call}
-                             : std::vector<std::string>{"fail", tc.call, "--result", result});
-            out = kNone;
-            std::memset(info, 0xA5, sizeof(info));
-            path[0] = 'x';
-            dest = 0xA5;
-            EXPECT_EQ(tc.run(), *result == 0 ? tc.fail : 9u);
-            EXPECT_TRUE(tc.untouched());
-        }
-        u64 ok = tc.run();
-        EXPECT_TRUE(tc.fail == IF_PD_INSTANCE_NONE ? ok != tc.fail : ok == 0) << "the plan is spent: " << ok;
-    }
-    EXPECT_EQ(IF_DestroyPDInstance(pd, nullptr), 0u);
+    std::memset(info, 0xA5, sizeof(info));
+    Ctl({"fail", "LFIB_GetInfo", "--always", "--result", "9"});
+    EXPECT_EQ(LFIB_GetInfo(info) + LFIB_GetInfo(info), 18u);
+    EXPECT_EQ(info[11], 0xA5) << "a failed call leaves its output alone";
+    const Json plan = c.CtlJson({"dump", "fail"})["boards"][0]["calls"];
+    EXPECT_EQ(plan, Json::parse(R"([{"call":"DBM_Open","hits":1,"left":0,"result":null},
+        {"call":"DBM_BatchGetNextSortList","hits":2,"left":0,"result":null},
+        {"call":"LFIB_GetInfo","hits":2,"left":-1,"result":9}])"));
 }
 
-/* HA callbacks of this process. */
-std::vector<u32> g_events;
-std::vector<std::string> g_messages; /* "<flag> <text>" */
-u32 RecvCb(void *msg, u16 len, u32 flag)
+/* HA callbacks of this process: the stand-in daemons show the batch,
+ * events and responses; this process shows the standby's own view. */
+u32 RecvCb(void *msg, u16, u32)
 {
-    g_messages.push_back(std::to_string(flag) + " " + std::string(static_cast<char *>(msg), len));
     HA_FreeMsg(msg);
     return 0;
 }
-u32 EventCb(u32 event)
-{
-    g_events.push_back(event);
-    return 0;
-}
+u32 EventCb(u32) { return 0; }
 HA_CALLBACKS_S g_haCbs{RecvCb, EventCb};
 
-/* Waits for the HA descriptor and dispatches one push. */
-bool DispatchOne(int fd)
-{
-    pollfd p{fd, POLLIN, 0};
-    return poll(&p, 1, 5000) == 1 && HA_Dispatch(EPOLLIN, static_cast<u64>(fd)) == 0;
-}
-
-TEST_F(ChassisPlatform, HaChannelDeliversEventsAndRelaysTheMastersMessages)
+TEST_F(ChassisPlatform, HaChannelOfAStandbyReachesTheMaster)
 {
     StartChassis({"--boards", "0,1", "--ha-mtu", "1500"});
-    g_events.clear();
-    g_messages.clear();
-    /* Joining as board 1, this process gets the master stand-in's batch. */
     Enter(c.dir(), 1);
     u8 ident[8] = {0x7a, 0x0a, 0, 0, 0x79, 0x0a, 0, 0};
     int fd = HA_Init("TBDL", 0, "TBDL", 1, 2, ident, &g_haCbs);
     ASSERT_GE(fd, 0);
-    EXPECT_EQ(HA_IsMaster(fd), 0);
-    EXPECT_EQ(HA_GetMTU(fd), 1500u);
-    ASSERT_TRUE(DispatchOne(fd));
-    EXPECT_EQ(g_messages, std::vector<std::string>{"0 batch-from-0"});
-
-    /* Events on request reach the event callback; the response is kept. */
-    ASSERT_EQ(c.Ctl({"ha", "event", "2", "--board", "1"}).status, 0);
-    ASSERT_TRUE(DispatchOne(fd));
-    EXPECT_EQ(g_events, std::vector<u32>({2}));
-    EXPECT_EQ(HA_Response(fd, 2, nullptr), 0u);
-    EXPECT_TRUE(WaitUntil([&] {
-        Json r = c.CtlJson({"dump", "ha"})["responses"];
-        return !r.empty() && r.back()["board"] == 1 && r.back()["event"] == 2;
-    }));
-
+    EXPECT_EQ(std::vector<u32>({HA_IsMaster(fd), HA_GetMTU(fd)}), std::vector<u32>({0, 1500}));
     /* Messages this board sends go to board 0's daemon. */
     char text[] = "from-test";
     EXPECT_EQ(HA_SendMsgSync(fd, text, 9, 1), 0u);
@@ -401,13 +317,9 @@ TEST_F(ChassisPlatform, JournalHasOneLinePerCallWithHexPayloads)
     ASSERT_EQ(CountOccurrences(journal, "\n"), 2u) << journal;
     Json first = Json::parse(journal.substr(0, journal.find('\n')));
     Json second = Json::parse(journal.substr(journal.find('\n') + 1));
-    EXPECT_EQ(first["call"], "CIOCTL");
-    EXPECT_EQ(first["board"], 0);
-    EXPECT_EQ(first["args"]["cmd"], 0x7c0003);
-    EXPECT_EQ(first["args"]["payload"], "040302010d0c0b0a");
-    EXPECT_EQ(first["result"], 0);
-    EXPECT_EQ(second["call"], "IF_GetIfIndexByFullName");
-    EXPECT_EQ(second["args"]["name"], "Tunnel99");
+    EXPECT_EQ(Json({first["call"], first["board"], first["args"]["cmd"], first["args"]["payload"], first["result"]}),
+              Json({"CIOCTL", 0, 0x7c0003, "040302010d0c0b0a", 0}));
+    EXPECT_EQ(Json({second["call"], second["args"]["name"]}), Json({"IF_GetIfIndexByFullName", "Tunnel99"}));
 }
 
 TEST_F(ChassisPlatform, EventChannelsReportTheEndOfChassisd)
@@ -429,10 +341,6 @@ TEST_F(ChassisPlatform, EventChannelsReportTheEndOfChassisd)
     ASSERT_TRUE(c.Stop());
     EXPECT_NE(IF_ResponseEventPkt(ifFd), 0u) << "the end of the channel is reported";
     EXPECT_NE(HA_Dispatch(EPOLLIN | EPOLLHUP, static_cast<u64>(haFd)), 0u);
-    /* The dead HA descriptor no longer wakes a loop; the role is cached. */
-    pollfd p{haFd, POLLIN, 0};
-    EXPECT_EQ(poll(&p, 1, 50), 0);
-    EXPECT_EQ(HA_IsMaster(haFd), 1);
     EXPECT_EQ(HA_Exit(haFd), 0u);
     EXPECT_EQ(IF_UnRegEvent(handle, 0x20000064), 0u);
     EXPECT_NE(IF_UnRegEvent(handle, 0x20000064), 0u);

@@ -1,6 +1,7 @@
 /* The configuration client's codec and its handling of replies that do not
- * answer (against a scripted server), board selection, and tbdlctl when no
- * board answers. The real daemon's tests cover the requests themselves. */
+ * answer (from a scripted peer), board selection, and tbdlctl when no
+ * board answers. The real daemon's tests cover the requests and the
+ * decoding of its displays. */
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -9,7 +10,7 @@
 #include <algorithm>
 #include <fstream>
 #include <functional>
-#include <thread>
+#include <future>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -22,7 +23,7 @@ namespace tc = tbdl::client;
 using tbdl::systest::ProcRun;
 
 /* A chassis directory that is never started: a scratch directory for the
- * scripted server, removed at the end. */
+ * scripted peer, removed at the end. */
 using ScratchDir = tbdl::systest::Chassis;
 
 namespace {
@@ -47,69 +48,12 @@ tc::Bytes Reply(std::uint16_t usClass, std::uint32_t uiResult, const tc::MsgHead
     return b;
 }
 
-/* A configuration socket whose first connection is served by a thread:
- * every request is answered by the handler (no answer when it returns
- * nullopt) until the client goes away. */
-class FakeCfgServer {
-public:
-    using Handler = std::function<std::optional<tc::Bytes>(const tc::Bytes &)>;
-
-    FakeCfgServer(const std::string &dir, int board, Handler handler)
-    {
-        const std::string boardDir = dir + "/board" + std::to_string(board);
-        ::mkdir(boardDir.c_str(), 0755);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::snprintf(addr.sun_path, sizeof(addr.sun_path), "%s/cfg.sock", boardDir.c_str());
-        m_listen = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-        EXPECT_EQ(::bind(m_listen, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
-        EXPECT_EQ(::listen(m_listen, 1), 0);
-        m_thread = std::thread([this, handler] {
-            int conn = ::accept4(m_listen, nullptr, nullptr, SOCK_CLOEXEC);
-            tc::Bytes buf(4096);
-            for (ssize_t n; conn >= 0 && (n = ::recv(conn, buf.data(), buf.size(), 0)) > 0;) {
-                if (std::optional<tc::Bytes> reply = handler(tc::Bytes(buf.begin(), buf.begin() + n))) {
-                    (void)!::send(conn, reply->data(), reply->size(), MSG_NOSIGNAL);
-                }
-            }
-            ::close(conn);
-        });
-    }
-
-    /* Wakes an accept still waiting; the client, made later, is gone by now. */
-    ~FakeCfgServer()
-    {
-        ::shutdown(m_listen, SHUT_RDWR);
-        m_thread.join();
-        ::close(m_listen);
-    }
-
-private:
-    int m_listen = -1;
-    std::thread m_thread;
-};
-
 void WriteChassisJson(const std::string &dir, int master)
 {
     std::ofstream(dir + "/chassis.json") << nlohmann::json{{"master_board", master}, {"boards", {0, 1}}}.dump();
 }
 
 /* ---- codec ---- */
-
-TEST(ConfigCodec, LimitsAndCountsDecodeFromWireBytes)
-{
-    std::string err;
-    std::optional<tc::Limits> lim = tc::DecodeLimits(Hex("00000400 00000008 0001 0000 0001 0000"), &err);
-    ASSERT_TRUE(lim) << err;
-    EXPECT_EQ(lim->uiMaxBndNum, 1024u);
-    EXPECT_EQ(lim->uiMaxMembNum, 8u);
-    EXPECT_EQ(lim->usProtectionOnetoone, 0u);
-    EXPECT_EQ(lim->usProtectionOneplusone, 1u);
-    std::optional<tc::BndCounts> cnt = tc::DecodeBndCounts(Hex("00000003 00000001 00000002"), &err);
-    ASSERT_TRUE(cnt) << err;
-    EXPECT_EQ(cnt->uiTotal, 3u);
-    EXPECT_EQ(cnt->uiDown, 2u);
-}
 
 TEST(ConfigCodec, MalformedBytesAreRefused)
 {
@@ -128,12 +72,12 @@ TEST(ConfigCodec, MalformedBytesAreRefused)
     EXPECT_FALSE(tc::DecodeBndDetail(tc::Bytes(31), &err));
     EXPECT_FALSE(tc::DecodeLimits(tc::Bytes(17), &err));
 
-    const tc::Bytes lenMismatch = Hex("0001 0005 00000000 0000 0002 0193 0000");
-    EXPECT_FALSE(tc::DecodeMessage(lenMismatch.data(), lenMismatch.size(), &err));
-    const tc::Bytes cutTlv = Hex("0001 0006 00000000 0000 0002 0193 0004 00 00");
-    EXPECT_FALSE(tc::DecodeMessage(cutTlv.data(), cutTlv.size(), &err));
-    const tc::Bytes shortHead = Hex("0001 0000 00000000 0000");
-    EXPECT_FALSE(tc::DecodeMessage(shortHead.data(), shortHead.size(), &err));
+    /* Length and size disagree, a TLV cut short, a header cut short. */
+    for (const char *bad : {"0001 0005 00000000 0000 0002 0193 0000", "0001 0006 00000000 0000 0002 0193 0004 00 00",
+                            "0001 0000 00000000 0000"}) {
+        const tc::Bytes b = Hex(bad);
+        EXPECT_FALSE(tc::DecodeMessage(b.data(), b.size(), &err)) << bad;
+    }
     const tc::Bytes ok = Hex("0001 0008 00000000 0001 0000 0194 0004 00000003");
     std::optional<tc::Message> m = tc::DecodeMessage(ok.data(), ok.size(), &err);
     ASSERT_TRUE(m) << err;
@@ -159,64 +103,65 @@ TEST(ConfigCodec, TextArguments)
     EXPECT_EQ(tc::DescribeResult(0x12345678), "0x12345678 (unknown result code)");
 }
 
-/* ---- client against a scripted server ---- */
+/* ---- client against a scripted peer ---- */
 
+/* Each bad reply is sent by this thread for a request the client makes
+ * from another one; an empty reply is no reply at all. */
 TEST(ConfigClient, RepliesThatDoNotAnswerAreFailures)
 {
     ScratchDir dir("cfgclient");
     WriteChassisJson(dir.dir(), 0);
-    int calls = 0;
-    FakeCfgServer server(dir.dir(), 0, [&calls](const tc::Bytes &req) -> std::optional<tc::Bytes> {
-        tc::MsgHeader h = *tc::DecodeHeader(req.data(), req.size());
-        switch (calls++) {
-        case 0: /* echoes another operation */
-            h.usOper ^= 1;
-            return Reply(0, 0, h);
-        case 1: /* success without the display TLV */
-            return Reply(1, 0, h);
-        case 2: /* a payload length that disagrees with the size */
-        {
-            tc::Bytes b = Reply(1, 0, h, {tc::TlvU32(TBDL_TLV_DISP_DEBUG, 0)});
-            b[3] += 1;
-            return b;
-        }
-        default:
-            return std::nullopt;
-        }
-    });
+    ::mkdir(dir.Path("board0").c_str(), 0755);
+    sockaddr_un addr{AF_UNIX, {}};
+    std::snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", dir.Path("board0/cfg.sock").c_str());
+    int listener = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
+    ASSERT_EQ(::listen(listener, 1), 0);
     tc::Outcome<tc::Client> client = tc::Client::Connect(dir.dir(), std::nullopt, 300);
     ASSERT_TRUE(client) << client.error();
-    EXPECT_FALSE(client->CreateBundle(1, 1, 0));
-    tc::Outcome<tc::Shown<tc::DebugSwitch>> dbg = client->Debug();
-    ASSERT_FALSE(dbg);
-    EXPECT_NE(dbg.error().find("TLV 404"), std::string::npos) << dbg.error();
-    EXPECT_FALSE(client->Debug());
-    tc::Outcome<std::uint32_t> silent = client->DeleteBundle(1);
-    ASSERT_FALSE(silent);
-    EXPECT_NE(silent.error().find("no reply"), std::string::npos) << silent.error();
+    int conn = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    const std::pair<const char *, std::function<tc::Bytes(tc::MsgHeader)>> cases[] = {
+        {"does not answer the request", [](tc::MsgHeader h) { h.usOper ^= 1; return Reply(1, 0, h); }},
+        {"no TLV 404", [](tc::MsgHeader h) { return Reply(1, 0, h); }},
+        {"announces 9 payload bytes but carries 8",
+         [](tc::MsgHeader h) {
+             tc::Bytes b = Reply(1, 0, h, {tc::TlvU32(TBDL_TLV_DISP_DEBUG, 0)});
+             b[3] += 1;
+             return b;
+         }},
+        {"no reply", [](tc::MsgHeader) { return tc::Bytes{}; }},
+    };
+    for (const auto &[error, reply] : cases) {
+        auto shown = std::async(std::launch::async, [&client] { return client->Debug(); });
+        tc::Bytes req(4096);
+        ssize_t n = ::recv(conn, req.data(), req.size(), 0);
+        tc::Bytes r = n > 0 ? reply(*tc::DecodeHeader(req.data(), n)) : tc::Bytes{};
+        if (!r.empty()) {
+            (void)!::send(conn, r.data(), r.size(), MSG_NOSIGNAL);
+        }
+        tc::Outcome<tc::Shown<tc::DebugSwitch>> got = shown.get();
+        ASSERT_FALSE(got) << error;
+        EXPECT_NE(got.error().find(error), std::string::npos) << got.error();
+    }
+    ::close(conn);
+    ::close(listener);
 }
 
-TEST(ConfigClient, BoardSelection)
+/* The master board named in chassis.json unless a board is given;
+ * tbdlctl tells in one line, exit status 2, that no board answers. */
+TEST(ConfigClient, BoardSelectionAndTbdlctlWhenNoBoardAnswers)
 {
     ScratchDir dir("cfgclient");
     WriteChassisJson(dir.dir(), 1);
     EXPECT_EQ(*tc::FindCfgSocket(dir.dir(), std::nullopt), dir.dir() + "/board1/cfg.sock");
     EXPECT_EQ(*tc::FindCfgSocket(dir.dir(), 0), dir.dir() + "/board0/cfg.sock");
-    std::ofstream(dir.dir() + "/chassis.json") << "{\"boards\":[0]}";
-    EXPECT_FALSE(tc::FindCfgSocket(dir.dir(), std::nullopt));
-}
-
-/* ---- tbdlctl against a scripted server ---- */
-
-TEST(Tbdlctl, AnUnreachableBoardIsOneLineAndExitStatus2)
-{
-    ScratchDir dir("cfgclient");
-    WriteChassisJson(dir.dir(), 0);
     ProcRun run = dir.Tbdlctl({"show", "limits"});
     EXPECT_EQ(run.status, 2);
     EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
-    EXPECT_NE(run.err.find("board0/cfg.sock"), std::string::npos) << run.err;
+    EXPECT_NE(run.err.find("board1/cfg.sock"), std::string::npos) << run.err;
     EXPECT_TRUE(run.out.empty());
+    std::ofstream(dir.dir() + "/chassis.json") << "{\"boards\":[0]}";
+    EXPECT_FALSE(tc::FindCfgSocket(dir.dir(), std::nullopt));
 }
 
 }  // namespace

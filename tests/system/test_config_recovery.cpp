@@ -48,16 +48,12 @@ protected:
     std::map<std::uint32_t, std::string> Summary()
     {
         std::map<std::uint32_t, std::string> s;
-        std::optional<std::map<std::uint32_t, tc::BndDetail>> t = Table(*m_client);
-        if (t) {
-            for (const auto &[n, d] : *t) {
-                std::string text = "mode " + std::to_string(d.ucMode) + " addr " + tc::FormatAddr(d.stAddr) +
-                                   " state " + std::to_string(d.ucState) + " members";
-                for (const tc::MembDetail &m : d.members) {
-                    text += " " + std::to_string(m.uiTnlNum) + "/w" + std::to_string(m.usWeight) + "/r" +
-                            std::to_string(m.ucRole);
-                }
-                s[n] = text;
+        for (const auto &[n, d] : Table(*m_client).value_or(std::map<std::uint32_t, tc::BndDetail>{})) {
+            std::string &text = s[n] = "mode " + std::to_string(d.ucMode) + " addr " + tc::FormatAddr(d.stAddr) +
+                                       " state " + std::to_string(d.ucState) + " members";
+            for (const tc::MembDetail &m : d.members) {
+                text += " " + std::to_string(m.uiTnlNum) + "/w" + std::to_string(m.usWeight) + "/r" +
+                        std::to_string(m.ucRole);
             }
         }
         return s;
@@ -72,8 +68,7 @@ TEST_F(ConfigRecovery, ProcessRestartComparesVrf)
     Bundle(3, TBDL_MODE_LOADBALANCING, {{31, 1, 0}});
     Bundle(4, TBDL_MODE_LOADBALANCING, {{41, 1, 0}, {42, 1, 0}});
     Bundle(5, TBDL_MODE_ONEPLUSONE, {});
-    ASSERT_TRUE(KtbdlMatches(m_chassis, *m_client));
-    ASSERT_TRUE(StoreMatches(m_chassis, *m_client));
+    ASSERT_TRUE(Consistent(m_chassis, *m_client));
     std::map<std::uint32_t, std::string> before = Summary();
 
     /* Bundle 3's interface and member Tunnel41 move to other VRFs. */
@@ -112,8 +107,7 @@ TEST_F(ConfigRecovery, RebootTakesTheStoredVrf)
     EXPECT_EQ(StartCause(), 0);
 
     EXPECT_EQ(Summary(), before) << "nothing was discarded";
-    EXPECT_TRUE(KtbdlMatches(m_chassis, *m_client));
-    EXPECT_TRUE(StoreMatches(m_chassis, *m_client));
+    EXPECT_TRUE(Consistent(m_chassis, *m_client));
     /* The kernel, emptied by the reboot, was told the stored VRF. */
     const std::map<std::string, std::uint32_t> ifs = IfIndexes(m_chassis);
     std::map<std::uint32_t, int> vrfs; /* interface index -> VRF in the kernel */
@@ -140,8 +134,7 @@ TEST_F(ConfigRecovery, ModeSwitchedOffDiscardsStoredBundles)
     EXPECT_EQ(after[1], before[1]);
     EXPECT_EQ(after[3], before[3]);
     EXPECT_EQ(IfIndexes(m_chassis).count("Tunnel-Bundle2"), 0u);
-    EXPECT_TRUE(StoreMatches(m_chassis, *m_client)) << "the discarded bundle and its members are not stored";
-    EXPECT_TRUE(KtbdlMatches(m_chassis, *m_client));
+    EXPECT_TRUE(Consistent(m_chassis, *m_client)) << "the discarded bundle and its members are not stored";
     EXPECT_TRUE(Answers(m_client->AddMember(1, {21, 1, 0}), TBDL_OK)) << "its tunnels are free";
 }
 

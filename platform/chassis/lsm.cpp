@@ -185,7 +185,9 @@ Json Dump(int board)
                            {"path_count", e.entry.usPathNum},
                            {"address", addr},
                            {"vrf", e.entry.stKey.usVrfIndex},
-                           {"paths", paths}});
+                           {"paths", paths},
+                           {"attribute",
+                            {{"ifindex", e.attr.uiIfIndex}, {"mode_code", e.attr.usMode}, {"flag", e.attr.ucFlag}}}});
     }
     return {{"board", board},
             {"entries", entries},

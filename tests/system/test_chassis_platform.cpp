@@ -11,6 +11,7 @@
 #include "chassis_harness.h"
 #include "journal.h"
 #include "platform.h"
+#include "tbdl_ktbdl.h"
 #include "rpc.h"
 
 namespace {
@@ -121,16 +122,7 @@ TEST_F(ChassisPlatform, BundleIndexesAreMadeOnDemandAndNeverReused)
         << "indexes survive a restart of the chassis";
 }
 
-struct KBnd {
-    u16 usFamily;
-    u8 aucCarried[2];
-    u8 aucAddr[16];
-    u32 uiIfIndex, uiTnlMode, uiState;
-    u16 usVrf, usResv;
-};
-static_assert(sizeof(KBnd) == 36);
-
-u32 Kernel(u32 cmd, u32 len, void *payload, u32 device = 0xFFFF8000u)
+u32 Kernel(u32 cmd, u32 len, void *payload, u32 device = TBDL_KTBDL_DEV)
 {
     return CIOCTL(device, cmd, len, payload, 0, 0, 0);
 }
@@ -138,16 +130,19 @@ u32 Kernel(u32 cmd, u32 len, void *payload, u32 device = 0xFFFF8000u)
 TEST_F(ChassisPlatform, KernelTablePerBoardTakesOnlyWellFormedCommands)
 {
     StartChassis({"--boards", "0,1"});
-    KBnd b{2, {}, {10, 0, 0, 1}, 0x1000, 4, 1, 5, 0};
-    u32 add1[3] = {0x1000, 0x100, 0}, add2[2] = {0x1000, 0x101};
-    EXPECT_EQ(Kernel(0x7c0003, 8, add1), 0u) << "a member may come before its bundle";
-    EXPECT_EQ(Kernel(0x7c0002, 36, &b), 0u);
-    EXPECT_EQ(Kernel(0x7c0003, 8, add2), 0u);
-    EXPECT_EQ(Kernel(0x7c0004, 8, add1), 0u);
+    TBDL_KBND_S b{{2, {}, {10, 0, 0, 1}}, 0x1000, 4, 1, 5, 0};
+    u32 add1[3] = {0x1000, 0x100, 0};
+    TBDL_KMEMB_S add2{0x1000, 0x101};
+    EXPECT_EQ(Kernel(TBDL_KCMD_MEMB_ADD, sizeof(TBDL_KMEMB_S), add1), 0u) << "a member may come before its bundle";
+    EXPECT_EQ(Kernel(TBDL_KCMD_BND_UPDATE, sizeof(b), &b), 0u);
+    EXPECT_EQ(Kernel(TBDL_KCMD_MEMB_ADD, sizeof(add2), &add2), 0u);
+    EXPECT_EQ(Kernel(TBDL_KCMD_MEMB_DEL, sizeof(TBDL_KMEMB_S), add1), 0u);
     /* Refused: wrong device, command, or length. */
-    EXPECT_EQ(std::vector<bool>({Kernel(0x7c0002, 36, &b, 0x1234u) != 0, Kernel(0x7c0009, 8, add1) != 0,
-                                 Kernel(0x7c0002, 35, &b) != 0, Kernel(0x7c0003, 12, add1) != 0,
-                                 Kernel(0x7c0004, 7, add2) != 0}),
+    EXPECT_EQ(std::vector<bool>({Kernel(TBDL_KCMD_BND_UPDATE, sizeof(b), &b, 0x1234u) != 0,
+                                 Kernel(0x7c0009, sizeof(TBDL_KMEMB_S), add1) != 0,
+                                 Kernel(TBDL_KCMD_BND_UPDATE, sizeof(b) - 1, &b) != 0,
+                                 Kernel(TBDL_KCMD_MEMB_ADD, sizeof(add1), add1) != 0,
+                                 Kernel(TBDL_KCMD_MEMB_DEL, sizeof(add2) - 1, &add2) != 0}),
               std::vector<bool>(5, true));
 
     Json k = Ktbdl(0);
@@ -171,8 +166,8 @@ TEST_F(ChassisPlatform, KernelTablePerBoardTakesOnlyWellFormedCommands)
 TEST_F(ChassisPlatform, PlannedFailuresHitTheNamedCallOfTheNamedBoardOnly)
 {
     StartChassis({"--boards", "0,1"});
-    u32 memb[2] = {0x1000, 0x100};
-    auto cioctl = [&] { return Kernel(0x7c0003, 8, memb); };
+    TBDL_KMEMB_S memb{0x1000, 0x100};
+    auto cioctl = [&] { return Kernel(TBDL_KCMD_MEMB_ADD, sizeof(memb), &memb); };
     auto adds = [&] { return Ktbdl(0)["commands"]["member_add"].get<int>(); };
     Ctl({"fail", "CIOCTL", "--count", "2"});
     EXPECT_EQ(std::vector<u32>({cioctl() != 0, cioctl() != 0, cioctl()}), std::vector<u32>({1, 1, 0}));
@@ -254,54 +249,59 @@ TEST_F(ChassisPlatform, HaChannelOfAStandbyReachesTheMaster)
 TEST_F(ChassisPlatform, LsmKeepsEntriesAcrossSmoothingCyclesOfTheProtocol)
 {
     StartChassis();
-    u8 reg[16] = {13};
-    int h = LSM_RegProtocolHandler(reg, nullptr, 13);
+    LSM_REG_S reg{13, {}};
+    int h = LSM_RegProtocolHandler(&reg, nullptr, 13);
     ASSERT_GE(h, 0);
-    u8 entry[96], paths[2048], attr[16];
+    LSM_LSP_PATH_S paths[LSM_LSP_PATH_MAX];
+    LSM_LSP_ATTR_S attr;
     auto add = [&](u32 ifIndex, std::vector<u32> members) {
-        auto put = [](u8 *at, auto v) { std::memcpy(at, &v, sizeof(v)); };
-        std::memset(entry, 0, sizeof(entry));
         std::memset(paths, 0, sizeof(paths));
-        put(entry, u32{8}); /* mode */
-        put(entry + 4, u32{13}); /* protocol */
-        put(entry + 8, static_cast<u16>(members.size()));
-        put(entry + 12, u16{24}); /* key start */
-        put(entry + 16, ifIndex);
-        put(entry + 56, static_cast<void *>(paths));
-        put(entry + 72, static_cast<void *>(attr));
+        attr = LSM_LSP_ATTR_S{ifIndex, LSM_LSP_ATTR_ONE, LSM_LSP_MODE_LOAD_BALANCE, {}, LSM_LSP_ATTR_FLAG, {}};
+        LSM_LSP_ENTRY_S entry{};
+        entry.uiMode = LSM_LSP_MODE_LOAD_BALANCE;
+        entry.uiProtocol = 13;
+        entry.usPathNum = static_cast<u16>(members.size());
+        entry.stKey.usKeyType = LSM_LSP_KEY_TYPE;
+        entry.stKey.uiIfIndex = ifIndex;
+        entry.pstPaths = paths;
+        entry.pstAttr = &attr;
         for (size_t i = 0; i < members.size(); ++i) {
-            put(paths + 64 * i, u16{68});
-            put(paths + 64 * i + 8, members[i]);
-            put(paths + 64 * i + 14, static_cast<u16>(i + 1)); /* weight */
+            paths[i].stPrimary.usType = LSM_LSP_PATH_TYPE;
+            paths[i].stPrimary.uiIfIndex = members[i];
+            paths[i].stPrimary.usWeight = static_cast<u16>(i + 1);
         }
-        return LSM_AddLspEntry(h, 0, entry, 1, ifIndex, 0xFFFFFFFF);
+        return LSM_AddLspEntry(h, 0, &entry, 1, ifIndex, LSM_LSP_NO_LABEL);
     };
     auto entries = [&] { return c.CtlJson({"dump", "lsm", "--board", "0"})["entries"]; };
-    EXPECT_EQ(LSM_SendGrEvent(h, 1), 0u);
+    EXPECT_EQ(LSM_SendGrEvent(h, LSM_GR_BEGIN), 0u);
     EXPECT_EQ(add(0x1000, {0x100, 0x101}), 0u);
     EXPECT_EQ(add(0x1001, {0x102}), 0u);
     EXPECT_TRUE(entries().empty()) << "nothing before the flush";
     EXPECT_EQ(LSM_FlushLspEntry(h), 0u);
-    EXPECT_EQ(LSM_SendGrEvent(h, 2), 0u);
+    EXPECT_EQ(LSM_SendGrEvent(h, LSM_GR_END), 0u);
     Json lsm = entries();
     ASSERT_EQ(lsm.size(), 2u);
     EXPECT_EQ(lsm[0]["path_count"], 2);
     EXPECT_EQ(lsm[0]["paths"][1]["ifindex"], 0x101);
+    EXPECT_EQ(lsm[0]["attribute"], Json({{"ifindex", 0x1000}, {"mode_code", 8}, {"flag", 255}}));
 
     /* A cycle that refreshes only one entry drops the other at its end. */
-    EXPECT_EQ(LSM_SendGrEvent(h, 1), 0u);
+    EXPECT_EQ(LSM_SendGrEvent(h, LSM_GR_BEGIN), 0u);
     EXPECT_EQ(add(0x1001, {0x103}), 0u);
     EXPECT_EQ(LSM_FlushLspEntry(h), 0u);
-    EXPECT_EQ(LSM_SendGrEvent(h, 2), 0u);
+    EXPECT_EQ(LSM_SendGrEvent(h, LSM_GR_END), 0u);
     lsm = entries();
     ASSERT_EQ(lsm.size(), 1u);
     EXPECT_EQ(lsm[0]["paths"][0]["ifindex"], 0x103);
 
-    /* A delete names the entry by its key (entry bytes 12 on). */
-    EXPECT_EQ(LSM_DeleteLspEntry(h, 0, entry + 12, 24, 0), 0u);
+    /* A delete names the entry by its key. */
+    LSM_LSP_KEY_S key{};
+    key.usKeyType = LSM_LSP_KEY_TYPE;
+    key.uiIfIndex = 0x1001;
+    EXPECT_EQ(LSM_DeleteLspEntry(h, 0, &key, LSM_LSP_KEY_TYPE, 0), 0u);
     EXPECT_EQ(LSM_FlushLspEntry(h), 0u);
     EXPECT_TRUE(entries().empty());
-    EXPECT_NE(LSM_SendGrEvent(h, 2), 0u) << "no cycle is open";
+    EXPECT_NE(LSM_SendGrEvent(h, LSM_GR_END), 0u) << "no cycle is open";
     EXPECT_EQ(LSM_DeregProtocolHandler(h), 0u);
     EXPECT_NE(LSM_FlushLspEntry(h), 0u);
 }
@@ -310,8 +310,8 @@ TEST_F(ChassisPlatform, JournalHasOneLinePerCallWithHexPayloads)
 {
     StartChassis();
     Enter(c.dir(), 0, true);
-    u32 memb[2] = {0x01020304, 0x0a0b0c0d};
-    EXPECT_EQ(Kernel(0x7c0003, 8, memb), 0u);
+    TBDL_KMEMB_S memb{0x01020304, 0x0a0b0c0d};
+    EXPECT_EQ(Kernel(TBDL_KCMD_MEMB_ADD, sizeof(memb), &memb), 0u);
     EXPECT_EQ(IF_GetIfIndexByFullName("Tunnel99"), 0u);
     std::string journal = ReadFile(c.Path("board0/journal.jsonl"));
     ASSERT_EQ(CountOccurrences(journal, "\n"), 2u) << journal;
@@ -350,8 +350,8 @@ TEST_F(ChassisPlatform, EventChannelsReportTheEndOfChassisd)
 TEST_F(ChassisPlatform, WithoutChassisdEveryCallFailsAtOnce)
 {
     Enter(c.dir(), 0); /* a chassis directory with no chassisd */
-    u32 memb[2] = {1, 2};
-    EXPECT_NE(Kernel(0x7c0003, 8, memb), 0u);
+    TBDL_KMEMB_S memb{1, 2};
+    EXPECT_NE(Kernel(TBDL_KCMD_MEMB_ADD, sizeof(memb), &memb), 0u);
     EXPECT_EQ(IF_GetIfIndexByFullName("Tunnel-Bundle1"), 0u);
     EXPECT_NE(SERVICE_SetStatus(2), 0u);
     EXPECT_LT(HA_Init("TBDL", 0, "TBDL", 1, 2, nullptr, &g_haCbs), 0);

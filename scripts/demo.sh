@@ -37,6 +37,7 @@ step tbdlctl show bundles
 step tbdlctl show counts
 step tbdlctl show limits
 step chassisctl dump ktbdl --board 0
+step chassisctl dump lsm --board 0
 step chassisctl board restart 0
 step tbdlctl show bundles
 step chassisctl dump db

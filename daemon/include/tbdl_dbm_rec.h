@@ -29,21 +29,11 @@ static_assert(offsetof(TBDL_DBM_BND_S, ucMode) == 24, "mode at 24");
 static_assert(offsetof(TBDL_DBM_BND_S, ucTnlMode) == 25, "tunnel mode at 25");
 static_assert(offsetof(TBDL_DBM_BND_S, usVrfIndex) == 28, "VRF at 28");
 
-/* Stored member record: the layout of TBDL_MEMB_CFG_S. */
-typedef struct tagTBDL_DBM_MEMB {
-    u32 uiTnlNum;
-    u16 usWeight;
-    u8 ucRole;
-    u8 ucResv;
-    u16 usVrfIndex;
-    u16 usResv;
-} TBDL_DBM_MEMB_S;
+/* Stored member record: the member configuration record, its tunnel number
+ * (the sort word), weight and VRF big-endian. */
+typedef TBDL_MEMB_CFG_S TBDL_DBM_MEMB_S;
 static_assert(sizeof(TBDL_DBM_MEMB_S) == TBDL_DBM_MEMB_LEN, "stored member record is 12 bytes");
 static_assert(offsetof(TBDL_DBM_MEMB_S, uiTnlNum) == TBDL_DBM_MEMB_SORT_OFFSET, "tunnel number: the sort word");
-static_assert(offsetof(TBDL_DBM_MEMB_S, usWeight) == offsetof(TBDL_MEMB_CFG_S, usWeight), "weight");
-static_assert(offsetof(TBDL_DBM_MEMB_S, ucRole) == offsetof(TBDL_MEMB_CFG_S, ucRole), "role");
-static_assert(offsetof(TBDL_DBM_MEMB_S, usVrfIndex) == offsetof(TBDL_MEMB_CFG_S, usVrfIndex), "VRF");
-static_assert(offsetof(TBDL_DBM_MEMB_S, usResv) == offsetof(TBDL_MEMB_CFG_S, usResv), "reserved");
 
 #define TBDL_DBM_KEY_BND 0x01u
 #define TBDL_DBM_KEY_MEMB 0x02u

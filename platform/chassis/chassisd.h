@@ -15,6 +15,7 @@
  *   ktbdl.cpp    each board's kernel bundle table (CIOCTL commands)
  *   ha.cpp       HA roles, registrations, events, message relay
  *   lsm.cpp      LSM: LSP entries per board with graceful-restart cycles
+ *   ps.cpp       PS: each board's bundle table, fed on its own socket
  *   ctl.cpp      chassisctl commands (JSON), one table */
 #ifndef TBDL_CHASSISD_H
 #define TBDL_CHASSISD_H
@@ -138,12 +139,21 @@ struct Service {
     const char *dumpName = nullptr; /* "chassisctl dump <dumpName>" */
     bool dumpNeedsBoard = false;
     Json (*dump)(int board) = nullptr;
+    /* A dump that takes the request's options (instead of dump). */
+    Json (*dumpWith)(int board, const Json &req) = nullptr;
+    /* Sets up what the service needs before the boards start. */
+    bool (*init)(std::string &err) = nullptr;
+    /* "chassisctl <dumpName> stop|start": stopped, the service closes every
+     * connection it has on the board and refuses new ones. */
+    void (*setStopped)(int board, bool stopped) = nullptr;
 };
 
 const std::vector<const Service *> &Services();
 /* The handler of an operation, or null. */
 OpHandler FindOp(uint16_t op);
 const Service *FindDump(const std::string &dumpName);
+/* Runs every service's init; false (err says why) when one fails. */
+bool ServicesInit(std::string &err);
 
 /* Rows, one per service file. */
 const Service &SvcService();
@@ -151,6 +161,7 @@ const Service &IfService();
 const Service &L3vpnService();
 const Service &HaService();
 const Service &LsmService();
+const Service &PsService();
 const Service &KtbdlService();
 
 /* ---- service manager (svcmgr.cpp) ---- */

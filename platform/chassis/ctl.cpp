@@ -5,6 +5,9 @@
  * boards itself. */
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstring>
+
 #include "chassis_env.h"
 #include "chassisd.h"
 #include "plat_service.h"
@@ -246,7 +249,26 @@ bool Dump(const Service &s, const Json &req, Json &reply)
         reply = Error(err);
         return true;
     }
-    reply = Ok(s.dump(b));
+    reply = Ok(s.dumpWith != nullptr ? s.dumpWith(b, req) : s.dump(b));
+    return true;
+}
+
+/* "<service>_stop" / "<service>_start": one board, or every board. */
+bool StopStart(const Service &s, bool stop, const Json &req, Json &reply)
+{
+    std::string err;
+    int b = -1;
+    if (req.contains("board") && !BoardArg(req, b, err)) {
+        reply = Error(err);
+        return true;
+    }
+    for (int x : g_opt.settings.boards) {
+        if (b < 0 || x == b) {
+            s.setStopped(x, stop);
+            Log("board " + std::to_string(x) + ": " + s.name + (stop ? " stopped" : " started") + " on request");
+        }
+    }
+    reply = Ok();
     return true;
 }
 
@@ -264,6 +286,14 @@ bool CtlHandle(int fd, const Json &req, Json &reply)
     if (cmd.rfind(kDump, 0) == 0) {
         if (const Service *s = FindDump(cmd.substr(kDump.size())); s != nullptr) {
             return Dump(*s, req, reply);
+        }
+    }
+    for (const char *verb : {"_stop", "_start"}) {
+        size_t at = cmd.size() - std::min(cmd.size(), std::strlen(verb));
+        if (cmd.compare(at, std::string::npos, verb) == 0) {
+            if (const Service *s = FindDump(cmd.substr(0, at)); s != nullptr && s->setStopped != nullptr) {
+                return StopStart(*s, std::strcmp(verb, "_stop") == 0, req, reply);
+            }
         }
     }
     reply = Error("unknown command '" + cmd + "'");

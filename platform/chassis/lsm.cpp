@@ -29,9 +29,11 @@ struct LspEntry {
 struct LsmTable {
     std::map<uint32_t, LspEntry> entries;
     std::map<uint32_t, bool> inCycle; /* per protocol */
-    uint64_t adds = 0, deletes = 0, flushes = 0, cycles = 0;
+    uint64_t adds = 0, deletes = 0, flushes = 0, cycles = 0, dropped = 0;
 };
 LsmTable g_lsm[tbdl::plat::kMaxBoards];
+/* Boards whose LSM is stopped (chassisctl lsm stop): no registrations. */
+bool g_stopped[tbdl::plat::kMaxBoards];
 
 /* The rest of a batch, read one record at a time. */
 struct Cursor {
@@ -71,6 +73,7 @@ uint32_t Gr(Conn &c, uint32_t type)
                 ++it;
             }
         }
+        t.dropped += dropped;
         if (dropped > 0) {
             Log("board " + std::to_string(c.board) + ": LSM dropped " + std::to_string(dropped) +
                 " entries of protocol " + std::to_string(c.protocol) + " at the end of a smoothing cycle");
@@ -127,9 +130,14 @@ uint32_t Batch(Conn &c, const uint8_t *p, size_t len)
     return in.left == 0 ? 0 : tbdl::rpc::kResultBadRequest;
 }
 
-/* LSM_RegProtocolHandler: the connection becomes the protocol's channel. */
+/* LSM_RegProtocolHandler: the connection becomes the protocol's channel,
+ * unless LSM is stopped on the board. */
 void OnRegister(Conn &c, const tbdl::rpc::Hdr &h, const uint8_t *, size_t)
 {
+    if (ValidBoard(h.usBoard) && g_stopped[h.usBoard]) {
+        Reply(c, h, 1);
+        return;
+    }
     OpenChannel(c, Channel::LSM, h.usBoard);
     c.protocol = h.uiArg;
     Reply(c, h, 0);
@@ -155,6 +163,19 @@ void OnClose(Conn &c, bool)
 }
 
 void Clear(int board, ClearReason) { g_lsm[board] = LsmTable{}; }
+
+/* Stopping closes the board's channels: their clients see a hang-up. */
+void SetStopped(int board, bool stopped)
+{
+    g_stopped[board] = stopped;
+    if (stopped) {
+        std::vector<int> fds;
+        Subscribers(Channel::LSM).ForBoard(board, [&fds](Conn &c) { fds.push_back(c.fd); });
+        for (int fd : fds) {
+            Drop(fd);
+        }
+    }
+}
 
 Json PathJson(const LSM_LSP_PATH_S &pa)
 {
@@ -190,11 +211,13 @@ Json Dump(int board)
                             {{"ifindex", e.attr.uiIfIndex}, {"mode_code", e.attr.usMode}, {"flag", e.attr.ucFlag}}}});
     }
     return {{"board", board},
+            {"stopped", g_stopped[board]},
             {"entries", entries},
             {"adds", t.adds},
             {"deletes", t.deletes},
             {"flushes", t.flushes},
-            {"cycles", t.cycles}};
+            {"cycles", t.cycles},
+            {"dropped", t.dropped}};
 }
 
 } // namespace
@@ -209,7 +232,8 @@ const Service &LsmService()
                            .clearBoard = Clear,
                            .dumpName = "lsm",
                            .dumpNeedsBoard = true,
-                           .dump = Dump};
+                           .dump = Dump,
+                           .setStopped = SetStopped};
     return s;
 }
 

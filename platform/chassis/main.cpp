@@ -255,7 +255,7 @@ int main(int argc, char **argv)
     WritePid(pidFd);
     Log("starting on " + g_opt.dir + " with settings " + tbdl::plat::SettingsToJson(s) + ", daemon " +
         g_opt.daemonPath + (g_opt.journal ? ", journal on" : ""));
-    if (!LoopInit(g_opt, err) || !SvcInit(err)) {
+    if (!LoopInit(g_opt, err) || !SvcInit(err) || !ServicesInit(err)) {
         Log("start failed: " + err);
         Fail(err);
     }

@@ -19,14 +19,6 @@ const Service &SvcPortService()
     return s;
 }
 
-/* PS: the download to PS fills this row (framing, table, smoothing cycles,
- * and its dump). */
-const Service &PsService()
-{
-    static const Service s{.name = "PS", .ops = {}};
-    return s;
-}
-
 using OpIndex = std::array<OpHandler, 256>;
 
 OpIndex BuildOpIndex()
@@ -70,6 +62,16 @@ const Service *FindDump(const std::string &dumpName)
         }
     }
     return nullptr;
+}
+
+bool ServicesInit(std::string &err)
+{
+    for (const Service *s : Services()) {
+        if (s->init != nullptr && !s->init(err)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 } // namespace chassis

@@ -67,13 +67,30 @@ Answer Client::VrfBind(const std::string &name, uint32_t vrf)
 
 Answer Client::VrfUnbind(const std::string &name) { return Call({{"cmd", "vrf_unbind"}, {"name", name}}); }
 
-Answer Client::Dump(const std::string &kind, std::optional<int> board)
+Answer Client::BoardCall(const std::string &cmd, std::optional<int> board)
 {
-    Json req = {{"cmd", "dump_" + kind}};
+    Json req = {{"cmd", cmd}};
     if (board) {
         req["board"] = *board;
     }
     return Call(req);
+}
+
+Answer Client::Dump(const std::string &kind, std::optional<int> board) { return BoardCall("dump_" + kind, board); }
+
+Answer Client::DumpPs(int board, bool sends)
+{
+    return Call({{"cmd", "dump_ps"}, {"board", board}, {"sends", sends}});
+}
+
+Answer Client::ServiceStop(const std::string &service, std::optional<int> board)
+{
+    return BoardCall(service + "_stop", board);
+}
+
+Answer Client::ServiceStart(const std::string &service, std::optional<int> board)
+{
+    return BoardCall(service + "_start", board);
 }
 
 Answer Client::Fail(const FailSpec &spec)

@@ -68,6 +68,12 @@ public:
     /* A service's state: "if", "vrf", "ktbdl", "lsm", "ha", "fail"; board
      * for the per-board ones. */
     Answer Dump(const std::string &kind, std::optional<int> board = std::nullopt);
+    /* A board's PS table; with sends, the bytes of the sends it kept. */
+    Answer DumpPs(int board, bool sends);
+    /* Stops ("lsm", "ps") service on one board or every board: its
+     * connections close and registrations are refused until it starts. */
+    Answer ServiceStop(const std::string &service, std::optional<int> board = std::nullopt);
+    Answer ServiceStart(const std::string &service, std::optional<int> board = std::nullopt);
     Answer Fail(const FailSpec &spec);
     /* Every board's plan, or one board's. */
     Answer FailClear(std::optional<int> board = std::nullopt);
@@ -75,6 +81,7 @@ public:
 
 private:
     Answer Call(const Json &request);
+    Answer BoardCall(const std::string &cmd, std::optional<int> board);
     static Json IfRequest(const char *cmd, const IfChange &change);
 
     std::string path_;

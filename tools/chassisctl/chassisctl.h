@@ -13,6 +13,7 @@ void PrintIfText(const Json &reply);
 void PrintVrfText(const Json &reply);
 void PrintKtbdlText(const Json &reply);
 void PrintLsmText(const Json &reply);
+void PrintPsText(const Json &reply);
 void PrintHaText(const Json &reply);
 void PrintFailText(const Json &reply);
 

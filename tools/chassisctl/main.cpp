@@ -267,6 +267,7 @@ struct Args {
     bool always = false;
     std::optional<int64_t> result;
     uint32_t event = 0;
+    bool sends = false;
 };
 
 /* One command: its words ("dump if"), help, options, what it does (the
@@ -294,6 +295,8 @@ void NoOptions(CLI::App &, Args &) {}
 void TimeoutOption(CLI::App &c, Args &a) { c.add_option("--timeout", a.timeoutS, "seconds to wait"); }
 void BoardOption(CLI::App &c, Args &a) { c.add_option("--board", a.board, "board")->required(); }
 void BoardArg(CLI::App &c, Args &a) { c.add_option("N", a.board, "board")->required(); }
+void OptBoardOption(CLI::App &c, Args &a) { c.add_option("--board", a.optBoard, "board (default: every board)"); }
+void ServiceText(const Json &, const Args &) { std::cout << "done\n"; }
 
 void StatusText(const Json &s, const Args &) { PrintStatusText(s); }
 
@@ -449,6 +452,25 @@ const Command kCommands[] = {
     {"dump lsm", "a board's LSM entries", BoardOption,
      [](const Args &a) -> std::optional<Json> { return Expect(Ctl().Dump("lsm", a.board)); },
      [](const Json &r, const Args &) { PrintLsmText(r); }},
+    {"dump ps", "a board's PS bundles (--sends: the bytes of its recent sends)",
+     [](CLI::App &c, Args &a) {
+         BoardOption(c, a);
+         c.add_flag("--sends", a.sends, "show each kept send's size and bytes");
+     },
+     [](const Args &a) -> std::optional<Json> { return Expect(Ctl().DumpPs(a.board, a.sends)); },
+     [](const Json &r, const Args &) { PrintPsText(r); }},
+    {"lsm stop", "close LSM's connections on a board (or all) and refuse registrations", OptBoardOption,
+     [](const Args &a) -> std::optional<Json> { return Expect(Ctl().ServiceStop("lsm", a.optBoard)); },
+     ServiceText},
+    {"lsm start", "accept LSM registrations again", OptBoardOption,
+     [](const Args &a) -> std::optional<Json> { return Expect(Ctl().ServiceStart("lsm", a.optBoard)); },
+     ServiceText},
+    {"ps stop", "close PS's connections on a board (or all) and refuse registrations", OptBoardOption,
+     [](const Args &a) -> std::optional<Json> { return Expect(Ctl().ServiceStop("ps", a.optBoard)); },
+     ServiceText},
+    {"ps start", "accept PS registrations again", OptBoardOption,
+     [](const Args &a) -> std::optional<Json> { return Expect(Ctl().ServiceStart("ps", a.optBoard)); },
+     ServiceText},
     {"dump ha", "HA roles, registrations, responses", NoOptions,
      [](const Args &) -> std::optional<Json> { return Expect(Ctl().Dump("ha")); },
      [](const Json &r, const Args &) { PrintHaText(r); }},
@@ -494,6 +516,7 @@ struct Group {
 const Group kGroups[] = {
     {"board", "one board's daemon"}, {"dump", "show a service's state"}, {"if", "tunnel interfaces"},
     {"vrf", "L3VPN bindings"},       {"ha", "HA service"},
+    {"lsm", "LSM service"},          {"ps", "PS service"},
 };
 
 CLI::App *GroupOf(CLI::App &app, const std::string &name)

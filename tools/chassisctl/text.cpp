@@ -141,6 +141,28 @@ void PrintLsmText(const Json &r)
     t.Print();
 }
 
+void PrintPsText(const Json &r)
+{
+    std::cout << "board " << S(r["board"]) << " PS" << (r["stopped"].get<bool>() ? " (stopped)" : "") << ": "
+              << S(r["updates"]) << " updates, " << S(r["deletes"]) << " deletes, " << S(r["cycles"])
+              << " smoothing cycles, " << S(r["dropped"]) << " dropped at their ends, " << S(r["malformed"])
+              << " malformed sends\n";
+    Table t({"BUNDLE", "KIND", "WORKING", "UP", "PROTECTION", "UP"});
+    auto member = [](const Json &m) { return Hex(m["ifindex"]) + " " + S(m["name"]); };
+    auto up = [](const Json &m) { return m["up"].get<bool>() ? "yes" : "no"; };
+    for (const Json &b : r["bundles"]) {
+        t.Add({S(b["bundle"]), S(b["protection_kind"]), member(b["working"]), up(b["working"]),
+               member(b["protection"]), up(b["protection"])});
+    }
+    t.Print();
+    if (r.contains("sends")) {
+        std::cout << "kept sends:\n";
+        for (const Json &x : r["sends"]) {
+            std::cout << "  " << S(x["size"]) << " bytes: " << S(x["bytes"]) << "\n";
+        }
+    }
+}
+
 void PrintHaText(const Json &r)
 {
     std::cout << "master board " << S(r["master"]) << ", MTU " << S(r["mtu"]) << ", messages relayed "

@@ -1,0 +1,146 @@
+/* The daemon's download to LSM and PS on the emulated chassis: after each
+ * configuration step, LSM holds one entry per bundle with members and PS one
+ * per protection bundle with exactly two members, as the daemon's table
+ * says; stopped services catch up when started; an orderly stop withdraws
+ * what a killed daemon leaves in place. */
+#include <gtest/gtest.h>
+
+#include "cfg_checks.h"
+
+namespace tc = tbdl::client;
+using namespace tbdl::cfgtest;
+
+namespace {
+
+std::string Member(const tc::MembDetail &m) { return "Tunnel" + std::to_string(m.uiTnlNum) + (m.ucState == 1 ? " up" : " down"); }
+
+/* What LSM and PS must hold for the daemon's table, by bundle name. */
+std::pair<Sigs, Sigs> Wanted(const std::map<std::uint32_t, tc::BndDetail> &table)
+{
+    Sigs lsm, ps;
+    for (const auto &[n, d] : table) {
+        if (!d.members.empty()) {
+            lsm[BndName(n)] = "";
+        }
+        if (d.ucMode != TBDL_MODE_LOADBALANCING && d.members.size() == 2) {
+            const bool firstWorks = d.members[0].ucRole == 0;
+            ps[BndName(n)] = std::string(d.ucMode == TBDL_MODE_ONEPLUSONE ? "1+1" : "1:1") + " working " +
+                             Member(d.members[firstWorks ? 0 : 1]) + ", protection " + Member(d.members[firstWorks ? 1 : 0]);
+        }
+    }
+    return {lsm, ps};
+}
+
+std::string Found(const Json &m) { return m.at("name").get<std::string>() + (m.at("up").get<bool>() ? " up" : " down"); }
+
+/* What board 0's LSM and PS hold, by bundle name. */
+std::pair<Sigs, Sigs> Held(const Chassis &chassis)
+{
+    std::map<std::uint32_t, std::string> names;
+    for (const auto &[name, idx] : IfIndexes(chassis)) {
+        names[idx] = name;
+    }
+    Sigs lsm, ps;
+    for (const Json &e : chassis.CtlJson({"dump", "lsm", "--board", "0"}).value("entries", Json::array())) {
+        lsm[names[e.at("ifindex")]] = "";
+    }
+    for (const Json &b : chassis.CtlJson({"dump", "ps", "--board", "0"}).value("bundles", Json::array())) {
+        ps[BndName(b.at("bundle"))] = b.at("protection_kind").get<std::string>() + " working " + Found(b["working"]) +
+                                      ", protection " + Found(b["protection"]);
+    }
+    return {lsm, ps};
+}
+
+class Download : public DaemonTest {
+protected:
+    Download() : DaemonTest("dld") {}
+
+    /* LSM and PS of board 0 come to agree with the daemon's table. */
+    testing::AssertionResult Downloaded()
+    {
+        std::pair<Sigs, Sigs> want, held;
+        tbdl::systest::WaitUntil([&] {
+            std::optional<std::map<std::uint32_t, tc::BndDetail>> table = Table(*m_client);
+            want = table ? Wanted(*table) : std::pair<Sigs, Sigs>{};
+            held = Held(m_chassis);
+            return want == held;
+        }, 10000, 50);
+        testing::AssertionResult lsm = SameSigs(want.first, held.first);
+        return lsm ? SameSigs(want.second, held.second) << " (PS)" : lsm << " (LSM)";
+    }
+
+    /* Bundles 1 (load balancing), 2 (1:1), 4 (1+1), each with two members
+     * (the first up and, in a protection bundle, of role 1), and 5 (1:1)
+     * with one member. */
+    void Configure()
+    {
+        for (std::uint16_t mode : {TBDL_MODE_LOADBALANCING, TBDL_MODE_ONETOONE, TBDL_MODE_ONEPLUSONE}) {
+            ASSERT_TRUE(Answers(m_client->CreateBundle(mode, mode, 0), TBDL_OK));
+            for (std::uint32_t t : {mode * 10u, mode * 10u + 1}) {
+                ASSERT_TRUE(AddTunnel(m_chassis, t, 0, t % 10 == 0));
+                const bool role1 = mode != TBDL_MODE_LOADBALANCING && t % 10 == 0;
+                ASSERT_TRUE(Answers(m_client->AddMember(mode, {t, 1, static_cast<std::uint8_t>(role1)}), TBDL_OK));
+            }
+        }
+        ASSERT_TRUE(Answers(m_client->CreateBundle(5, TBDL_MODE_ONETOONE, 0), TBDL_OK));
+        ASSERT_TRUE(AddTunnel(m_chassis, 50));
+        ASSERT_TRUE(Answers(m_client->AddMember(5, {50, 1, 0}), TBDL_OK));
+    }
+
+    std::uint64_t Dropped(const char *service)
+    {
+        return m_chassis.CtlJson({"dump", service, "--board", "0"}).value("dropped", std::uint64_t{0});
+    }
+};
+
+TEST_F(Download, EachModeAndLosingMembers)
+{
+    Configure();
+    EXPECT_TRUE(Downloaded());
+    EXPECT_EQ(Held(m_chassis).second.size(), 2u) << "only the two protection pairs reach PS";
+    for (std::uint32_t t : {21u, 20u}) { /* the pair breaks (PS delete), then the last member goes (LSM delete) */
+        ASSERT_TRUE(Answers(m_client->RemoveMember(2, t), TBDL_OK));
+        EXPECT_TRUE(Downloaded()) << "without Tunnel" << t;
+    }
+    EXPECT_EQ(m_chassis.CtlJson({"dump", "ps", "--board", "0"}).value("malformed", -1), 0);
+}
+
+TEST_F(Download, StoppedServicesCatchUpWhenStarted)
+{
+    Configure();
+    ASSERT_TRUE(Downloaded());
+    for (const char *svc : {"lsm", "ps"}) {
+        ASSERT_TRUE(Exited(m_chassis.Ctl({svc, "stop"}), 0)) << svc;
+    }
+    ASSERT_TRUE(Answers(m_client->DeleteBundle(4), TBDL_OK));
+    ASSERT_TRUE(Answers(m_client->RemoveMember(1, 11), TBDL_OK));
+    EXPECT_EQ(Held(m_chassis).second.count(BndName(4)), 1u) << "a stopped PS keeps what it had";
+    for (const char *svc : {"lsm", "ps"}) {
+        ASSERT_TRUE(Exited(m_chassis.Ctl({svc, "start", "--board", "0"}), 0)) << svc;
+    }
+    EXPECT_TRUE(Downloaded());
+    EXPECT_EQ(Dropped("lsm"), 1u);
+    EXPECT_EQ(Dropped("ps"), 1u);
+}
+
+TEST_F(Download, AnOrderlyStopWithdrawsAKillDoesNot)
+{
+    Configure();
+    ASSERT_TRUE(Downloaded());
+    const struct {
+        const char *how;
+        std::uint64_t lsmDropped, psDropped; /* by the stop */
+    } cases[] = {{"kill", 0, 0}, {"restart", 4, 2}};
+    for (const auto &c : cases) {
+        const std::uint64_t lsm = Dropped("lsm"), ps = Dropped("ps");
+        const pid_t old = m_chassis.BoardPid(0);
+        ASSERT_TRUE(Exited(m_chassis.Ctl({"board", c.how, "0"}), 0)) << c.how;
+        ASSERT_TRUE(m_chassis.WaitBoard(0, [&](const Json &b) { return b.value("pid", -1) != old && b.value("state", "") == "up"; }));
+        ASSERT_TRUE(WaitCfgAnswers(m_chassis) && Reconnect());
+        EXPECT_TRUE(Downloaded()) << c.how;
+        EXPECT_EQ(Dropped("lsm") - lsm, c.lsmDropped) << c.how;
+        EXPECT_EQ(Dropped("ps") - ps, c.psDropped) << c.how;
+    }
+}
+
+}  // namespace

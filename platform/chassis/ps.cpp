@@ -2,8 +2,7 @@
  * bundle number, with smoothing cycles.
  *
  * A client connects to DIR/board<N>/ps.sock (the PS library does) and
- * writes sends of one or more messages back to back: a 4-byte big-endian
- * header {type, length}, then exactly one TLV. A send is checked whole
+ * writes sends of one or more messages (ps_msg.h). A send is checked whole
  * before any of it is applied; a malformed one is counted, logged with its
  * bytes and otherwise ignored. Smooth 0 begins a cycle, smooth 1 ends it and
  * drops the bundles the cycle did not update. The table stays when a
@@ -18,6 +17,7 @@
 
 #include "chassis_env.h"
 #include "chassisd.h"
+#include "ps_msg.h"
 #include "ps_socket.h"
 #include "tbdl_ps_msg.h"
 
@@ -29,11 +29,7 @@ constexpr size_t kKeptSends = 256;
 constexpr size_t kRecvMax = 65536;
 
 struct PsBundle {
-    uint32_t workIfIndex = 0;
-    uint32_t protIfIndex = 0;
-    uint8_t protKind = 0;
-    bool workUp = false;
-    bool protUp = false;
+    PsBundleValue v;
     bool refreshed = false;
 };
 
@@ -51,89 +47,6 @@ struct PsBoard {
     PsTable table;
 };
 PsBoard g_ps[tbdl::plat::kMaxBoards];
-
-/* One message of a send, checked. */
-struct PsMsg {
-    uint16_t type = 0;
-    uint32_t bundle = 0; /* update, delete */
-    PsBundle value;      /* update */
-    uint32_t smooth = 0; /* smooth */
-};
-
-uint16_t Be16(const uint8_t *p) { return static_cast<uint16_t>((p[0] << 8) | p[1]); }
-uint32_t Be32(const uint8_t *p) { return (uint32_t{Be16(p)} << 16) | Be16(p + 2); }
-
-/* The TLV type and value length each message type must carry. */
-bool ExpectedTlv(uint16_t type, uint16_t &tlvType, uint16_t &valueLen)
-{
-    switch (type) {
-    case TBDL_PS_MSG_BND_UPDATE:
-    case TBDL_PS_MSG_BND_DELETE:
-        tlvType = TBDL_PS_TLV_BND;
-        valueLen = sizeof(TBDL_PS_BND_VAL_S);
-        return true;
-    case TBDL_PS_MSG_SMOOTH:
-        tlvType = TBDL_PS_TLV_SMOOTH;
-        valueLen = sizeof(TBDL_PS_SMOOTH_VAL_S);
-        return true;
-    default:
-        return false;
-    }
-}
-
-/* One message at p (left bytes remain in the send); its size, or 0 and why
- * when it is malformed. */
-size_t ParseMsg(const uint8_t *p, size_t left, PsMsg &m, std::string &why)
-{
-    uint16_t tlvType = 0, valueLen = 0;
-    if (left < TBDL_PS_MSG_HEAD_LEN + TBDL_PS_TLV_HEAD_LEN) {
-        why = "truncated header";
-        return 0;
-    }
-    m.type = Be16(p);
-    uint16_t len = Be16(p + 2);
-    if (!ExpectedTlv(m.type, tlvType, valueLen)) {
-        why = "unknown message type " + std::to_string(m.type);
-        return 0;
-    }
-    if (len != TBDL_PS_TLV_HEAD_LEN + valueLen || left - TBDL_PS_MSG_HEAD_LEN < len) {
-        why = "message length " + std::to_string(len);
-        return 0;
-    }
-    const uint8_t *tlv = p + TBDL_PS_MSG_HEAD_LEN;
-    if (Be16(tlv) != tlvType || Be16(tlv + 2) != valueLen) {
-        why = "TLV type " + std::to_string(Be16(tlv)) + " length " + std::to_string(Be16(tlv + 2));
-        return 0;
-    }
-    const uint8_t *v = tlv + TBDL_PS_TLV_HEAD_LEN;
-    if (m.type == TBDL_PS_MSG_SMOOTH) {
-        m.smooth = Be32(v);
-        if (m.smooth != TBDL_PS_SMOOTH_BEGIN && m.smooth != TBDL_PS_SMOOTH_END) {
-            why = "smooth type " + std::to_string(m.smooth);
-            return 0;
-        }
-    } else {
-        m.bundle = Be32(v);
-        m.value = {Be32(v + 4), Be32(v + 8), v[12], v[13] == 1, v[14] == 1, true};
-    }
-    return TBDL_PS_MSG_HEAD_LEN + len;
-}
-
-bool ParseSend(const Bytes &send, std::vector<PsMsg> &out, std::string &why)
-{
-    size_t off = 0;
-    while (off < send.size()) {
-        PsMsg m;
-        size_t n = ParseMsg(send.data() + off, send.size() - off, m, why);
-        if (n == 0) {
-            why += " at offset " + std::to_string(off);
-            return false;
-        }
-        out.push_back(m);
-        off += n;
-    }
-    return !out.empty() || (why = "empty send", false);
-}
 
 void Smooth(int board, PsTable &t, uint32_t type)
 {
@@ -163,7 +76,7 @@ void Apply(int board, const std::vector<PsMsg> &msgs)
     PsTable &t = g_ps[board].table;
     for (const PsMsg &m : msgs) {
         if (m.type == TBDL_PS_MSG_BND_UPDATE) {
-            t.bundles[m.bundle] = m.value;
+            t.bundles[m.bundle] = PsBundle{m.value, true};
             t.updates++;
         } else if (m.type == TBDL_PS_MSG_BND_DELETE) {
             t.bundles.erase(m.bundle);
@@ -199,7 +112,7 @@ void Receive(int board, const Bytes &send, bool truncated)
     if (truncated) {
         why = "longer than " + std::to_string(kRecvMax) + " bytes";
     }
-    if (truncated || !ParseSend(send, msgs, why)) {
+    if (truncated || !ParsePsSend(send.data(), send.size(), msgs, why)) {
         t.malformed++;
         Log("board " + std::to_string(board) + ": PS ignored a malformed send (" + why + "): " + Hex(send));
         return;
@@ -319,11 +232,11 @@ Json Dump(int board, const Json &req)
     Json bundles = Json::array();
     for (const auto &[num, b] : t.bundles) {
         bundles.push_back({{"bundle", num},
-                           {"working", {{"ifindex", b.workIfIndex}, {"name", IfName(b.workIfIndex)}, {"up", b.workUp}}},
-                           {"protection", {{"ifindex", b.protIfIndex}, {"name", IfName(b.protIfIndex)}, {"up", b.protUp}}},
-                           {"protection_kind", b.protKind == TBDL_PS_PROT_ONE_PLUS_ONE ? "1+1"
-                                               : b.protKind == TBDL_PS_PROT_ONE_TO_ONE ? "1:1"
-                                                                                        : std::to_string(b.protKind)}});
+                           {"working", {{"ifindex", b.v.workIfIndex}, {"name", IfName(b.v.workIfIndex)}, {"up", b.v.workUp}}},
+                           {"protection", {{"ifindex", b.v.protIfIndex}, {"name", IfName(b.v.protIfIndex)}, {"up", b.v.protUp}}},
+                           {"protection_kind", b.v.protKind == TBDL_PS_PROT_ONE_PLUS_ONE ? "1+1"
+                                               : b.v.protKind == TBDL_PS_PROT_ONE_TO_ONE ? "1:1"
+                                                                                        : std::to_string(b.v.protKind)}});
     }
     Json out = {{"board", board},         {"stopped", g_ps[board].stopped}, {"connections", g_ps[board].conns.size()},
                 {"bundles", bundles},     {"updates", t.updates},           {"deletes", t.deletes},

@@ -6,7 +6,8 @@
 #      tests again;
 #   3. a Release build (-O3) of the daemon and the tools, without tests and
 #      benchmarks: the optimiser's warnings fail it; counts as one result;
-#   4. a bounded fuzzing run of the configuration request path, plus every
+#   4. a bounded fuzzing run of the configuration request path and of the
+#      chassis's PS receiver, plus every
 #      input that ever crashed it.
 # Ends with one line "tests: N passed, M failed" over all of them.
 set -uo pipefail
@@ -65,7 +66,7 @@ else
 fi
 
 if [ -x fuzz/run.sh ]; then
-  echo "== Fuzzing the configuration request path"
+  echo "== Fuzzing the configuration request path and the PS receiver"
   if fuzz/run.sh; then
     passed=$((passed + 1))
   else

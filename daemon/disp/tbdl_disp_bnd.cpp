@@ -12,13 +12,6 @@
 #define TBDL_DISP_CNT_UP 1u
 #define TBDL_DISP_CNT_DOWN 2u
 
-static void tbdl_disp_InitSnapshot(TBDL_BND_INFO_S *pstInfo, TBDL_MEMB_INFO_S *pstMemb)
-{
-    memset(pstMemb, 0, sizeof(TBDL_MEMB_INFO_S) * TBDL_SNAPSHOT_MEMB_MAX);
-    memset(pstInfo, 0, sizeof(*pstInfo));
-    pstInfo->pstMembInfo = pstMemb;
-}
-
 static u32 tbdl_disp_TakeSnapshot(u16 usOper, u32 uiBndNum, TBDL_BND_INFO_S *pstInfo)
 {
     switch (usOper) {
@@ -38,7 +31,7 @@ u16 tbdl_disp_GetBndInfo(u16 usOper, u32 uiBndNum, u16 usRoom, u8 *pucValue)
     TBDL_MEMB_INFO_S astMemb[TBDL_SNAPSHOT_MEMB_MAX];
     TBDL_BND_INFO_S stInfo;
 
-    tbdl_disp_InitSnapshot(&stInfo, astMemb);
+    TBDL_BND_InitSnapshot(&stInfo, astMemb);
     stInfo.uiBndNum = TBDL_DISP_ALL_BND;
     if (tbdl_disp_TakeSnapshot(usOper, uiBndNum, &stInfo) != TBDL_OK) {
         return 0;
@@ -115,7 +108,7 @@ void tbdl_disp_GetBndStatistic(u32 uiBndNum, u32 auiCnt[3])
     TBDL_MEMB_INFO_S astMemb[TBDL_SNAPSHOT_MEMB_MAX];
     TBDL_BND_INFO_S stInfo;
 
-    tbdl_disp_InitSnapshot(&stInfo, astMemb);
+    TBDL_BND_InitSnapshot(&stInfo, astMemb);
     if (uiBndNum != TBDL_DISP_ALL_BND) {
         if (TBDL_BND_GetBndInfo(uiBndNum, &stInfo) == TBDL_OK) {
             tbdl_disp_CountOne(&stInfo, auiCnt);
@@ -127,7 +120,7 @@ void tbdl_disp_GetBndStatistic(u32 uiBndNum, u32 auiCnt[3])
     while (uiRet == TBDL_OK) {
         tbdl_disp_CountOne(&stInfo, auiCnt);
         u32 uiPrev = stInfo.uiBndNum;
-        tbdl_disp_InitSnapshot(&stInfo, astMemb);
+        TBDL_BND_InitSnapshot(&stInfo, astMemb);
         uiRet = TBDL_BND_GetNextBndInfo(uiPrev, &stInfo);
     }
 }

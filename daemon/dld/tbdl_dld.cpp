@@ -119,9 +119,7 @@ u32 TBDL_DLD_ProcIntfEv(u32 uiEvent, u32 uiBndNum)
     TBDL_MEMB_INFO_S astMemb[TBDL_SNAPSHOT_MEMB_MAX];
     TBDL_BND_INFO_S stInfo;
 
-    memset(astMemb, 0, sizeof(astMemb));
-    memset(&stInfo, 0, sizeof(stInfo));
-    stInfo.pstMembInfo = astMemb;
+    TBDL_BND_InitSnapshot(&stInfo, astMemb);
     u32 uiRet = TBDL_BND_GetBndInfo(uiBndNum, &stInfo);
     if (uiRet != TBDL_OK) {
         return uiRet;

@@ -126,9 +126,7 @@ u32 tbdl_dld_Download2Lsm(const TBDL_DLD_NODE_S *pstNode)
     TBDL_MEMB_INFO_S astMemb[TBDL_SNAPSHOT_MEMB_MAX];
     TBDL_BND_INFO_S stInfo;
 
-    memset(astMemb, 0, sizeof(astMemb));
-    memset(&stInfo, 0, sizeof(stInfo));
-    stInfo.pstMembInfo = astMemb;
+    TBDL_BND_InitSnapshot(&stInfo, astMemb);
     if (TBDL_BND_GetBndInfo(pstNode->uiBndNum, &stInfo) == TBDL_OK && stInfo.usMembNum != 0) {
         return tbdl_dld_AddLspEntry(&stInfo);
     }
@@ -160,9 +158,7 @@ static void tbdl_dld_SyncLsm(i32 iHandle)
     TBDL_BND_INFO_S stInfo;
     u32 uiRet;
 
-    memset(astMemb, 0, sizeof(astMemb));
-    memset(&stInfo, 0, sizeof(stInfo));
-    stInfo.pstMembInfo = astMemb;
+    TBDL_BND_InitSnapshot(&stInfo, astMemb);
     uiRet = TBDL_BND_GetFirstBndInfo(&stInfo);
     while (uiRet == TBDL_OK) {
         if (stInfo.usMembNum != 0 && tbdl_dld_AddLspEntry(&stInfo) != TBDL_OK) {
@@ -170,9 +166,7 @@ static void tbdl_dld_SyncLsm(i32 iHandle)
             (void)tbdl_dld_AddLspEntry(&stInfo);
         }
         u32 uiBndNum = stInfo.uiBndNum;
-        memset(astMemb, 0, sizeof(astMemb));
-        memset(&stInfo, 0, sizeof(stInfo));
-        stInfo.pstMembInfo = astMemb;
+        TBDL_BND_InitSnapshot(&stInfo, astMemb);
         uiRet = TBDL_BND_GetNextBndInfo(uiBndNum, &stInfo);
     }
 }

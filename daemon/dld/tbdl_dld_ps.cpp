@@ -127,9 +127,7 @@ u32 tbdl_dld_SyncPs(void)
 
     tbdl_dld_SendPsSmooth(TBDL_PS_SMOOTH_BEGIN);
     memset(aucBuf, 0, sizeof(aucBuf));
-    memset(astMemb, 0, sizeof(astMemb));
-    memset(&stInfo, 0, sizeof(stInfo));
-    stInfo.pstMembInfo = astMemb;
+    TBDL_BND_InitSnapshot(&stInfo, astMemb);
     u32 uiRet = TBDL_BND_GetFirstBndInfo(&stInfo);
     while (uiRet == TBDL_OK) {
         if (tbdl_dld_IsPsPair(&stInfo)) {
@@ -142,9 +140,7 @@ u32 tbdl_dld_SyncPs(void)
             usPos = (u16)(usPos + usLen);
         }
         u32 uiBndNum = stInfo.uiBndNum;
-        memset(astMemb, 0, sizeof(astMemb));
-        memset(&stInfo, 0, sizeof(stInfo));
-        stInfo.pstMembInfo = astMemb;
+        TBDL_BND_InitSnapshot(&stInfo, astMemb);
         uiRet = TBDL_BND_GetNextBndInfo(uiBndNum, &stInfo);
     }
     if (usPos != 0) {
@@ -161,9 +157,7 @@ u32 tbdl_dld_Download2Ps(const TBDL_DLD_NODE_S *pstNode)
     u8 aucBuf[TBDL_PS_MSG_BUF_LEN];
     u16 usLen;
 
-    memset(astMemb, 0, sizeof(astMemb));
-    memset(&stInfo, 0, sizeof(stInfo));
-    stInfo.pstMembInfo = astMemb;
+    TBDL_BND_InitSnapshot(&stInfo, astMemb);
     memset(aucBuf, 0, sizeof(aucBuf));
     if (TBDL_BND_GetBndInfo(pstNode->uiBndNum, &stInfo) == TBDL_OK && tbdl_dld_IsPsPair(&stInfo)) {
         usLen = tbdl_dld_EncAddMsg(TBDL_PS_MSG_BUF_LEN, aucBuf, &stInfo);

@@ -132,9 +132,7 @@ u32 tbdl_ha_BatchBackup(void)
 {
     TBDL_MEMB_INFO_S astMemb[TBDL_SNAPSHOT_MEMB_MAX];
     TBDL_BND_INFO_S stInfo;
-    memset(astMemb, 0, sizeof(astMemb));
-    memset(&stInfo, 0, sizeof(stInfo));
-    stInfo.pstMembInfo = astMemb;
+    TBDL_BND_InitSnapshot(&stInfo, astMemb);
 
     u32 uiRet = TBDL_BND_GetFirstBndInfo(&stInfo);
     while (uiRet == 0) {
@@ -143,8 +141,7 @@ u32 tbdl_ha_BatchBackup(void)
             (void)tbdl_ha_EncBnd(&stInfo);
         }
         u32 uiBndNum = stInfo.uiBndNum;
-        memset(&stInfo, 0, sizeof(stInfo));
-        stInfo.pstMembInfo = astMemb;
+        TBDL_BND_InitSnapshot(&stInfo, astMemb);
         uiRet = TBDL_BND_GetNextBndInfo(uiBndNum, &stInfo);
     }
 

@@ -5,6 +5,17 @@
 #include "tbdl_cfg_msg.h"
 #include "tbdl_dbm_rec.h"
 
+#include <string.h>
+
+/* Readies a snapshot with members: both cleared, the member array (of
+ * TBDL_SNAPSHOT_MEMB_MAX entries) attached. */
+static inline void TBDL_BND_InitSnapshot(TBDL_BND_INFO_S *pstInfo, TBDL_MEMB_INFO_S *pastMemb)
+{
+    memset(pastMemb, 0, sizeof(TBDL_MEMB_INFO_S) * TBDL_SNAPSHOT_MEMB_MAX);
+    memset(pstInfo, 0, sizeof(*pstInfo));
+    pstInfo->pstMembInfo = pastMemb;
+}
+
 u32 TBDL_BND_Init(const TBDL_SPEC_S *pstSpec, TBDL_BND_EV_CB_PF pfBndEvCb, i32 iEpollFd);
 void TBDL_BND_Fini(void);
 void TBDL_BND_GetSpec(TBDL_SPEC_S *pstSpec);

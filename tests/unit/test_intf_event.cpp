@@ -82,6 +82,8 @@ TEST_F(IntfEvTest, SubscriptionTakesTunnelEventsAndActivationFailuresLeaveNothin
         EXPECT_EQ(std::make_pair(g_stIntfGlobalVar.uiIfEvHandle, g_stIntfGlobalVar.iIfEvFd), std::make_pair(0u, -1));
         EXPECT_EQ(TBDL_INTF_IsSystemBoot(), 1) << "only a successful activation clears it";
     }
+    EXPECT_EQ(TBDL_INTF_Activate(), 0u);
+    EXPECT_EQ(TBDL_INTF_IsSystemBoot(), 0);
 }
 
 TEST_F(IntfEvTest, EventCodeSetsMemberStateOrUnbinds)

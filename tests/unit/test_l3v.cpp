@@ -1,0 +1,260 @@
+/* L3VPN watch against the recording fake: service states in every registration state, the retry timer, the
+ * descriptor callback's consequences and the dispatch of events to the bundle and member modules, which this
+ * executable replaces (linker wraps) by recorders with distinct results. */
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "dbg/tbdl_dbg_priv.h"
+#include "fake_platform.h"
+#include "l3v/tbdl_l3v_priv.h"
+#include "tbdl_bas.h"
+
+namespace {
+std::vector<std::string> g_mods; /* "BND num ev vrf" and "INTF type ev ifindex" (ifindex "-" for no data) */
+constexpr u32 kBndRet = 0x10, kIntfRet = 0x1;
+std::string Hex(u64 v) { char b[24]; snprintf(b, sizeof(b), "%llx", (unsigned long long)v); return b; }
+} // namespace
+
+extern "C" u32 __wrap__Z18TBDL_BND_ProcL3vEvjjt(u32 uiBndNum, u32 uiEvent, u16 usVrfIndex)
+{
+    g_mods.push_back("BND " + Hex(uiBndNum) + " " + Hex(uiEvent) + " " + Hex(usVrfIndex));
+    return kBndRet;
+}
+extern "C" u32 __wrap__Z19TBDL_INTF_ProcL3vEvjjPK15tagTBDL_L3V_EVT(u32 uiType, u32 uiEvent, const TBDL_L3V_EVT_S *p)
+{
+    g_mods.push_back("INTF " + Hex(uiType) + " " + Hex(uiEvent) + " " + (p ? Hex(p->uiIfIndex) : "-"));
+    return kIntfRet;
+}
+
+namespace {
+
+using Strs = std::vector<std::string>;
+enum Start { IDLE, RETRYING, REGISTERED };
+const std::string kRegErr = "ERROR Failed to register to L3VPN.\r\n";
+
+class L3vTest : public ::testing::Test {
+protected:
+    int epfd = -1;
+    TBDL_L3V_GLOBAL_S &g = g_stTbdlL3vGlobal;
+
+    void SetUp() override
+    {
+        fake::Reset();
+        g_mods.clear();
+        TBDL_DBG_Init();
+        g_stTbdlLogVar.uiDebugSwitch = 3;
+        epfd = epoll_create1(0);
+        TBDL_L3V_Init(epfd);
+    }
+    void TearDown() override
+    {
+        TBDL_L3V_Deactivate();
+        EXPECT_EQ(std::make_pair(g.iEvtFd, g.iTimerFd), std::make_pair(-1, -1));
+        TBDL_L3V_Fini();
+        TBDL_DBG_Fini();
+        close(epfd);
+    }
+    void Enter(Start s)
+    {
+        if (s == RETRYING) {
+            fake::FailOnce("L3VPN_RegEvt", uint64_t(-1));
+        }
+        if (s != IDLE) {
+            TBDL_L3V_Rib4ServicePort(1);
+        }
+        ASSERT_EQ(std::make_pair(g.iEvtFd != -1, g.iTimerFd != -1), std::make_pair(s == REGISTERED, s == RETRYING));
+        fake::ClearJournal();
+    }
+    /* Waits (5 s at most) for one event on the loop and dispatches it. */
+    void Pump()
+    {
+        struct epoll_event ev{};
+        ASSERT_EQ(epoll_wait(epfd, &ev, 1, 5000), 1) << "no event within the deadline";
+        TBDL_BAS_EpollDispatch(&ev);
+    }
+    /* Makes the retry timer expire now instead of after its period, keeping the period. */
+    void Expire()
+    {
+        struct itimerspec spec{{1, 0}, {0, 1}};
+        ASSERT_EQ(timerfd_settime(g.iTimerFd, 0, &spec, nullptr), 0);
+        Pump();
+    }
+    static size_t Errors()
+    {
+        auto v = fake::LogLines();
+        return size_t(std::count(v.begin(), v.end(), kRegErr));
+    }
+};
+
+TEST_F(L3vTest, ServiceStatesInEveryRegistrationState)
+{
+    struct Row {
+        Start start;
+        u32 state;
+        bool regFails, registered, timer;
+        Strs calls;
+    } rows[] = {
+        {IDLE, 1, false, true, false, {"L3VPN_RegEvt", "L3VPN_RequestBatch"}},
+        {IDLE, 1, true, false, true, {"L3VPN_RegEvt"}},
+        {IDLE, 2, false, false, false, {}},
+        {IDLE, 3, false, false, true, {}},
+        {IDLE, 9, false, false, false, {}},
+        {RETRYING, 1, false, true, false, {"L3VPN_RegEvt", "L3VPN_RequestBatch"}},
+        {RETRYING, 1, true, false, true, {"L3VPN_RegEvt"}},
+        {RETRYING, 2, false, false, false, {}},
+        {RETRYING, 3, false, false, true, {}},
+        {REGISTERED, 1, false, true, false, {}},
+        {REGISTERED, 2, false, false, false, {"L3VPN_DeregEvent"}},
+        {REGISTERED, 3, false, true, true, {}},
+        {REGISTERED, 0, false, true, false, {}},
+    };
+    for (const Row &r : rows) {
+        SCOPED_TRACE("start " + std::to_string(r.start) + " state " + std::to_string(r.state));
+        Enter(r.start);
+        int timerBefore = g.iTimerFd;
+        if (r.regFails) {
+            fake::FailOnce("L3VPN_RegEvt", uint64_t(-1));
+        }
+        TBDL_L3V_Rib4ServicePort(r.state);
+        EXPECT_EQ(fake::Names({"L3VPN_RegEvt", "L3VPN_RequestBatch", "L3VPN_DeregEvent"}), r.calls);
+        EXPECT_EQ(std::make_pair(g.iEvtFd != -1, g.iTimerFd != -1), std::make_pair(r.registered, r.timer));
+        if (timerBefore != -1 && r.timer) {
+            EXPECT_EQ(g.iTimerFd, timerBefore) << "a running timer is kept, not restarted";
+        }
+        TBDL_L3V_Deactivate();
+    }
+}
+
+/* Registration asks for the whole batch; a refusal or a descriptor the loop cannot take leaves nothing behind. */
+TEST_F(L3vTest, RegistrationAndItsFailures)
+{
+    for (int fail : {0, 1, 2}) {
+        SCOPED_TRACE(fail);
+        fake::Reset();
+        TBDL_L3V_Init(fail == 2 ? -1 : epfd);
+        if (fail == 1) {
+            fake::FailOnce("L3VPN_RegEvt", uint64_t(-1));
+        }
+        EXPECT_EQ(tbdl_l3v_Reg(), fail ? TBDL_E_FAILED : TBDL_OK);
+        auto reg = fake::CallsOf("L3VPN_RegEvt").at(0);
+        EXPECT_EQ(std::make_pair(reg.text, reg.args), std::make_pair(std::string("TBDL"), std::vector<uint64_t>{12, 0, 0}));
+        int fd = int(reg.result);
+        Strs expect = std::vector<Strs>{{"L3VPN_RegEvt", "L3VPN_RequestBatch"}, {"L3VPN_RegEvt"},
+                                        {"L3VPN_RegEvt", "L3VPN_DeregEvent"}}[fail];
+        EXPECT_EQ(fake::Names({"L3VPN_RegEvt", "L3VPN_RequestBatch", "L3VPN_DeregEvent"}), expect);
+        EXPECT_EQ(std::make_pair(g.iEvtFd, Errors()), std::make_pair(fail ? -1 : fd, size_t(fail ? 1 : 0)));
+        if (fail != 1) {
+            EXPECT_EQ(fake::CallsOf(expect[1]).at(0).args.at(0), uint64_t(fd));
+        }
+        if (fail == 0) {
+            EXPECT_EQ(fake::CallsOf("L3VPN_RequestBatch").at(0).args, (std::vector<uint64_t>{uint64_t(fd), 0xFFFFFFFF}));
+            Pump(); /* the batch arrives on the descriptor and reaches both modules, each event acknowledged */
+            EXPECT_EQ(g_mods, (Strs{"BND ffffffff 400000 0", "INTF 100 400000 -", "BND ffffffff 800000 0",
+                                    "INTF 100 800000 -"}));
+            EXPECT_EQ(fake::CountOf("L3VPN_FinalStatusNotify"), 2u);
+        }
+        TBDL_L3V_Deactivate();
+    }
+    size_t errors = Errors();
+    EXPECT_EQ(tbdl_l3v_StartRetryTimer(), TBDL_E_FAILED) << "no loop to put the timer on";
+    EXPECT_EQ(std::make_pair(g.iTimerFd, Errors()), std::make_pair(-1, errors));
+    TBDL_L3V_Init(epfd);
+}
+
+/* A refused registration is retried every second, each attempt logged, until one succeeds and stops the timer. */
+TEST_F(L3vTest, RetryTimerAttemptsUntilSuccess)
+{
+    fake::FailAlways("L3VPN_RegEvt", uint64_t(-1));
+    TBDL_L3V_Rib4ServicePort(1);
+    int timer = g.iTimerFd;
+    struct itimerspec cur{};
+    ASSERT_EQ(timerfd_gettime(timer, &cur), 0);
+    EXPECT_EQ(std::make_pair(cur.it_interval.tv_sec, cur.it_interval.tv_nsec), std::make_pair(time_t(1), 0L));
+    for (size_t attempt : {2u, 3u}) {
+        Expire();
+        EXPECT_EQ(std::make_pair(fake::CountOf("L3VPN_RegEvt"), Errors()), std::make_pair(attempt, attempt));
+    }
+    fake::ClearFailures();
+    Expire();
+    EXPECT_EQ(std::make_tuple(g.iTimerFd, fcntl(timer, F_GETFD), fake::CountOf("L3VPN_RequestBatch")),
+              std::make_tuple(-1, -1, size_t(1)));
+    /* Unknown service state while registered: the timer's attempt finds the registration and stops. */
+    Pump(); /* the batch first, so that only the timer wakes the loop */
+    TBDL_L3V_Rib4ServicePort(3);
+    Expire();
+    EXPECT_EQ(std::make_tuple(g.iTimerFd, g.iEvtFd != -1, fake::CountOf("L3VPN_RegEvt")), std::make_tuple(-1, true, 4u));
+}
+
+/* Hang-up waits for the service-port watch; an error or a failed read retries; with both, the retry wins. */
+TEST_F(L3vTest, DescriptorCallbackConsequences)
+{
+    struct Row {
+        u32 mask;
+        bool procFails, timerBefore, timerAfter;
+    } rows[] = {
+        {EPOLLIN, false, false, false}, {EPOLLIN, true, false, true},    {EPOLLHUP, false, true, false},
+        {EPOLLERR, false, false, true}, {EPOLLHUP | EPOLLERR, false, true, true},
+        {EPOLLIN | EPOLLHUP, false, false, false},
+    };
+    for (const Row &r : rows) {
+        SCOPED_TRACE(std::to_string(r.mask) + (r.procFails ? " failing" : ""));
+        Enter(REGISTERED);
+        if (r.timerBefore) {
+            TBDL_L3V_Rib4ServicePort(3);
+        }
+        int fd = g.iEvtFd;
+        if (r.procFails) {
+            fake::FailOnce("L3VPN_ProcEvt", 5);
+        }
+        EXPECT_EQ(tbdl_l3v_SockCb(r.mask, uint64_t(fd)), r.procFails ? 5u : 0u);
+        bool keep = r.mask == EPOLLIN && !r.procFails;
+        EXPECT_EQ(std::make_pair(fake::CountOf("L3VPN_ProcEvt"), fake::CountOf("L3VPN_DeregEvent")),
+                  std::make_pair(size_t((r.mask & EPOLLIN) != 0), size_t(!keep)));
+        EXPECT_EQ(std::make_pair(g.iEvtFd != -1, g.iTimerFd != -1), std::make_pair(keep, r.timerAfter));
+        TBDL_L3V_Deactivate();
+    }
+}
+
+/* Each event reaches the modules its interface type calls for and is acknowledged with its VRF index. */
+TEST_F(L3vTest, EventDispatchAndAcknowledgement)
+{
+    u32 tnl = fake::AddTunnel(5), bnd = fake::AddTunnel(3), other = fake::AddTunnel(8);
+    fake::FindInterface(bnd)->type = 96;
+    fake::FindInterface(other)->type = 24;
+    struct Row {
+        u32 ev;
+        bool data;
+        u32 ifIndex;
+        u32 result;
+        u64 ackVrf;
+        Strs mods;
+    } rows[] = {
+        {4, true, tnl, kIntfRet, 7, {"INTF 27 4 " + Hex(tnl)}},
+        {8, true, bnd, kIntfRet + kBndRet, 7, {"INTF 60 8 " + Hex(bnd), "BND 3 8 7"}},
+        {4, true, other, TBDL_E_FAILED, 7, {}},
+        {4, true, 0xDEAD, TBDL_E_FAILED, 7, {}},
+        {4, false, 0, 0, 0xFFFF, {}},
+        {2, true, tnl, 0, 0xFFFF, {}},
+        {0x800000, true, tnl, kIntfRet + kBndRet, 0xFFFF, {"BND ffffffff 800000 0", "INTF 100 800000 -"}},
+    };
+    Enter(REGISTERED);
+    for (const Row &r : rows) {
+        SCOPED_TRACE(Hex(r.ev) + " on " + Hex(r.ifIndex));
+        g_mods.clear();
+        fake::ClearJournal();
+        TBDL_L3V_EVT_S evt{7, 0xAAAA, r.ifIndex};
+        EXPECT_EQ(tbdl_l3v_ProcEvt(r.ev, r.data ? &evt : nullptr), r.result);
+        EXPECT_EQ(g_mods, r.mods);
+        EXPECT_EQ(fake::CallsOf("L3VPN_FinalStatusNotify").at(0).args,
+                  (std::vector<uint64_t>{uint64_t(g.iEvtFd), r.ackVrf, r.ev}));
+    }
+}
+
+} // namespace

@@ -1,15 +1,13 @@
-/* L3VPN watch against the recording fake: service states in every registration state, the retry timer, the
- * descriptor callback's consequences and the dispatch of events to the bundle and member modules, which this
- * executable replaces (linker wraps) by recorders with distinct results. */
-#include <gtest/gtest.h>
+/* L3VPN watch against the recording fake. The bundle and member modules are replaced in this executable (linker
+ * wraps) by recorders with distinct results, so each event's calls and summed result are seen exactly. */
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <string>
-#include <vector>
+#include <sstream>
 
 #include "dbg/tbdl_dbg_priv.h"
 #include "fake_platform.h"
@@ -17,14 +15,15 @@
 #include "tbdl_bas.h"
 
 namespace {
-std::vector<std::string> g_mods; /* "BND num ev vrf" and "INTF type ev ifindex" (ifindex "-" for no data) */
+using Strs = std::vector<std::string>;
+Strs g_mods; /* "BND num ev vrf", "INTF type ev ifindex" (ifindex "-" without data), in hex */
 constexpr u32 kBndRet = 0x10, kIntfRet = 0x1;
-std::string Hex(u64 v) { char b[24]; snprintf(b, sizeof(b), "%llx", (unsigned long long)v); return b; }
+std::string Hex(u64 v) { return (std::stringstream() << std::hex << v).str(); }
 } // namespace
 
-extern "C" u32 __wrap__Z18TBDL_BND_ProcL3vEvjjt(u32 uiBndNum, u32 uiEvent, u16 usVrfIndex)
+extern "C" u32 __wrap__Z18TBDL_BND_ProcL3vEvjjt(u32 uiBndNum, u32 uiEvent, u16 usVrf)
 {
-    g_mods.push_back("BND " + Hex(uiBndNum) + " " + Hex(uiEvent) + " " + Hex(usVrfIndex));
+    g_mods.push_back("BND " + Hex(uiBndNum) + " " + Hex(uiEvent) + " " + Hex(usVrf));
     return kBndRet;
 }
 extern "C" u32 __wrap__Z19TBDL_INTF_ProcL3vEvjjPK15tagTBDL_L3V_EVT(u32 uiType, u32 uiEvent, const TBDL_L3V_EVT_S *p)
@@ -35,22 +34,19 @@ extern "C" u32 __wrap__Z19TBDL_INTF_ProcL3vEvjjPK15tagTBDL_L3V_EVT(u32 uiType, u
 
 namespace {
 
-using Strs = std::vector<std::string>;
 enum Start { IDLE, RETRYING, REGISTERED };
-const std::string kRegErr = "ERROR Failed to register to L3VPN.\r\n";
+const Strs kRegCalls = {"L3VPN_RegEvt", "L3VPN_RequestBatch", "L3VPN_DeregEvent"};
 
 class L3vTest : public ::testing::Test {
 protected:
-    int epfd = -1;
+    int epfd = epoll_create1(0);
     TBDL_L3V_GLOBAL_S &g = g_stTbdlL3vGlobal;
 
     void SetUp() override
     {
         fake::Reset();
-        g_mods.clear();
         TBDL_DBG_Init();
         g_stTbdlLogVar.uiDebugSwitch = 3;
-        epfd = epoll_create1(0);
         TBDL_L3V_Init(epfd);
     }
     void TearDown() override
@@ -61,6 +57,7 @@ protected:
         TBDL_DBG_Fini();
         close(epfd);
     }
+    std::pair<bool, bool> State() const { return {g.iEvtFd != -1, g.iTimerFd != -1}; } /* registered, retrying */
     void Enter(Start s)
     {
         if (s == RETRYING) {
@@ -69,8 +66,9 @@ protected:
         if (s != IDLE) {
             TBDL_L3V_Rib4ServicePort(1);
         }
-        ASSERT_EQ(std::make_pair(g.iEvtFd != -1, g.iTimerFd != -1), std::make_pair(s == REGISTERED, s == RETRYING));
+        ASSERT_EQ(State(), std::make_pair(s == REGISTERED, s == RETRYING));
         fake::ClearJournal();
+        g_mods.clear();
     }
     /* Waits (5 s at most) for one event on the loop and dispatches it. */
     void Pump()
@@ -79,7 +77,7 @@ protected:
         ASSERT_EQ(epoll_wait(epfd, &ev, 1, 5000), 1) << "no event within the deadline";
         TBDL_BAS_EpollDispatch(&ev);
     }
-    /* Makes the retry timer expire now instead of after its period, keeping the period. */
+    /* Makes the retry timer expire now instead of after its period. */
     void Expire()
     {
         struct itimerspec spec{{1, 0}, {0, 1}};
@@ -89,7 +87,7 @@ protected:
     static size_t Errors()
     {
         auto v = fake::LogLines();
-        return size_t(std::count(v.begin(), v.end(), kRegErr));
+        return size_t(std::count(v.begin(), v.end(), "ERROR Failed to register to L3VPN.\r\n"));
     }
 };
 
@@ -98,43 +96,36 @@ TEST_F(L3vTest, ServiceStatesInEveryRegistrationState)
     struct Row {
         Start start;
         u32 state;
-        bool regFails, registered, timer;
+        bool regFails, registered, retrying;
         Strs calls;
     } rows[] = {
-        {IDLE, 1, false, true, false, {"L3VPN_RegEvt", "L3VPN_RequestBatch"}},
-        {IDLE, 1, true, false, true, {"L3VPN_RegEvt"}},
-        {IDLE, 2, false, false, false, {}},
-        {IDLE, 3, false, false, true, {}},
-        {IDLE, 9, false, false, false, {}},
+        {IDLE, 1, false, true, false, {"L3VPN_RegEvt", "L3VPN_RequestBatch"}}, {IDLE, 1, true, false, true, {"L3VPN_RegEvt"}},
+        {IDLE, 2, false, false, false, {}}, {IDLE, 3, false, false, true, {}}, {IDLE, 9, false, false, false, {}},
         {RETRYING, 1, false, true, false, {"L3VPN_RegEvt", "L3VPN_RequestBatch"}},
-        {RETRYING, 1, true, false, true, {"L3VPN_RegEvt"}},
-        {RETRYING, 2, false, false, false, {}},
-        {RETRYING, 3, false, false, true, {}},
-        {REGISTERED, 1, false, true, false, {}},
-        {REGISTERED, 2, false, false, false, {"L3VPN_DeregEvent"}},
-        {REGISTERED, 3, false, true, true, {}},
+        {RETRYING, 1, true, false, true, {"L3VPN_RegEvt"}}, {RETRYING, 2, false, false, false, {}},
+        {RETRYING, 3, false, false, true, {}}, {REGISTERED, 1, false, true, false, {}},
+        {REGISTERED, 2, false, false, false, {"L3VPN_DeregEvent"}}, {REGISTERED, 3, false, true, true, {}},
         {REGISTERED, 0, false, true, false, {}},
     };
     for (const Row &r : rows) {
         SCOPED_TRACE("start " + std::to_string(r.start) + " state " + std::to_string(r.state));
         Enter(r.start);
-        int timerBefore = g.iTimerFd;
+        int timer = g.iTimerFd;
         if (r.regFails) {
             fake::FailOnce("L3VPN_RegEvt", uint64_t(-1));
         }
         TBDL_L3V_Rib4ServicePort(r.state);
-        EXPECT_EQ(fake::Names({"L3VPN_RegEvt", "L3VPN_RequestBatch", "L3VPN_DeregEvent"}), r.calls);
-        EXPECT_EQ(std::make_pair(g.iEvtFd != -1, g.iTimerFd != -1), std::make_pair(r.registered, r.timer));
-        if (timerBefore != -1 && r.timer) {
-            EXPECT_EQ(g.iTimerFd, timerBefore) << "a running timer is kept, not restarted";
-        }
+        EXPECT_EQ(fake::Names(kRegCalls), r.calls);
+        EXPECT_EQ(State(), std::make_pair(r.registered, r.retrying));
+        EXPECT_TRUE(timer == -1 || !r.retrying || g.iTimerFd == timer) << "a running timer is kept";
         TBDL_L3V_Deactivate();
     }
 }
 
-/* Registration asks for the whole batch; a refusal or a descriptor the loop cannot take leaves nothing behind. */
+/* Registration asks for the whole batch; a refusal, or a descriptor the loop cannot take, leaves nothing. */
 TEST_F(L3vTest, RegistrationAndItsFailures)
 {
+    const Strs expect[] = {{"L3VPN_RegEvt", "L3VPN_RequestBatch"}, {"L3VPN_RegEvt"}, {"L3VPN_RegEvt", "L3VPN_DeregEvent"}};
     for (int fail : {0, 1, 2}) {
         SCOPED_TRACE(fail);
         fake::Reset();
@@ -145,26 +136,21 @@ TEST_F(L3vTest, RegistrationAndItsFailures)
         EXPECT_EQ(tbdl_l3v_Reg(), fail ? TBDL_E_FAILED : TBDL_OK);
         auto reg = fake::CallsOf("L3VPN_RegEvt").at(0);
         EXPECT_EQ(std::make_pair(reg.text, reg.args), std::make_pair(std::string("TBDL"), std::vector<uint64_t>{12, 0, 0}));
-        int fd = int(reg.result);
-        Strs expect = std::vector<Strs>{{"L3VPN_RegEvt", "L3VPN_RequestBatch"}, {"L3VPN_RegEvt"},
-                                        {"L3VPN_RegEvt", "L3VPN_DeregEvent"}}[fail];
-        EXPECT_EQ(fake::Names({"L3VPN_RegEvt", "L3VPN_RequestBatch", "L3VPN_DeregEvent"}), expect);
-        EXPECT_EQ(std::make_pair(g.iEvtFd, Errors()), std::make_pair(fail ? -1 : fd, size_t(fail ? 1 : 0)));
+        EXPECT_EQ(fake::Names(kRegCalls), expect[fail]);
+        EXPECT_EQ(std::make_pair(g.iEvtFd, Errors()), std::make_pair(fail ? -1 : int(reg.result), size_t(fail ? 1 : 0)));
         if (fail != 1) {
-            EXPECT_EQ(fake::CallsOf(expect[1]).at(0).args.at(0), uint64_t(fd));
+            EXPECT_EQ(fake::CallsOf(expect[fail][1]).at(0).args.at(0), reg.result) << "on the new descriptor";
         }
         if (fail == 0) {
-            EXPECT_EQ(fake::CallsOf("L3VPN_RequestBatch").at(0).args, (std::vector<uint64_t>{uint64_t(fd), 0xFFFFFFFF}));
-            Pump(); /* the batch arrives on the descriptor and reaches both modules, each event acknowledged */
+            EXPECT_EQ(fake::CallsOf("L3VPN_RequestBatch").at(0).args.at(1), 0xFFFFFFFFu);
+            Pump(); /* the batch arrives on the descriptor */
             EXPECT_EQ(g_mods, (Strs{"BND ffffffff 400000 0", "INTF 100 400000 -", "BND ffffffff 800000 0",
                                     "INTF 100 800000 -"}));
-            EXPECT_EQ(fake::CountOf("L3VPN_FinalStatusNotify"), 2u);
         }
         TBDL_L3V_Deactivate();
     }
-    size_t errors = Errors();
     EXPECT_EQ(tbdl_l3v_StartRetryTimer(), TBDL_E_FAILED) << "no loop to put the timer on";
-    EXPECT_EQ(std::make_pair(g.iTimerFd, Errors()), std::make_pair(-1, errors));
+    EXPECT_EQ(std::make_pair(g.iTimerFd, Errors()), std::make_pair(-1, size_t(1)));
     TBDL_L3V_Init(epfd);
 }
 
@@ -183,13 +169,13 @@ TEST_F(L3vTest, RetryTimerAttemptsUntilSuccess)
     }
     fake::ClearFailures();
     Expire();
-    EXPECT_EQ(std::make_tuple(g.iTimerFd, fcntl(timer, F_GETFD), fake::CountOf("L3VPN_RequestBatch")),
-              std::make_tuple(-1, -1, size_t(1)));
-    /* Unknown service state while registered: the timer's attempt finds the registration and stops. */
-    Pump(); /* the batch first, so that only the timer wakes the loop */
+    EXPECT_EQ(std::make_tuple(State(), fcntl(timer, F_GETFD), fake::CountOf("L3VPN_RequestBatch")),
+              std::make_tuple(std::make_pair(true, false), -1, size_t(1)));
+    Pump(); /* the batch, so that only the timer wakes the loop next */
     TBDL_L3V_Rib4ServicePort(3);
     Expire();
-    EXPECT_EQ(std::make_tuple(g.iTimerFd, g.iEvtFd != -1, fake::CountOf("L3VPN_RegEvt")), std::make_tuple(-1, true, 4u));
+    EXPECT_EQ(std::make_pair(State(), fake::CountOf("L3VPN_RegEvt")), std::make_pair(std::make_pair(true, false), size_t(4)))
+        << "the attempt finds the registration in place";
 }
 
 /* Hang-up waits for the service-port watch; an error or a failed read retries; with both, the retry wins. */
@@ -197,27 +183,22 @@ TEST_F(L3vTest, DescriptorCallbackConsequences)
 {
     struct Row {
         u32 mask;
-        bool procFails, timerBefore, timerAfter;
-    } rows[] = {
-        {EPOLLIN, false, false, false}, {EPOLLIN, true, false, true},    {EPOLLHUP, false, true, false},
-        {EPOLLERR, false, false, true}, {EPOLLHUP | EPOLLERR, false, true, true},
-        {EPOLLIN | EPOLLHUP, false, false, false},
-    };
+        bool procFails, retryingBefore, retryingAfter;
+    } rows[] = {{EPOLLIN, false, false, false},          {EPOLLIN, true, false, true},
+                {EPOLLHUP, false, true, false},          {EPOLLERR, false, false, true},
+                {EPOLLHUP | EPOLLERR, false, true, true}, {EPOLLIN | EPOLLHUP, false, false, false}};
     for (const Row &r : rows) {
         SCOPED_TRACE(std::to_string(r.mask) + (r.procFails ? " failing" : ""));
         Enter(REGISTERED);
-        if (r.timerBefore) {
-            TBDL_L3V_Rib4ServicePort(3);
-        }
-        int fd = g.iEvtFd;
+        TBDL_L3V_Rib4ServicePort(r.retryingBefore ? 3 : 0);
         if (r.procFails) {
             fake::FailOnce("L3VPN_ProcEvt", 5);
         }
-        EXPECT_EQ(tbdl_l3v_SockCb(r.mask, uint64_t(fd)), r.procFails ? 5u : 0u);
+        EXPECT_EQ(tbdl_l3v_SockCb(r.mask, uint64_t(g.iEvtFd)), r.procFails ? 5u : 0u);
         bool keep = r.mask == EPOLLIN && !r.procFails;
         EXPECT_EQ(std::make_pair(fake::CountOf("L3VPN_ProcEvt"), fake::CountOf("L3VPN_DeregEvent")),
                   std::make_pair(size_t((r.mask & EPOLLIN) != 0), size_t(!keep)));
-        EXPECT_EQ(std::make_pair(g.iEvtFd != -1, g.iTimerFd != -1), std::make_pair(keep, r.timerAfter));
+        EXPECT_EQ(State(), std::make_pair(keep, r.retryingAfter));
         TBDL_L3V_Deactivate();
     }
 }
@@ -231,17 +212,14 @@ TEST_F(L3vTest, EventDispatchAndAcknowledgement)
     struct Row {
         u32 ev;
         bool data;
-        u32 ifIndex;
-        u32 result;
+        u32 ifIndex, result;
         u64 ackVrf;
         Strs mods;
     } rows[] = {
         {4, true, tnl, kIntfRet, 7, {"INTF 27 4 " + Hex(tnl)}},
         {8, true, bnd, kIntfRet + kBndRet, 7, {"INTF 60 8 " + Hex(bnd), "BND 3 8 7"}},
-        {4, true, other, TBDL_E_FAILED, 7, {}},
-        {4, true, 0xDEAD, TBDL_E_FAILED, 7, {}},
-        {4, false, 0, 0, 0xFFFF, {}},
-        {2, true, tnl, 0, 0xFFFF, {}},
+        {4, true, other, TBDL_E_FAILED, 7, {}}, {4, true, 0xDEAD, TBDL_E_FAILED, 7, {}},
+        {4, false, 0, 0, 0xFFFF, {}}, {2, true, tnl, 0, 0xFFFF, {}},
         {0x800000, true, tnl, kIntfRet + kBndRet, 0xFFFF, {"BND ffffffff 800000 0", "INTF 100 800000 -"}},
     };
     Enter(REGISTERED);
@@ -252,8 +230,7 @@ TEST_F(L3vTest, EventDispatchAndAcknowledgement)
         TBDL_L3V_EVT_S evt{7, 0xAAAA, r.ifIndex};
         EXPECT_EQ(tbdl_l3v_ProcEvt(r.ev, r.data ? &evt : nullptr), r.result);
         EXPECT_EQ(g_mods, r.mods);
-        EXPECT_EQ(fake::CallsOf("L3VPN_FinalStatusNotify").at(0).args,
-                  (std::vector<uint64_t>{uint64_t(g.iEvtFd), r.ackVrf, r.ev}));
+        EXPECT_EQ(fake::CallsOf("L3VPN_FinalStatusNotify").at(0).args, (std::vector<uint64_t>{uint64_t(g.iEvtFd), r.ackVrf, r.ev}));
     }
 }
 

@@ -18,6 +18,8 @@ SECONDS_MAX="${1:-60}"
 
 CC=clang-14 CXX=clang++-14 cmake -S "$ROOT/fuzz" -B "$BUILD" >/dev/null
 cmake --build "$BUILD" --target fuzz_cfg_request fuzz_ps_send -j2
+# The L3VPN and service-port watches (20 s).
+cmake --build "$BUILD" --target fuzz_watch_event -j2
 
 ARTIFACTS="$BUILD/artifacts"
 mkdir -p "$ARTIFACTS"
@@ -42,4 +44,5 @@ fuzz() {
 
 fuzz fuzz_cfg_request "$ROOT/fuzz/corpus/cfg_request" "$SECONDS_MAX" 2100 "$ROOT/fuzz/regressions"
 fuzz fuzz_ps_send "$ROOT/fuzz/corpus/ps_send" $((SECONDS_MAX / 3 > 0 ? SECONDS_MAX / 3 : 1)) 2048
+fuzz fuzz_watch_event "$ROOT/fuzz/corpus/watch_event" 20 1200
 echo "fuzz: no failure found"

@@ -136,13 +136,8 @@ std::string HostPath(uint16_t port);
  * hands every queued one to the handler (data NULL when none is given).
  * L3VPN_RequestBatch queues a batch begin and a batch end. L3VPN_DeregEvent
  * closes the descriptor. */
-struct L3vEvent {
-    uint32_t uiEvent;
-    bool bHasData;
-    L3VPN_EVT_S stData;
-};
 void L3vPush(uint32_t event, const L3VPN_EVT_S *data = nullptr);
-int L3vFd(); /* the registration's descriptor; -1 when not registered */
+size_t L3vPending(); /* events queued and not yet handed to the handler */
 
 /* Service-port events. SubscribeServicePortEvent returns a real descriptor
  * (an eventfd) that the daemon then owns; each pushed (state, port) is read

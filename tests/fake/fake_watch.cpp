@@ -15,6 +15,12 @@ using namespace fake::detail;
 namespace fake {
 namespace {
 
+struct L3vEvent {
+    uint32_t uiEvent;
+    bool bHasData;
+    L3VPN_EVT_S stData;
+};
+
 struct L3vState {
     int iFd = -1; /* the registration's descriptor, closed by L3VPN_DeregEvent or Reset */
     L3VPN_EVT_CB_PF pfnHandler = nullptr;
@@ -101,7 +107,7 @@ void L3vPush(uint32_t event, const L3VPN_EVT_S *data)
     Wake(g_stL3v.iFd);
 }
 
-int L3vFd() { return g_stL3v.iFd; }
+size_t L3vPending() { return g_stL3v.dqEvents.size(); }
 
 void SvcPortPush(uint32_t state, uint16_t port)
 {

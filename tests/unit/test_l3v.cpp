@@ -102,8 +102,8 @@ TEST_F(L3vTest, ServiceStatesInEveryRegistrationState)
     } rows[] = {
         {IDLE, 1, 0, "RB", 1, 0}, {IDLE, 1, 1, "R", 0, 1}, {IDLE, 2, 0, "", 0, 0}, {IDLE, 3, 0, "", 0, 1},
         {IDLE, 9, 0, "", 0, 0}, {RETRYING, 1, 0, "RB", 1, 0}, {RETRYING, 1, 1, "R", 0, 1}, {RETRYING, 2, 0, "", 0, 0},
-        {RETRYING, 3, 0, "", 0, 1}, {REGISTERED, 1, 0, "", 1, 0}, {REGISTERED, 2, 0, "D", 0, 0}, {REGISTERED, 3, 0, "", 1, 1},
-        {REGISTERED, 0, 0, "", 1, 0},
+        {RETRYING, 3, 0, "", 0, 1}, {REGISTERED, 1, 0, "", 1, 0}, {REGISTERED, 2, 0, "D", 0, 0},
+        {REGISTERED, 3, 0, "", 1, 1}, {REGISTERED, 0, 0, "", 1, 0},
     };
     for (const Row &r : rows) {
         SCOPED_TRACE("start " + std::to_string(r.start) + " state " + std::to_string(r.state));

@@ -1,5 +1,6 @@
-/* L3VPN watch against the recording fake. The bundle and member modules are replaced in this executable (linker
- * wraps) by recorders with distinct results, so each event's calls and summed result are seen exactly. */
+/* L3VPN and service-port watches against the recording fake. The bundle and member modules are replaced in this
+ * executable (linker wraps) by recorders with distinct results, so each event's calls and summed result are seen
+ * exactly. */
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
@@ -12,6 +13,7 @@
 #include "dbg/tbdl_dbg_priv.h"
 #include "fake_platform.h"
 #include "l3v/tbdl_l3v_priv.h"
+#include "servicewatch/tbdl_servicewatch_priv.h"
 #include "tbdl_bas.h"
 
 namespace {
@@ -35,6 +37,7 @@ extern "C" u32 __wrap__Z19TBDL_INTF_ProcL3vEvjjPK15tagTBDL_L3V_EVT(u32 uiType, u
 namespace {
 
 enum Start { IDLE, RETRYING, REGISTERED };
+using Reg = std::pair<bool, bool>; /* registered, retrying */
 const Strs kRegCalls = {"L3VPN_RegEvt", "L3VPN_RequestBatch", "L3VPN_DeregEvent"};
 
 class L3vTest : public ::testing::Test {
@@ -48,9 +51,12 @@ protected:
         TBDL_DBG_Init();
         g_stTbdlLogVar.uiDebugSwitch = 3;
         TBDL_L3V_Init(epfd);
+        ASSERT_EQ(TBDL_SERVICEWATCH_Init(epfd), TBDL_OK);
     }
     void TearDown() override
     {
+        TBDL_SERVICEWATCH_Deactivate();
+        TBDL_SERVICEWATCH_Fini();
         TBDL_L3V_Deactivate();
         EXPECT_EQ(std::make_pair(g.iEvtFd, g.iTimerFd), std::make_pair(-1, -1));
         TBDL_L3V_Fini();
@@ -235,6 +241,77 @@ TEST_F(L3vTest, EventDispatchAndAcknowledgement)
         EXPECT_EQ(g_mods, r.mods);
         auto ack = fake::CallsOf("L3VPN_FinalStatusNotify").at(0).args;
         EXPECT_EQ(ack, (std::vector<u64>{u64(g.iEvtFd), r.ackVrf, r.ev}));
+    }
+}
+
+/* The subscription names the L3VPN service port; registration waits for the first state event on the loop. */
+TEST_F(L3vTest, ServicePortSubscription)
+{
+    EXPECT_EQ(TBDL_SERVICEWATCH_Activate(), TBDL_OK);
+    auto sub = fake::CallsOf("SubscribeServicePortEvent").at(0);
+    EXPECT_EQ(sub.args, (std::vector<u64>{1, 2168, 0x8000}));
+    const struct {
+        u32 uiKind, uiZero;
+        u16 usPort, usFlag;
+    } rec = {1, 0, 2168, 0x8000};
+    EXPECT_EQ(sub.rec, fake::Bytes((const u8 *)&rec, (const u8 *)&rec + sizeof(rec)));
+    EXPECT_EQ(std::make_pair(g_stTbldPortGlobal.iSubFd, State()), std::make_pair(int(sub.result), Reg(0, 0)));
+    fake::SvcPortPush(1, 2168);
+    Pump();
+    EXPECT_EQ(State(), std::make_pair(true, false));
+}
+
+/* Only up and down of port 2168 reach the L3VPN watch. */
+TEST_F(L3vTest, ServicePortEventsSwitchTheRegistration)
+{
+    ASSERT_EQ(TBDL_SERVICEWATCH_Activate(), TBDL_OK);
+    struct Row {
+        u32 state;
+        u16 port;
+        bool regFails, registered, retrying;
+    } rows[] = {{1, 2169, 0, 0, 0}, {3, 2168, 0, 0, 0}, {1, 2168, 1, 0, 1}, {2, 2168, 0, 0, 0},
+                {1, 2168, 0, 1, 0}, {0, 2168, 0, 1, 0}, {2, 2169, 0, 1, 0}, {2, 2168, 0, 0, 0}};
+    for (const Row &r : rows) {
+        SCOPED_TRACE(std::to_string(r.state) + " on " + std::to_string(r.port));
+        if (r.regFails) {
+            fake::FailOnce("L3VPN_RegEvt", uint64_t(-1));
+        }
+        fake::SvcPortPush(r.state, r.port);
+        EXPECT_EQ(tbdl_servicewatch_SockCb(EPOLLIN, u64(g_stTbldPortGlobal.iSubFd)), TBDL_OK);
+        EXPECT_EQ(State(), std::make_pair(r.registered, r.retrying));
+    }
+}
+
+/* Without a subscription (refused, or not taken by the loop) or when it breaks, the L3VPN watch retries by
+ * itself; an event read with the hang-up is applied first. Deactivation closes without telling the L3VPN watch. */
+TEST_F(L3vTest, ServicePortFallbackAndClose)
+{
+    struct Row {
+        const char *name;
+        bool refused, loopFails;
+        u32 mask;
+        bool registered, retrying;
+    } rows[] = {{"refused", 1, 0, 0, 0, 1},       {"loop refuses", 0, 1, 0, 0, 1},      {"error", 0, 0, EPOLLERR, 0, 1},
+                {"hang-up", 0, 0, EPOLLIN | EPOLLHUP, 1, 1}, {"deactivation", 0, 0, EPOLLIN, 1, 0}};
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.name);
+        fake::Reset();
+        ASSERT_EQ(TBDL_SERVICEWATCH_Init(r.loopFails ? -1 : epfd), TBDL_OK);
+        if (r.refused) {
+            fake::FailOnce("SubscribeServicePortEvent", uint64_t(-1));
+        }
+        EXPECT_EQ(TBDL_SERVICEWATCH_Activate(), TBDL_OK);
+        int fd = fake::SvcPortFd();
+        fake::SvcPortPush(1, 2168);
+        if (r.mask != 0) {
+            EXPECT_EQ(tbdl_servicewatch_SockCb(r.mask, u64(fd)), TBDL_OK);
+        }
+        TBDL_SERVICEWATCH_Deactivate();
+        /* Closed, or its number taken since by the retry timer the fallback started. */
+        bool closed = fcntl(fd, F_GETFD) == -1 || fd == g.iTimerFd;
+        EXPECT_EQ(std::make_tuple(g_stTbldPortGlobal.iSubFd, closed, State()),
+                  std::make_tuple(-1, true, std::make_pair(r.registered, r.retrying)));
+        TBDL_L3V_Deactivate();
     }
 }
 

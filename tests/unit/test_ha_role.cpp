@@ -1,11 +1,22 @@
 /* HA role: channel set-up and its failure paths, HA events and their
  * answers, the order of module activation and deactivation. */
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include "bas/tbdl_bas_priv.h"
 #include "bnd_fixture.h"
 #include "ha/tbdl_ha_priv.h"
 #include "cfg/tbdl_cfg_priv.h"
 #include "tbdl_dld.h"
 
 using namespace bndtest;
+using cfgtest::BndCreateTlvs;
+using cfgtest::Request;
+using cfgtest::ResultOf;
+using cfgtest::Send;
+using cfgtest::Tlv;
+using cfgtest::TryRecv;
 
 namespace {
 
@@ -180,6 +191,113 @@ TEST_F(HaRoleTest, FailedActivationStepAndFailedResponseAreLoggedOnce)
     fake::FailOnce("HA_Response", 1);
     DeliverEvent(TBDL_HA_EV_ACK_ONLY);
     EXPECT_EQ(LogCount("ERROR Failed to respond to HA. Event: 3.\r\n"), 1u);
+}
+
+/* What the daemon holds while it runs: open descriptors (timers and sockets are descriptors), registrations on the
+ * event loop, timer descriptors among them, and heap blocks other than the error statistics, which are kept for the
+ * life of the process. */
+struct Held {
+    int fds = 0, registered = 0, timers = 0;
+    u32 blocks = 0;
+    bool operator==(const Held &) const = default;
+};
+
+Held HeldNow()
+{
+    Held h;
+    for (int fd = 0; fd < 1024; fd++) {
+        if (fcntl(fd, F_GETFD) == -1) {
+            continue;
+        }
+        h.fds++;
+        h.registered += g_astTbdlBasEpollTable[fd].pfnCallback != nullptr;
+        char link[64] = {};
+        std::string path = "/proc/self/fd/" + std::to_string(fd);
+        h.timers += readlink(path.c_str(), link, sizeof(link) - 1) > 0 && std::string(link).find("timerfd") != std::string::npos;
+    }
+    h.blocks = TBDL_BAS_LiveAllocs();
+    for (const char *pcErr : g_apcTbdlErrStr) {
+        h.blocks -= pcErr != nullptr;
+    }
+    return h;
+}
+
+void PrintTo(const Held &h, std::ostream *os)
+{
+    *os << "{fds " << h.fds << ", registered " << h.registered << ", timers " << h.timers << ", blocks " << h.blocks
+        << "}";
+}
+
+int ConnectCfg()
+{
+    int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::string path = fake::HostPath(TBDL_CFG_PORT);
+    strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+/* Standby -> master -> standby, several times. Each promotion brings the database in step and restores what the
+ * master before it stored; each demotion closes the configuration socket, clears the bundles, the members' private
+ * data and the debug switches, and (once the last operator has gone) gives back every descriptor, timer and block
+ * the active period took. */
+TEST_F(HaRoleTest, RepeatedRoleChangesLeaveNothingBehind)
+{
+    fake::Config().master = false;
+    Start();
+    u32 ifIndex = fake::AddTunnel(1);
+    const Held idle = HeldNow();
+    for (int cycle = 0; cycle < 3; cycle++) {
+        SCOPED_TRACE("cycle " + std::to_string(cycle));
+        /* Meanwhile the other board, master, stored bundle 3 with member Tunnel1. */
+        StoreBnd(3);
+        fake::DbPut(MembKey(3), 0, {0, 0, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0});
+        Mark();
+        fake::Config().master = true;
+        DeliverEvent(TBDL_HA_EV_UPGRADE);
+        EXPECT_EQ(fake::Names({"DBM_Sync", "LIPC_GetHostPath"}), (std::vector<std::string>{"DBM_Sync", "LIPC_GetHostPath"}));
+        ASSERT_TRUE(HasBundles());
+        EXPECT_EQ(fake::PrivateData().count(ifIndex), 1u);
+
+        /* Active: a standby asks for everything, an operator connects, turns debugging on and deletes the last
+         * bundle, which starts the hold timer. */
+        fake::Config().slavePresent = true;
+        DeliverEvent(TBDL_HA_EV_BATCH_BACKUP);
+        EXPECT_FALSE(fake::HaSentMessages().empty());
+        int client = ConnectCfg();
+        ASSERT_GE(client, 0) << "the configuration socket is open again";
+        ASSERT_TRUE(Send(client, Request(0, 0, 0, Tlv(398, Be32(2)))));
+        Pump(); /* accept */
+        Pump(); /* request */
+        ASSERT_TRUE(Send(client, Request(0, 1, 1, BndCreateTlvs(3))));
+        Pump();
+        EXPECT_EQ(ResultOf(TryRecv(client).value_or(Bytes{})), 0u) << "debug on";
+        EXPECT_EQ(ResultOf(TryRecv(client).value_or(Bytes{})), TBDL_E_LAST_BND_DELETED);
+        EXPECT_NE(g_stTbdlLogVar.uiDebugSwitch, 0u);
+        EXPECT_GT(HeldNow().timers, idle.timers) << "hold and reconnect timers run";
+
+        fake::Config().master = false;
+        fake::Config().slavePresent = false;
+        DeliverEvent(TBDL_HA_EV_DEACTIVATE);
+        /* A connection accepted while active stays until its peer leaves, and gets no more answers. */
+        ASSERT_TRUE(Send(client, Request(0, 0, 0, Tlv(398, Be32(2)))));
+        Pump();
+        EXPECT_EQ(TryRecv(client), std::nullopt);
+        close(client);
+        Pump();
+        EXPECT_EQ(g_stTbdlCfgGlobalVar.iListenFd, -1);
+        EXPECT_FALSE(HasBundles());
+        EXPECT_TRUE(fake::PrivateData().empty());
+        EXPECT_EQ(g_stTbdlLogVar.uiDebugSwitch, 0u);
+        EXPECT_EQ(HeldNow(), idle);
+        EXPECT_EQ(fake::HaResponses().size(), 3u * (cycle + 1));
+    }
+    EXPECT_EQ(fake::HaResponses().back(), std::make_pair(u32(0), u32(0)));
 }
 
 } // namespace

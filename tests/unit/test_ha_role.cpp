@@ -1,8 +1,6 @@
 /* HA role: channel set-up and its failure paths, HA events and their
  * answers, the order of module activation and deactivation. */
 #include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 
 #include "bas/tbdl_bas_priv.h"
 #include "bnd_fixture.h"
@@ -193,53 +191,26 @@ TEST_F(HaRoleTest, FailedActivationStepAndFailedResponseAreLoggedOnce)
     EXPECT_EQ(LogCount("ERROR Failed to respond to HA. Event: 3.\r\n"), 1u);
 }
 
-/* What the daemon holds while it runs: open descriptors (timers and sockets are descriptors), registrations on the
- * event loop, timer descriptors among them, and heap blocks other than the error statistics, which are kept for the
- * life of the process. */
-struct Held {
-    int fds = 0, registered = 0, timers = 0;
-    u32 blocks = 0;
-    bool operator==(const Held &) const = default;
-};
+/* What the daemon holds: open descriptors (sockets and timers), registrations on the event loop, timer descriptors,
+ * and heap blocks other than the error statistics, which are kept for the life of the process. */
+using Held = std::tuple<int, int, int, u32>;
+constexpr size_t kTimers = 2;
 
 Held HeldNow()
 {
-    Held h;
+    int fds = 0, registered = 0, timers = 0;
     for (int fd = 0; fd < 1024; fd++) {
-        if (fcntl(fd, F_GETFD) == -1) {
-            continue;
-        }
-        h.fds++;
-        h.registered += g_astTbdlBasEpollTable[fd].pfnCallback != nullptr;
         char link[64] = {};
         std::string path = "/proc/self/fd/" + std::to_string(fd);
-        h.timers += readlink(path.c_str(), link, sizeof(link) - 1) > 0 && std::string(link).find("timerfd") != std::string::npos;
+        if (fcntl(fd, F_GETFD) != -1) {
+            fds++;
+            registered += g_astTbdlBasEpollTable[fd].pfnCallback != nullptr;
+            timers += readlink(path.c_str(), link, sizeof(link) - 1) > 0 && strstr(link, "timerfd") != nullptr;
+        }
     }
-    h.blocks = TBDL_BAS_LiveAllocs();
-    for (const char *pcErr : g_apcTbdlErrStr) {
-        h.blocks -= pcErr != nullptr;
-    }
-    return h;
-}
-
-void PrintTo(const Held &h, std::ostream *os)
-{
-    *os << "{fds " << h.fds << ", registered " << h.registered << ", timers " << h.timers << ", blocks " << h.blocks
-        << "}";
-}
-
-int ConnectCfg()
-{
-    int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::string path = fake::HostPath(TBDL_CFG_PORT);
-    strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
+    u32 blocks = TBDL_BAS_LiveAllocs() - u32(std::count_if(std::begin(g_apcTbdlErrStr), std::end(g_apcTbdlErrStr),
+                                                           [](const char *p) { return p != nullptr; }));
+    return {fds, registered, timers, blocks};
 }
 
 /* Standby -> master -> standby, several times. Each promotion brings the database in step and restores what the
@@ -269,7 +240,7 @@ TEST_F(HaRoleTest, RepeatedRoleChangesLeaveNothingBehind)
         fake::Config().slavePresent = true;
         DeliverEvent(TBDL_HA_EV_BATCH_BACKUP);
         EXPECT_FALSE(fake::HaSentMessages().empty());
-        int client = ConnectCfg();
+        int client = cfgtest::Connect(fake::HostPath(TBDL_CFG_PORT));
         ASSERT_GE(client, 0) << "the configuration socket is open again";
         ASSERT_TRUE(Send(client, Request(0, 0, 0, Tlv(398, Be32(2)))));
         Pump(); /* accept */
@@ -279,7 +250,7 @@ TEST_F(HaRoleTest, RepeatedRoleChangesLeaveNothingBehind)
         EXPECT_EQ(ResultOf(TryRecv(client).value_or(Bytes{})), 0u) << "debug on";
         EXPECT_EQ(ResultOf(TryRecv(client).value_or(Bytes{})), 0u) << "bundle 3 deleted";
         EXPECT_NE(g_stTbdlLogVar.uiDebugSwitch, 0u);
-        EXPECT_GT(HeldNow().timers, idle.timers) << "reconnect timers of the download targets run";
+        EXPECT_GT(std::get<kTimers>(HeldNow()), std::get<kTimers>(idle)) << "download reconnect timers run";
 
         fake::Config().master = false;
         fake::Config().slavePresent = false;

@@ -15,8 +15,10 @@ namespace tbdl::client {
 
 namespace {
 
-/* Pause between connection attempts while a new master is activating. */
-constexpr std::chrono::milliseconds kConnectRetry{50};
+/* Pause between connection attempts while a new master is activating:
+ * short, so the socket is reached within milliseconds of its opening (the
+ * restart benchmark times exactly that). */
+constexpr std::chrono::milliseconds kConnectRetry{5};
 
 std::string Lower(std::string s)
 {

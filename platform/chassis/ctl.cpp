@@ -227,6 +227,19 @@ bool HaEvent(int, const Json &req, Json &reply)
     return true;
 }
 
+/* "role": which board is master now and which boards the chassis has, so a
+ * configuration tool can find the master board's socket after a change of
+ * master. */
+bool Role(int, const Json &, Json &reply)
+{
+    Json boards = Json::array();
+    for (int b : g_opt.settings.boards) {
+        boards.push_back({{"board", b}, {"state", BoardStateName(g_boards[b].state)}});
+    }
+    reply = Ok({{"master", HaMaster()}, {"boards", boards}});
+    return true;
+}
+
 struct CtlCommand {
     const char *name;
     CtlFn fn;
@@ -238,6 +251,7 @@ const CtlCommand kCommands[] = {
     {"if_set", IfSetCmd},       {"if_del", IfDelCmd},    {"vrf_bind", VrfBindCmd},
     {"vrf_unbind", VrfUnbindCmd}, {"fail", Fail},         {"fail_clear", FailClear},
     {"ha_event", HaEvent},
+    {"role", Role},
 };
 
 /* "dump_<name>": the dump of the service that declares that name. */

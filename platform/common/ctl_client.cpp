@@ -117,4 +117,6 @@ Answer Client::HaEvent(int board, uint32_t event)
     return Call({{"cmd", "ha_event"}, {"board", board}, {"event", event}});
 }
 
+Answer Client::Role() { return Call({{"cmd", "role"}}); }
+
 } // namespace tbdl::ctl

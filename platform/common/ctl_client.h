@@ -78,6 +78,9 @@ public:
     /* Every board's plan, or one board's. */
     Answer FailClear(std::optional<int> board = std::nullopt);
     Answer HaEvent(int board, uint32_t event);
+    /* {"master": N, "boards": [{"board": N, "state": "UP"}, ...]}: the
+     * master board now (it changes at a switchover). */
+    Answer Role();
 
 private:
     Answer Call(const Json &request);

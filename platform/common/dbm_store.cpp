@@ -521,7 +521,17 @@ bool ReadAll(sqlite3 *conn, std::vector<DumpDb> &dbs, std::string &err)
     return ok;
 }
 
-std::string FormatJson(const std::string &path, const std::vector<DumpDb> &dbs)
+/* The reader's JSON of each record of a list, null without a reader. */
+nlohmann::json Readings(const RecordReader &read, const DumpDb &d, const DumpList &l)
+{
+    nlohmann::json out = nlohmann::json::array();
+    for (const std::string &r : l.records) {
+        out.push_back(read ? read(d.name, l.key, r) : nullptr);
+    }
+    return out;
+}
+
+std::string FormatJson(const std::string &path, const std::vector<DumpDb> &dbs, const RecordReader &read)
 {
     nlohmann::json out = {{"path", path}, {"databases", nlohmann::json::array()}};
     for (const DumpDb &d : dbs) {
@@ -534,14 +544,15 @@ std::string FormatJson(const std::string &path, const std::vector<DumpDb> &dbs)
             jdb["lists"].push_back({{"key", HexOf(l.key.data(), l.key.size())},
                                     {"sort_offset", l.sortOff},
                                     {"sort_length", l.sortLen},
-                                    {"records", std::move(recs)}});
+                                    {"records", std::move(recs)},
+                                    {"decoded", Readings(read, d, l)}});
         }
         out["databases"].push_back(std::move(jdb));
     }
     return out.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
-std::string FormatText(const std::string &path, const std::vector<DumpDb> &dbs)
+std::string FormatText(const std::string &path, const std::vector<DumpDb> &dbs, const RecordReader &read)
 {
     std::string out = "store " + path + "\n";
     if (dbs.empty()) {
@@ -553,8 +564,14 @@ std::string FormatText(const std::string &path, const std::vector<DumpDb> &dbs)
         for (const DumpList &l : d.lists) {
             out += "  key " + HexOf(l.key.data(), l.key.size()) + ": sort word at " + std::to_string(l.sortOff) +
                    ", " + std::to_string(l.sortLen) + " bytes, " + std::to_string(l.records.size()) + " records\n";
-            for (const std::string &r : l.records) {
-                out += "    " + HexOf(r.data(), r.size()) + "\n";
+            const nlohmann::json readings = Readings(read, d, l);
+            for (size_t i = 0; i < l.records.size(); ++i) {
+                const std::string &r = l.records[i];
+                out += "    " + HexOf(r.data(), r.size());
+                if (!readings[i].is_null()) {
+                    out += "  " + readings[i].dump();
+                }
+                out += "\n";
             }
         }
     }
@@ -563,7 +580,7 @@ std::string FormatText(const std::string &path, const std::vector<DumpDb> &dbs)
 
 } // namespace
 
-std::string DumpDatabase(const std::string &path, bool json, std::string &err)
+std::string DumpDatabase(const std::string &path, bool json, std::string &err, const RecordReader &read)
 {
     err.clear();
     struct stat st {};
@@ -590,7 +607,7 @@ std::string DumpDatabase(const std::string &path, bool json, std::string &err)
         err = path + ": " + why;
         return {};
     }
-    return json ? FormatJson(path, dbs) : FormatText(path, dbs);
+    return json ? FormatJson(path, dbs, read) : FormatText(path, dbs, read);
 }
 
 } // namespace tbdl::plat

@@ -104,11 +104,15 @@ void PrintKtbdlText(const Json &r)
     Table t({"IFINDEX", "NAME", "STATE", "TNL MODE", "VRF", "ADDRESS", "MEMBERS"});
     for (const Json &b : r["bundles"]) {
         std::string members;
-        for (const Json &m : b["members"]) {
+        const Json names = b.value("member_names", Json::array());
+        for (size_t i = 0; i < b["members"].size(); ++i) {
             if (!members.empty()) {
                 members += ',';
             }
-            members += Hex(m);
+            members += Hex(b["members"][i]);
+            if (i < names.size() && !names[i].get<std::string>().empty()) {
+                members += ' ' + names[i].get<std::string>();
+            }
         }
         bool up = b.value("updated", false);
         t.Add({Hex(b["ifindex"]), S(b["name"]), up ? S(b["state"]) : "-", up ? S(b["tnl_mode"]) : "-",

@@ -9,9 +9,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <fstream>
-
-#include <nlohmann/json.hpp>
 
 namespace tbdl::client {
 
@@ -26,25 +23,19 @@ std::string Errno(int err)
     return std::strerror(err);
 }
 
-}  // namespace
-
-Outcome<std::string> FindCfgSocket(const std::string &dir, std::optional<int> board)
+/* The peer is gone: a request cut off this way may or may not have been
+ * carried out, so it is never reported as a result. */
+bool PeerGone(int err)
 {
-    if (!board) {
-        const std::string file = dir + "/chassis.json";
-        std::ifstream in(file);
-        if (!in) {
-            return Fail("cannot read " + file + ": " + Errno(errno));
-        }
-        nlohmann::json j = nlohmann::json::parse(in, nullptr, false);
-        if (j.is_discarded() || !j.is_object() || !j.contains("master_board") ||
-            !j["master_board"].is_number_integer()) {
-            return Fail(file + " names no master board");
-        }
-        board = j["master_board"].get<int>();
-    }
-    return dir + "/board" + std::to_string(*board) + "/cfg.sock";
+    return err == ECONNRESET || err == EPIPE || err == ENOTCONN;
 }
+
+std::string LostText(const std::string &path)
+{
+    return "the connection to " + path + " was lost before the reply; the request may or may not have been carried out";
+}
+
+}  // namespace
 
 Connection::~Connection()
 {
@@ -52,7 +43,7 @@ Connection::~Connection()
 }
 
 Connection::Connection(Connection &&other) noexcept
-    : m_fd(other.m_fd), m_timeoutMs(other.m_timeoutMs), m_path(std::move(other.m_path))
+    : m_fd(other.m_fd), m_timeoutMs(other.m_timeoutMs), m_broke(other.m_broke), m_path(std::move(other.m_path))
 {
     other.m_fd = -1;
 }
@@ -63,6 +54,7 @@ Connection &Connection::operator=(Connection &&other) noexcept
         close();
         m_fd = other.m_fd;
         m_timeoutMs = other.m_timeoutMs;
+        m_broke = other.m_broke;
         m_path = std::move(other.m_path);
         other.m_fd = -1;
     }
@@ -103,6 +95,7 @@ Outcome<Connection> Connection::Open(const std::string &path, int timeoutMs)
 
 Outcome<Bytes> Connection::Exchange(const Bytes &request)
 {
+    m_broke = Break::NONE;
     if (m_fd < 0) {
         return Fail("not connected");
     }
@@ -110,6 +103,10 @@ Outcome<Bytes> Connection::Exchange(const Bytes &request)
     do {
         sent = ::send(m_fd, request.data(), request.size(), MSG_NOSIGNAL);
     } while (sent < 0 && errno == EINTR);
+    if (sent < 0 && PeerGone(errno)) {
+        m_broke = Break::LOST;
+        return Fail(LostText(m_path));
+    }
     if (sent < 0) {
         return Fail("cannot send to " + m_path + ": " + Errno(errno));
     }
@@ -132,6 +129,7 @@ Outcome<Bytes> Connection::Exchange(const Bytes &request)
             return Fail("cannot wait for a reply: " + Errno(errno));
         }
         if (n == 0) {
+            m_broke = Break::SILENT;
             return Fail("no reply from " + m_path + " within " + std::to_string(m_timeoutMs) + " ms");
         }
         std::uint8_t buf[kRecvRoom];
@@ -139,11 +137,12 @@ Outcome<Bytes> Connection::Exchange(const Bytes &request)
         if (got < 0 && errno == EINTR) {
             continue;
         }
+        if (got == 0 || (got < 0 && PeerGone(errno))) {
+            m_broke = Break::LOST;
+            return Fail(LostText(m_path));
+        }
         if (got < 0) {
             return Fail("cannot receive from " + m_path + ": " + Errno(errno));
-        }
-        if (got == 0) {
-            return Fail("the daemon closed the connection " + m_path);
         }
         if (static_cast<std::size_t>(got) > sizeof(buf)) {
             return Fail("reply of " + std::to_string(got) + " bytes is too large");

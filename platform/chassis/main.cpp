@@ -166,6 +166,8 @@ int main(int argc, char **argv)
     app.add_option("--stop-timeout", g_opt.stopTimeoutMs, "ms a board daemon gets to stop before SIGKILL");
     app.add_flag("--journal", g_opt.journal, "journal every platform call of the boards");
     app.add_flag("--foreground", g_opt.foreground, "do not detach; log to stderr too");
+    app.add_flag("--trust-user", g_opt.trustUser,
+                 "serve the boards' platform calls to any process of this user (tests), not only to the boards' daemons");
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success &e) {
@@ -190,6 +192,13 @@ int main(int argc, char **argv)
     g_opt.dir = real;
     if (access(g_opt.dir.c_str(), W_OK | X_OK) != 0) {
         Fail("chassis directory " + g_opt.dir + " is not writable");
+    }
+    /* The chassis is for this user and group only, whatever the caller's
+     * umask: the directory is closed to others, and what chassisd and the
+     * boards' daemons create in it is not opened to them. */
+    umask(umask(0) | 007);
+    if (chmod(g_opt.dir.c_str(), kChassisDirMode) != 0) {
+        Fail("cannot restrict the chassis directory " + g_opt.dir + ": " + std::strerror(errno));
     }
 
     /* Settings: defaults, then the file, then the options. */

@@ -9,6 +9,7 @@
  * client's connection goes; reboot and board failure empty it. */
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -156,6 +157,15 @@ void OnAccept(int board)
     if (fd < 0) {
         return;
     }
+    /* Only the board's own daemon feeds its table. */
+    ucred cred{};
+    socklen_t credLen = sizeof(cred);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &credLen) != 0 || !PeerMaySpeakFor(cred.pid, cred.uid, board)) {
+        Log("PS of board " + std::to_string(board) + ": refused a connection from pid " + std::to_string(cred.pid) +
+            ": not that board's daemon");
+        close(fd);
+        return;
+    }
     g_ps[board].conns.push_back(fd);
     WatchFd(fd, EPOLLIN | EPOLLRDHUP, [board, fd](uint32_t ev) { OnConnReady(board, fd, ev); });
 }
@@ -174,7 +184,8 @@ bool Listen(int board, std::string &err)
     std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
     unlink(path.c_str());
     int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0 || listen(fd, 8) != 0) {
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0 ||
+        chmod(path.c_str(), kChassisSocketMode) != 0 || listen(fd, 8) != 0) {
         err = "cannot listen on " + path + ": " + std::strerror(errno);
         return false;
     }

@@ -1,7 +1,9 @@
 /* The platform database store on SQLite (see dbm_store.h). */
 #include "dbm_store.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <sqlite3.h>
 
@@ -206,6 +208,23 @@ int SetUpWithRetry(sqlite3 *db, const std::string &name, const std::string &owne
     }
 }
 
+/* The database file is readable and writable by its owner and group only,
+ * whatever the umask of the process that makes it; SQLite gives its WAL and
+ * shared-memory files the database file's mode. */
+constexpr mode_t kDatabaseMode = 0660;
+
+void RestrictDatabaseFile(const std::string &path)
+{
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kDatabaseMode);
+    if (fd >= 0) {
+        struct stat st {};
+        if (fstat(fd, &st) == 0 && st.st_uid == geteuid() && (st.st_mode & 07777) != kDatabaseMode) {
+            (void)fchmod(fd, kDatabaseMode);
+        }
+        close(fd);
+    }
+}
+
 } // namespace
 
 std::unique_ptr<DbmStore> DbmStore::Open(const std::string &path, const std::string &name, const std::string &owner,
@@ -215,6 +234,7 @@ std::unique_ptr<DbmStore> DbmStore::Open(const std::string &path, const std::str
         err = "empty database name";
         return nullptr;
     }
+    RestrictDatabaseFile(path);
     sqlite3 *db = nullptr;
     int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                              nullptr);

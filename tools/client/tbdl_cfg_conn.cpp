@@ -2,6 +2,7 @@
 #include "tbdl_cfg_conn.h"
 
 #include <poll.h>
+#include <sys/time.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -21,6 +22,26 @@ constexpr std::size_t kRecvRoom = 8192;
 std::string Errno(int err)
 {
     return std::strerror(err);
+}
+
+/* A local connect waits while the daemon's queue of new connections is
+ * full, as long as the socket's send time-out allows: a daemon that is
+ * bound but no longer accepting fails it with EAGAIN at the deadline. The
+ * time-out is cleared again afterwards (replies have their own wait). */
+bool ConnectWithin(int fd, const sockaddr_un &addr, int timeoutMs)
+{
+    timeval tv{timeoutMs / 1000, (timeoutMs % 1000) * 1000};
+    (void)::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
+    int rc;
+    do {
+        rc = ::connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof(addr));
+    } while (rc != 0 && errno == EINTR);
+    if (rc != 0) {
+        return false;
+    }
+    timeval none{};
+    (void)::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &none, sizeof(none));
+    return true;
 }
 
 /* The peer is gone: a request cut off this way may or may not have been
@@ -81,9 +102,12 @@ Outcome<Connection> Connection::Open(const std::string &path, int timeoutMs)
     if (fd < 0) {
         return Fail("cannot create a socket: " + Errno(errno));
     }
-    if (::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0) {
+    if (!ConnectWithin(fd, addr, timeoutMs)) {
         int err = errno;
         ::close(fd);
+        if (err == EAGAIN) {
+            return Fail("cannot connect to " + path + ": no answer within " + std::to_string(timeoutMs) + " ms");
+        }
         return Fail("cannot connect to " + path + ": " + Errno(err));
     }
     Connection conn;

@@ -51,6 +51,10 @@ struct Options {
     bool journal = false;
     bool foreground = false;
     int stopTimeoutMs = 5000;
+    /* The PS library installed in each board's files ("" when there is
+     * none), and the boards that start without it. */
+    std::string psLibPath;
+    std::vector<int> noPsLibBoards;
 };
 
 /* ---- log (DIR/chassisd.log) ---- */

@@ -2,7 +2,8 @@
  * configuration step, LSM holds one entry per bundle with members and PS one
  * per protection bundle with exactly two members, as the daemon's table
  * says; stopped services catch up when started; an orderly stop withdraws
- * what a killed daemon leaves in place. */
+ * what a killed daemon leaves in place; a board without the PS library
+ * downloads to LSM alone. */
 #include <gtest/gtest.h>
 
 #include "cfg_checks.h"
@@ -53,15 +54,19 @@ std::pair<Sigs, Sigs> Held(const Chassis &chassis)
 
 class Download : public DaemonTest {
 protected:
-    Download() : DaemonTest("dld") {}
+    explicit Download(std::vector<std::string> args = {}) : DaemonTest("dld", std::move(args)) {}
 
-    /* LSM and PS of board 0 come to agree with the daemon's table. */
-    testing::AssertionResult Downloaded()
+    /* LSM and PS of board 0 come to agree with the daemon's table (PS
+     * with nothing when the board has no PS library). */
+    testing::AssertionResult Downloaded(bool withPs = true)
     {
         std::pair<Sigs, Sigs> want, held;
         tbdl::systest::WaitUntil([&] {
             std::optional<std::map<std::uint32_t, tc::BndDetail>> table = Table(*m_client);
             want = table ? Wanted(*table) : std::pair<Sigs, Sigs>{};
+            if (!withPs) {
+                want.second.clear();
+            }
             held = Held(m_chassis);
             return want == held;
         }, 10000, 50);
@@ -141,6 +146,24 @@ TEST_F(Download, AnOrderlyStopWithdrawsAKillDoesNot)
         EXPECT_EQ(Dropped("lsm") - lsm, c.lsmDropped) << c.how;
         EXPECT_EQ(Dropped("ps") - ps, c.psDropped) << c.how;
     }
+}
+
+class DownloadWithoutPsLib : public Download {
+protected:
+    DownloadWithoutPsLib() : Download({"--no-ps-lib", "0"}) {}
+};
+
+TEST_F(DownloadWithoutPsLib, LsmAloneGetsTheTableAndNothingComplains)
+{
+    ASSERT_TRUE(Answers(m_client->SetDebug(true, tc::kDebugAll), TBDL_OK));
+    Configure();
+    EXPECT_TRUE(Downloaded(false));
+    const Json ps = m_chassis.CtlJson({"dump", "ps", "--board", "0"});
+    EXPECT_EQ(ps.value("connections", -1), 0);
+    EXPECT_EQ(ps.value("updates", -1) + ps.value("cycles", -1) + ps.value("malformed", -1), 0) << ps.dump();
+    const std::string log = tbdl::systest::ReadFile(m_chassis.Path("board0/tbdld.log"));
+    EXPECT_NE(log.find("to LSM"), std::string::npos) << "the daemon's log is on";
+    EXPECT_EQ(log.find("PS"), std::string::npos) << log;
 }
 
 }  // namespace

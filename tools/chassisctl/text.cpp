@@ -117,26 +117,29 @@ void PrintKtbdlText(const Json &r)
     t.Print();
 }
 
+/* "Tunnel20 0x101 w1": a path half's member, interface index and weight. */
+static std::string LsmHalf(const Json &h)
+{
+    return S(h["name"]) + " " + Hex(h["ifindex"]) + " w" + S(h["weight"]);
+}
+
 void PrintLsmText(const Json &r)
 {
-    std::cout << "board " << S(r["board"]) << " LSM: " << S(r["adds"]) << " adds, " << S(r["deletes"]) << " deletes, "
-              << S(r["flushes"]) << " flushes, " << S(r["cycles"]) << " smoothing cycles\n";
-    Table t({"IFINDEX", "PROTOCOL", "MODE CODE", "ADDRESS", "VRF", "PATHS"});
+    std::cout << "board " << S(r["board"]) << " LSM" << (r.value("stopped", false) ? " (stopped)" : "") << ": "
+              << S(r["adds"]) << " adds, " << S(r["deletes"]) << " deletes, " << S(r["flushes"]) << " flushes, "
+              << S(r["cycles"]) << " GR cycles, " << S(r["dropped"]) << " entries dropped at their ends\n";
+    Table t({"BUNDLE", "IFINDEX", "PROTOCOL", "MODE", "ADDRESS", "VRF", "PATHS", "PATH 0 FLAGS", "PRIMARY", "BACKUP"});
     for (const Json &e : r["entries"]) {
-        std::string paths;
+        std::string primary, flags = S(e["flags"]);
         for (const Json &p : e["paths"]) {
-            if (!paths.empty()) {
-                paths += ' ';
-            }
-            paths += Hex(p["ifindex"]);
-            paths += "/w";
-            paths += S(p["weight"]);
-            if (p.contains("backup")) {
-                paths += "+backup ";
-                paths += Hex(p["backup"]["ifindex"]);
-            }
+            primary += (primary.empty() ? "" : ", ") + LsmHalf(p);
         }
-        t.Add({Hex(e["ifindex"]), S(e["protocol"]), S(e["mode_code"]), S(e["address"]), S(e["vrf"]), paths.empty() ? "-" : paths});
+        for (const Json &f : e["flag_names"]) {
+            flags += " " + S(f);
+        }
+        t.Add({e["bundle"].is_null() ? S(e["name"]) : S(e["bundle"]), Hex(e["ifindex"]), S(e["protocol"]),
+               S(e["mode_code"]) + " (" + S(e["mode"]) + ")", S(e["address"]), S(e["vrf"]), S(e["path_count"]), flags,
+               primary.empty() ? "-" : primary, e.contains("backup") ? LsmHalf(e["backup"]) : "-"});
     }
     t.Print();
 }

@@ -30,6 +30,10 @@ struct LsmTable {
     std::map<uint32_t, LspEntry> entries;
     std::map<uint32_t, bool> inCycle; /* per protocol */
     uint64_t adds = 0, deletes = 0, flushes = 0, cycles = 0, dropped = 0;
+    /* When the open cycle began, and how long the last one lasted: the time
+     * a client's full resynchronisation took, as LSM saw it. */
+    Clock::time_point cycleBegan;
+    uint64_t lastCycleUs = 0;
 };
 LsmTable g_lsm[tbdl::plat::kMaxBoards];
 /* Boards whose LSM is stopped (chassisctl lsm stop): no registrations. */
@@ -51,6 +55,7 @@ uint32_t Gr(Conn &c, uint32_t type)
     LsmTable &t = g_lsm[c.board];
     if (type == LSM_GR_BEGIN) {
         t.inCycle[c.protocol] = true;
+        t.cycleBegan = Clock::now();
         for (auto &[idx, e] : t.entries) {
             if (e.protocol == c.protocol) {
                 e.refreshed = false;
@@ -64,6 +69,8 @@ uint32_t Gr(Conn &c, uint32_t type)
         }
         t.inCycle[c.protocol] = false;
         t.cycles++;
+        t.lastCycleUs = static_cast<uint64_t>(
+            std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - t.cycleBegan).count());
         size_t dropped = 0;
         for (auto it = t.entries.begin(); it != t.entries.end();) {
             if (it->second.protocol == c.protocol && !it->second.refreshed) {
@@ -245,21 +252,28 @@ Json EntryJson(const LspEntry &e)
     return j;
 }
 
-Json Dump(int board)
+/* With "counters_only", the counters and the number of entries without the
+ * entries themselves: cheap enough to poll while a table is being sent. */
+Json Dump(int board, const Json &req)
 {
     const LsmTable &t = g_lsm[board];
-    Json entries = Json::array();
-    for (const auto &[idx, e] : t.entries) {
-        entries.push_back(EntryJson(e));
+    Json out = {{"board", board},
+                {"stopped", g_stopped[board]},
+                {"entry_count", t.entries.size()},
+                {"adds", t.adds},
+                {"deletes", t.deletes},
+                {"flushes", t.flushes},
+                {"cycles", t.cycles},
+                {"dropped", t.dropped},
+                {"last_cycle_us", t.lastCycleUs}};
+    if (!req.value("counters_only", false)) {
+        Json entries = Json::array();
+        for (const auto &[idx, e] : t.entries) {
+            entries.push_back(EntryJson(e));
+        }
+        out["entries"] = std::move(entries);
     }
-    return {{"board", board},
-            {"stopped", g_stopped[board]},
-            {"entries", entries},
-            {"adds", t.adds},
-            {"deletes", t.deletes},
-            {"flushes", t.flushes},
-            {"cycles", t.cycles},
-            {"dropped", t.dropped}};
+    return out;
 }
 
 } // namespace
@@ -274,7 +288,7 @@ const Service &LsmService()
                            .clearBoard = Clear,
                            .dumpName = "lsm",
                            .dumpNeedsBoard = true,
-                           .dump = Dump,
+                           .dumpWith = Dump,
                            .setStopped = SetStopped};
     return s;
 }

@@ -127,7 +127,8 @@ void PrintLsmText(const Json &r)
 {
     std::cout << "board " << S(r["board"]) << " LSM" << (r.value("stopped", false) ? " (stopped)" : "") << ": "
               << S(r["adds"]) << " adds, " << S(r["deletes"]) << " deletes, " << S(r["flushes"]) << " flushes, "
-              << S(r["cycles"]) << " GR cycles, " << S(r["dropped"]) << " entries dropped at their ends\n";
+              << S(r["cycles"]) << " GR cycles (the last " << S(r["last_cycle_us"]) << " us), " << S(r["dropped"])
+              << " entries dropped at their ends\n";
     Table t({"BUNDLE", "IFINDEX", "PROTOCOL", "MODE", "ADDRESS", "VRF", "PATHS", "PATH 0 FLAGS", "PRIMARY", "BACKUP"});
     for (const Json &e : r["entries"]) {
         std::string primary, flags = S(e["flags"]);
@@ -149,7 +150,7 @@ void PrintPsText(const Json &r)
     std::cout << "board " << S(r["board"]) << " PS" << (r["stopped"].get<bool>() ? " (stopped)" : "") << ": "
               << S(r["updates"]) << " updates, " << S(r["deletes"]) << " deletes, " << S(r["cycles"])
               << " smoothing cycles, " << S(r["dropped"]) << " dropped at their ends, " << S(r["malformed"])
-              << " malformed sends\n";
+              << " malformed of " << S(r["received"]) << " sends received\n";
     Table t({"BUNDLE", "KIND", "WORKING", "UP", "PROTECTION", "UP"});
     auto member = [](const Json &m) { return Hex(m["ifindex"]) + " " + S(m["name"]); };
     auto up = [](const Json &m) { return m["up"].get<bool>() ? "yes" : "no"; };

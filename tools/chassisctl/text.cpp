@@ -63,7 +63,11 @@ std::string Hex(const Json &j)
 void PrintStatusText(const Json &s)
 {
     std::cout << "chassis " << S(s["dir"]) << ": chassisd pid " << S(s["chassisd_pid"]) << ", master board "
-              << S(s["master_board"]) << (s.value("journal", false) ? ", journal on" : "") << "\n";
+              << S(s["master_board"]) << (s.value("journal", false) ? ", journal on" : "");
+    for (const Json &b : s.value("no_ps_lib", Json::array())) {
+        std::cout << ", board " << S(b) << " without the PS library";
+    }
+    std::cout << "\n";
     Table t({"BOARD", "ROLE", "STATE", "PID", "STATUS", "START CAUSE", "RESTARTS", "CFG SOCKET"});
     for (const Json &b : s["boards"]) {
         t.Add({S(b["board"]), S(b["role"]), S(b["state"]), b["pid"].get<int>() > 0 ? S(b["pid"]) : "-",

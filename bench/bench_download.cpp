@@ -226,8 +226,10 @@ double BaselineMicros(int n, const std::function<void()> &trip)
 std::uint64_t U(const Json &j, const char *key) { return j.value(key, std::uint64_t{0}); }
 
 /* Stops and starts the service on board 0, then waits for the daemon's
- * next full cycle to end. */
-void Resync(Bench &bench, const char *service, const char *countA, const char *countB)
+ * next full cycle to end. countA and countB: counters shown per cycle, as
+ * "counter (what it counts)". */
+void Resync(Bench &bench, const char *service, const char *countA, const char *countB, const char *whatA,
+            const char *whatB)
 {
     std::vector<double> wall, cycle;
     std::uint64_t a = 0, b = 0;
@@ -253,7 +255,7 @@ void Resync(Bench &bench, const char *service, const char *countA, const char *c
     std::printf("%-3s resync: the cycle itself (begin -> end)        : %8.2f ms (min %.2f, max %.2f)\n", service,
                 Median(cycle), Percentile(cycle, 0), Percentile(cycle, 1));
     std::printf("%-3s resync: per cycle                              : %llu %s, %llu %s\n", service,
-                static_cast<unsigned long long>(a), countA, static_cast<unsigned long long>(b), countB);
+                static_cast<unsigned long long>(a), whatA, static_cast<unsigned long long>(b), whatB);
 }
 
 /* Unbinds and binds again the protection member of pair bundles in turn;
@@ -303,7 +305,7 @@ void ChangeLatency(Bench &bench, double pollUs)
                 bench.opt().changes, Median(lsm), Percentile(lsm, 0.9), Median(lsm) / pollUs);
     std::printf("bind answered -> PS counts it, median of %d       : %8.1f us (p90 %.1f) = %.1f x poll\n",
                 bench.opt().changes, Median(ps), Percentile(ps, 0.9), Median(ps) / pollUs);
-    std::printf("per unbind+bind                                  : %.2f LSM adds, %.2f LSM flushes, "
+    std::printf("per unbind+bind                                  : %.2f LSM adds, %.2f LSM batch messages, "
                 "%.2f PS sends (%.2f updates, %.2f deletes)\n",
                 static_cast<double>(U(l9, "adds") - U(l0, "adds")) / n,
                 static_cast<double>(U(l9, "flushes") - U(l0, "flushes")) / n,
@@ -382,8 +384,8 @@ int main(int argc, char **argv)
     std::printf("baseline: counters-only dump round trip (a poll)  : %8.1f us\n", pollUs);
     std::printf("baseline: daemon display round trip               : %8.1f us\n", displayUs);
 
-    Resync(bench, "lsm", "adds", "flushes");
-    Resync(bench, "ps", "received", "updates");
+    Resync(bench, "lsm", "adds", "flushes", "entries added", "batch messages (one flush, cut in chunks)");
+    Resync(bench, "ps", "received", "updates", "sends", "bundle updates");
     ChangeLatency(bench, pollUs);
 
     std::function<void()> cleanup = std::move(g_cleanup);

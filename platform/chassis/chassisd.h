@@ -54,6 +54,10 @@ struct Options {
     /* Local access (peers.cpp): serve every board's platform calls to any
      * process of chassisd's user, not only to the boards' daemons. */
     bool trustUser = false;
+    /* The PS library installed in each board's files ("" when there is
+     * none), and the boards that start without it. */
+    std::string psLibPath;
+    std::vector<int> noPsLibBoards;
 };
 
 /* ---- local access (main.cpp, loop.cpp, peers.cpp) ----

@@ -61,6 +61,8 @@ bool Status(int, const Json &, Json &reply)
                 {"socket", tbdl::plat::ChassisSocketPathOf(g_opt.dir)},
                 {"daemon", g_opt.daemonPath},
                 {"journal", g_opt.journal},
+                {"ps_lib", g_opt.psLibPath},
+                {"no_ps_lib", g_opt.noPsLibBoards},
                 {"master_board", HaMaster()},
                 {"busy", SvcBusy()},
                 {"settings", Json::parse(tbdl::plat::SettingsToJson(g_opt.settings))},

@@ -71,6 +71,26 @@ std::string DefaultDaemonPath()
     return exeDir + "/tbdld";
 }
 
+/* The PS library of this build (<build>/platform/ps/libps.so), else one in
+ * the same directory; "" when neither exists. */
+std::string DefaultPsLibPath()
+{
+    char buf[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", buf, sizeof(buf) - 1);
+    if (n <= 0) {
+        return "";
+    }
+    buf[n] = '\0';
+    std::string exeDir(buf);
+    exeDir.erase(exeDir.rfind('/'));
+    for (const std::string &candidate : {exeDir + "/ps/libps.so", exeDir + "/libps.so"}) {
+        if (realpath(candidate.c_str(), buf) != nullptr) {
+            return buf;
+        }
+    }
+    return "";
+}
+
 bool ParseBoards(const std::string &text, std::vector<int> &boards)
 {
     boards.clear();
@@ -163,6 +183,10 @@ int main(int argc, char **argv)
     app.add_option("--master-board", masterBoard, "board that starts as master");
     app.add_option("--boards", boardsText, "running boards: 0 or 0,1");
     app.add_option("--daemon", g_opt.daemonPath, "board daemon program (default: tbdld of this build)");
+    app.add_option("--ps-lib", g_opt.psLibPath, "PS library given to the boards (default: libps.so of this build)");
+    app.add_option("--no-ps-lib", g_opt.noPsLibBoards, "board that starts without the PS library (repeatable)")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+        ->check(CLI::Range(0, tbdl::plat::kMaxBoards - 1));
     app.add_option("--stop-timeout", g_opt.stopTimeoutMs, "ms a board daemon gets to stop before SIGKILL");
     app.add_flag("--journal", g_opt.journal, "journal every platform call of the boards");
     app.add_flag("--foreground", g_opt.foreground, "do not detach; log to stderr too");
@@ -234,6 +258,13 @@ int main(int argc, char **argv)
         Fail("board daemon " + g_opt.daemonPath + " is not an executable program");
     }
     g_opt.daemonPath = real; /* daemons start in their board directory */
+    if (g_opt.psLibPath.empty()) {
+        g_opt.psLibPath = DefaultPsLibPath();
+    } else if (realpath(g_opt.psLibPath.c_str(), real) == nullptr) {
+        Fail("PS library " + g_opt.psLibPath + ": " + std::strerror(errno));
+    } else {
+        g_opt.psLibPath = real;
+    }
 
     int readyPipe[2] = {-1, -1};
     if (!g_opt.foreground) {
@@ -263,7 +294,8 @@ int main(int argc, char **argv)
     }
     WritePid(pidFd);
     Log("starting on " + g_opt.dir + " with settings " + tbdl::plat::SettingsToJson(s) + ", daemon " +
-        g_opt.daemonPath + (g_opt.journal ? ", journal on" : ""));
+        g_opt.daemonPath + (g_opt.journal ? ", journal on" : "") + ", PS library " +
+        (g_opt.psLibPath.empty() ? "none" : g_opt.psLibPath));
     if (!LoopInit(g_opt, err) || !SvcInit(err) || !ServicesInit(err)) {
         Log("start failed: " + err);
         Fail(err);

@@ -37,8 +37,11 @@ struct PsBundle {
 struct PsTable {
     std::map<uint32_t, PsBundle> bundles;
     bool inCycle = false;
-    uint64_t updates = 0, deletes = 0, cycles = 0, dropped = 0, malformed = 0;
+    uint64_t updates = 0, deletes = 0, cycles = 0, dropped = 0, malformed = 0, received = 0;
     std::deque<Bytes> sends;
+    /* When the open cycle began, and how long the last one lasted. */
+    Clock::time_point cycleBegan;
+    uint64_t lastCycleUs = 0;
 };
 
 struct PsBoard {
@@ -53,6 +56,7 @@ void Smooth(int board, PsTable &t, uint32_t type)
 {
     if (type == TBDL_PS_SMOOTH_BEGIN) {
         t.inCycle = true;
+        t.cycleBegan = Clock::now();
         for (auto &[num, b] : t.bundles) {
             b.refreshed = false;
         }
@@ -64,6 +68,8 @@ void Smooth(int board, PsTable &t, uint32_t type)
     }
     t.inCycle = false;
     t.cycles++;
+    t.lastCycleUs = static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - t.cycleBegan).count());
     size_t dropped = std::erase_if(t.bundles, [](const auto &kv) { return !kv.second.refreshed; });
     t.dropped += dropped;
     if (dropped > 0) {
@@ -104,6 +110,7 @@ std::string Hex(const Bytes &b)
 void Receive(int board, const Bytes &send, bool truncated)
 {
     PsTable &t = g_ps[board].table;
+    t.received++;
     t.sends.push_back(send);
     if (t.sends.size() > kKeptSends) {
         t.sends.pop_front();
@@ -237,21 +244,26 @@ std::string IfName(uint32_t ifIndex)
     return i != nullptr ? i->name : "";
 }
 
+/* With "counters_only", no bundles: cheap enough to poll. */
 Json Dump(int board, const Json &req)
 {
     const PsTable &t = g_ps[board].table;
-    Json bundles = Json::array();
-    for (const auto &[num, b] : t.bundles) {
-        bundles.push_back({{"bundle", num},
-                           {"working", {{"ifindex", b.v.workIfIndex}, {"name", IfName(b.v.workIfIndex)}, {"up", b.v.workUp}}},
-                           {"protection", {{"ifindex", b.v.protIfIndex}, {"name", IfName(b.v.protIfIndex)}, {"up", b.v.protUp}}},
-                           {"protection_kind", b.v.protKind == TBDL_PS_PROT_ONE_PLUS_ONE ? "1+1"
-                                               : b.v.protKind == TBDL_PS_PROT_ONE_TO_ONE ? "1:1"
-                                                                                        : std::to_string(b.v.protKind)}});
-    }
     Json out = {{"board", board},         {"stopped", g_ps[board].stopped}, {"connections", g_ps[board].conns.size()},
-                {"bundles", bundles},     {"updates", t.updates},           {"deletes", t.deletes},
-                {"cycles", t.cycles},     {"dropped", t.dropped},           {"malformed", t.malformed}};
+                {"bundle_count", t.bundles.size()}, {"updates", t.updates}, {"deletes", t.deletes},
+                {"cycles", t.cycles},     {"dropped", t.dropped},           {"malformed", t.malformed},
+                {"received", t.received}, {"last_cycle_us", t.lastCycleUs}};
+    if (!req.value("counters_only", false)) {
+        Json bundles = Json::array();
+        for (const auto &[num, b] : t.bundles) {
+            bundles.push_back({{"bundle", num},
+                               {"working", {{"ifindex", b.v.workIfIndex}, {"name", IfName(b.v.workIfIndex)}, {"up", b.v.workUp}}},
+                               {"protection", {{"ifindex", b.v.protIfIndex}, {"name", IfName(b.v.protIfIndex)}, {"up", b.v.protUp}}},
+                               {"protection_kind", b.v.protKind == TBDL_PS_PROT_ONE_PLUS_ONE ? "1+1"
+                                                   : b.v.protKind == TBDL_PS_PROT_ONE_TO_ONE ? "1:1"
+                                                                                            : std::to_string(b.v.protKind)}});
+        }
+        out["bundles"] = std::move(bundles);
+    }
     if (req.value("sends", false)) {
         Json sends = Json::array();
         for (const Bytes &s : t.sends) {

@@ -83,6 +83,11 @@ Answer Client::DumpPs(int board, bool sends)
     return Call({{"cmd", "dump_ps"}, {"board", board}, {"sends", sends}});
 }
 
+Answer Client::DumpCounters(const std::string &kind, int board)
+{
+    return Call({{"cmd", "dump_" + kind}, {"board", board}, {"counters_only", true}});
+}
+
 Answer Client::ServiceStop(const std::string &service, std::optional<int> board)
 {
     return BoardCall(service + "_stop", board);

@@ -70,6 +70,8 @@ public:
     Answer Dump(const std::string &kind, std::optional<int> board = std::nullopt);
     /* A board's PS table; with sends, the bytes of the sends it kept. */
     Answer DumpPs(int board, bool sends);
+    /* A board's "lsm" or "ps" counters without the table (cheap to poll). */
+    Answer DumpCounters(const std::string &kind, int board);
     /* Stops ("lsm", "ps") service on one board or every board: its
      * connections close and registrations are refused until it starts. */
     Answer ServiceStop(const std::string &service, std::optional<int> board = std::nullopt);

@@ -78,6 +78,13 @@ public:
     /* Every board's plan, or one board's. */
     Answer FailClear(std::optional<int> board = std::nullopt);
     Answer HaEvent(int board, uint32_t event);
+    /* The HA pair: a planned switchover (answered when it is over, with
+     * its steps), a board failure and recovery, the HA link cut or
+     * restored. */
+    Answer Switchover();
+    Answer BoardFail(int board);
+    Answer BoardRecover(int board);
+    Answer HaLink(bool cut);
 
 private:
     Answer Call(const Json &request);

@@ -1,7 +1,7 @@
 /* HA service of the chassis: which board is master, which boards' daemons
  * have joined the HA service (HA_Init opens a channel connection), events
  * 0-3 pushed to a board's daemon, the responses it gives, and the relay of
- * backup messages from the master's daemon to the standby's.
+ * backup messages from one board's daemon to the other's.
  *
  * Every push carries the board's current role and standby presence, so the
  * library's cached answers to HA_IsMaster / HA_IsExistSlaveService change
@@ -313,13 +313,13 @@ uint32_t Response(int board, uint32_t event, const uint8_t *data, size_t len)
     return 0;
 }
 
-/* HA_SendMsgSync: the master's backups go to the standby's channel; what
- * the link cannot carry is dropped and counted. */
+/* HA_SendMsgSync: relayed to the peer board's channel. What the link
+ * cannot carry, or what a failed board sent before it died, is dropped
+ * and counted. */
 uint32_t Send(int board, uint32_t flag, const uint8_t *msg, size_t len)
 {
     int peer = Peer(board);
-    if (board != HaMaster() || !Up(board) || g_cut || !Up(peer) || !Joined().Has(peer) || len == 0 ||
-        len > 65535) {
+    if (!Up(board) || g_cut || !Up(peer) || !Joined().Has(peer) || len == 0 || len > 65535) {
         g_dropped++;
         return 1;
     }

@@ -31,7 +31,7 @@ void Enter(const std::string &dir, int board, bool journal = false)
 
 class ChassisPlatform : public ::testing::Test {
 protected:
-    void StartChassis(const std::vector<std::string> &args = {})
+    void StartChassis(const std::vector<std::string> &args = {"--boards", "0"})
     {
         ProcRun r = c.Start(args);
         ASSERT_EQ(r.status, 0) << r.err;

@@ -158,6 +158,7 @@ TEST_F(HaPair, MasterFailureMidStreamThenRecoveryAndLinkCut)
     ASSERT_LT(answered.load(), 900u) << "the failed master went on answering";
     ASSERT_EQ(MasterOf(m_chassis), 1);
     EXPECT_EQ(m_chassis.Board(0).value("state", ""), "down");
+    ASSERT_TRUE(systest::WaitUntil([&] { return Field(Field(m_chassis.CtlJson({"dump", "ha"}), "failover"), "done") == true; }));
     EXPECT_NE(m_chassis.Ctl({"switchover"}).err.find("no standby"), std::string::npos);
     m_client = ClientOf(m_chassis, 1);
     ASSERT_TRUE(m_client);
@@ -217,6 +218,22 @@ TEST_F(HaPair, UnansweredEventsAndInjectedEvents)
         ASSERT_TRUE(m_client) << what;
         EXPECT_TRUE(systest::WaitUntil([&] { return PairAgrees(m_chassis, *m_client); })) << what;
     }
+}
+
+/* A chassis starts both boards unless told otherwise; started again on
+ * its directory, it keeps the settings it had but for those given. */
+TEST(HaPairSettings, TwoBoardsByDefaultAndStoredSettingsKept)
+{
+    Chassis c("hasettings");
+    auto settings = [&] { return Field(c.CtlJson({"status"}), "settings"); };
+    ASSERT_TRUE(Exited(c.Start(), 0));
+    EXPECT_EQ(settings()["boards"], Json({0, 1}));
+    ASSERT_TRUE(c.Stop());
+    ASSERT_TRUE(Exited(c.Start({"--boards", "1", "--bundle-slots", "64"}), 0));
+    ASSERT_TRUE(c.Stop());
+    ASSERT_TRUE(Exited(c.Start({"--ha-mtu", "300"}), 0));
+    EXPECT_EQ(Json({settings()["boards"], settings()["master_board"], settings()["bundle_slots"], settings()["ha_mtu"]}),
+              Json({Json({1}), 1, 64, 300}));
 }
 
 } // namespace

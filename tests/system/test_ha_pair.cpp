@@ -167,6 +167,8 @@ TEST_F(HaPair, MasterFailureMidStreamThenRecoveryAndLinkCut)
         EXPECT_EQ(shown.count(b), 1u) << "bundle " << b << " was answered 0 by the old master";
     }
     EXPECT_TRUE(Answers(m_client->CreateBundle(7, TBDL_MODE_ONETOONE, 0), TBDL_OK));
+    ASSERT_TRUE(AddTunnel(m_chassis, 70));
+    EXPECT_TRUE(Answers(m_client->AddMember(7, {70, 1, 0}), TBDL_OK));
     EXPECT_TRUE(StoreMatches(m_chassis, *m_client));
 
     ASSERT_TRUE(Exited(m_chassis.Ctl({"board", "recover", "0"}), 0));
@@ -176,7 +178,7 @@ TEST_F(HaPair, MasterFailureMidStreamThenRecoveryAndLinkCut)
     ASSERT_TRUE(Exited(m_chassis.Ctl({"ha", "cut"}), 0));
     EXPECT_FALSE(m_chassis.CtlJson({"dump", "ha"})["boards"][1].value("standby_present", true));
     EXPECT_TRUE(Answers(m_client->CreateBundle(8, TBDL_MODE_ONETOONE, 0), TBDL_OK));
-    EXPECT_TRUE(Answers(m_client->DeleteBundle(100), TBDL_OK));
+    EXPECT_TRUE(Answers(m_client->RemoveMember(7, 70), TBDL_OK));
     EXPECT_FALSE(KtbdlMatches(m_chassis, *m_client, 0)) << "the standby followed a cut link";
     ASSERT_TRUE(Exited(m_chassis.Ctl({"ha", "restore"}), 0));
     EXPECT_TRUE(systest::WaitUntil([&] { return PairAgrees(m_chassis, *m_client); }));

@@ -118,7 +118,8 @@ public:
     std::size_t KernelMembers(int board) const
     {
         std::size_t n = 0;
-        for (const Json &b : Expect(Control().Dump("ktbdl", board), "dump ktbdl")["bundles"]) {
+        const Json table = Expect(Control().Dump("ktbdl", board), "dump ktbdl");
+        for (const Json &b : table["bundles"]) {
             n += b["members"].size();
         }
         return n;
@@ -279,7 +280,8 @@ int main(int argc, char **argv)
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(120);
     while (ch.KernelMembers(1) < std::size_t{opt.bundles} * opt.members) {
         if (Clock::now() > deadline) {
-            Die("the standby's kernel table does not follow the master's");
+            Die("the standby's kernel table does not follow the master's (" + std::to_string(ch.KernelMembers(1)) + " of " +
+                std::to_string(opt.bundles * opt.members) + " members)");
         }
         ::poll(nullptr, 0, 10);
     }

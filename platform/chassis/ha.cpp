@@ -77,7 +77,10 @@ int Peer(int b) { return 1 - b; }
 
 SubscriberList &Joined() { return Subscribers(Channel::HA); }
 
-bool Up(int b) { return g_boards[b].present && g_boards[b].state != BoardState::DOWN; }
+bool Up(int b)
+{
+    return b >= 0 && b < tbdl::plat::kMaxBoards && g_boards[b].present && g_boards[b].state != BoardState::DOWN;
+}
 
 /* The master's daemon may count on a standby: it has joined and the link
  * carries messages to it. */

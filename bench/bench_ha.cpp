@@ -76,9 +76,15 @@ public:
             Die("the chassis did not start");
         }
     }
-    void Stop() const { (void)!std::system((m_opt.binDir + "/tools/chassisctl --dir " + m_dir + " stop >/dev/null").c_str()); }
+    void Stop() const
+    {
+        (void)!std::system((m_opt.binDir + "/tools/chassisctl --dir " + m_dir + " stop >/dev/null").c_str());
+    }
 
-    tbdl::ctl::Client Control(int timeoutMs = 60000) const { return tbdl::ctl::Client(m_dir + "/chassisd.sock", timeoutMs); }
+    tbdl::ctl::Client Control(int timeoutMs = 60000) const
+    {
+        return tbdl::ctl::Client(m_dir + "/chassisd.sock", timeoutMs);
+    }
 
     Json Expect(const tbdl::ctl::Answer &a, const char *what) const
     {
@@ -287,8 +293,8 @@ int main(int argc, char **argv)
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(120);
     while (ch.KernelMembers(1) < std::size_t{opt.bundles} * opt.members) {
         if (Clock::now() > deadline) {
-            Die("the standby's kernel table does not follow the master's (" + std::to_string(ch.KernelMembers(1)) + " of " +
-                std::to_string(opt.bundles * opt.members) + " members)");
+            Die("the standby's kernel table does not follow the master's (" + std::to_string(ch.KernelMembers(1)) +
+                " of " + std::to_string(opt.bundles * opt.members) + " members)");
         }
         ::poll(nullptr, 0, 10);
     }

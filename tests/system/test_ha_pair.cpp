@@ -79,7 +79,10 @@ protected:
             }
         }
     }
-    std::string Journal(int board) const { return systest::ReadFile(m_chassis.Path("board" + std::to_string(board) + "/journal.jsonl")); }
+    std::string Journal(int board) const
+    {
+        return systest::ReadFile(m_chassis.Path("board" + std::to_string(board) + "/journal.jsonl"));
+    }
 
     Chassis m_chassis{"hapair"};
     std::optional<tc::Client> m_client;
@@ -93,7 +96,9 @@ testing::AssertionResult MembersFollowTheirBundle(const std::string &journal, si
     std::istringstream in(journal.substr(offset));
     std::uint32_t current = 0;
     size_t adds = 0;
-    auto le32 = [](const tc::Bytes &b, size_t at) { return b[at] | b[at + 1] << 8 | b[at + 2] << 16 | std::uint32_t(b[at + 3]) << 24; };
+    auto le32 = [](const tc::Bytes &b, size_t at) {
+        return b[at] | b[at + 1] << 8 | b[at + 2] << 16 | std::uint32_t(b[at + 3]) << 24;
+    };
     for (std::string line; std::getline(in, line);) {
         Json j = Json::parse(line, nullptr, false);
         if (j.is_discarded() || j.value("call", "") != "CIOCTL") {
@@ -104,7 +109,8 @@ testing::AssertionResult MembersFollowTheirBundle(const std::string &journal, si
         if (cmd == 0x7c0002 && p && p->size() == 36) {
             current = le32(*p, 20);
         } else if (cmd == 0x7c0003 && p && p->size() == 8 && ++adds && le32(*p, 0) != current) {
-            return testing::AssertionFailure() << "member add for bundle index " << le32(*p, 0) << " after the update of " << current;
+            return testing::AssertionFailure() << "member add for bundle index " << le32(*p, 0)
+                                               << " after the update of " << current;
         }
     }
     return adds > 0 ? testing::AssertionSuccess() : testing::AssertionFailure() << "no member was added";
@@ -128,7 +134,7 @@ TEST_F(HaPair, SwitchoversKeepEveryBundleAndBatchOrder)
         ASSERT_TRUE(m_client) << "round " << round;
         EXPECT_EQ(Shown(*m_client), before) << "round " << round;
         EXPECT_TRUE(PairAgrees(m_chassis, *m_client)) << "round " << round;
-        EXPECT_GT(m_chassis.CtlJson({"dump", "ha"}).value("batch_sends", 0), sends + 1) << "an MTU of 100 takes several sends";
+        EXPECT_GT(m_chassis.CtlJson({"dump", "ha"}).value("batch_sends", 0), sends + 1) << "an MTU of 100: several sends";
         EXPECT_TRUE(MembersFollowTheirBundle(Journal(from), mark)) << "round " << round;
         auto old = tc::Client::Connect(m_chassis.dir(), from, 500);
         EXPECT_FALSE(old && old->GetLimits()) << "the old master still answers configuration";
@@ -158,7 +164,9 @@ TEST_F(HaPair, MasterFailureMidStreamThenRecoveryAndLinkCut)
     ASSERT_LT(answered.load(), 900u) << "the failed master went on answering";
     ASSERT_EQ(MasterOf(m_chassis), 1);
     EXPECT_EQ(m_chassis.Board(0).value("state", ""), "down");
-    ASSERT_TRUE(systest::WaitUntil([&] { return Field(Field(m_chassis.CtlJson({"dump", "ha"}), "failover"), "done") == true; }));
+    ASSERT_TRUE(systest::WaitUntil([&] {
+        return Field(Field(m_chassis.CtlJson({"dump", "ha"}), "failover"), "done") == true;
+    }));
     EXPECT_NE(m_chassis.Ctl({"switchover"}).err.find("no standby"), std::string::npos);
     m_client = ClientOf(m_chassis, 1);
     ASSERT_TRUE(m_client);
@@ -215,7 +223,8 @@ TEST_F(HaPair, UnansweredEventsAndInjectedEvents)
         Json steps = Switchover(m_chassis);
         kill(pid, SIGCONT);
         ASSERT_EQ(steps.size(), 9u) << what << steps.dump(1);
-        EXPECT_EQ(steps[1]["step"], "no response from board " + std::to_string(from) + " to event 0 within 400 ms") << what;
+        EXPECT_EQ(steps[1]["step"], "no response from board " + std::to_string(from) + " to event 0 within 400 ms")
+            << what;
         m_client = ClientOf(m_chassis, 1 - from);
         ASSERT_TRUE(m_client) << what;
         EXPECT_TRUE(systest::WaitUntil([&] { return PairAgrees(m_chassis, *m_client); })) << what;
@@ -234,8 +243,8 @@ TEST(HaPairSettings, TwoBoardsByDefaultAndStoredSettingsKept)
     ASSERT_TRUE(Exited(c.Start({"--boards", "1", "--bundle-slots", "64"}), 0));
     ASSERT_TRUE(c.Stop());
     ASSERT_TRUE(Exited(c.Start({"--ha-mtu", "300"}), 0));
-    EXPECT_EQ(Json({settings()["boards"], settings()["master_board"], settings()["bundle_slots"], settings()["ha_mtu"]}),
-              Json({Json({1}), 1, 64, 300}));
+    const Json s = settings();
+    EXPECT_EQ(Json({s["boards"], s["master_board"], s["bundle_slots"], s["ha_mtu"]}), Json({Json({1}), 1, 64, 300}));
 }
 
 } // namespace

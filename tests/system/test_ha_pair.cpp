@@ -183,6 +183,14 @@ TEST_F(HaPair, MasterFailureMidStreamThenRecoveryAndLinkCut)
     EXPECT_EQ(m_chassis.Board(0).value("start_cause_name", ""), "system boot");
     EXPECT_TRUE(systest::WaitUntil([&] { return PairAgrees(m_chassis, *m_client); }));
 
+    /* A daemon killed on its own is restarted in place: its board stays master. */
+    const pid_t killed = m_chassis.BoardPid(1);
+    ASSERT_TRUE(Exited(m_chassis.Ctl({"board", "kill", "1"}), 0));
+    ASSERT_TRUE(m_chassis.WaitBoard(1, [&](const Json &b) { return b["pid"] != killed && b["state"] == "up"; }));
+    EXPECT_EQ(MasterOf(m_chassis), 1);
+    m_client = ClientOf(m_chassis, 1);
+    ASSERT_TRUE(m_client);
+
     ASSERT_TRUE(Exited(m_chassis.Ctl({"ha", "cut"}), 0));
     EXPECT_FALSE(m_chassis.CtlJson({"dump", "ha"})["boards"][1].value("standby_present", true));
     EXPECT_TRUE(Answers(m_client->CreateBundle(8, TBDL_MODE_ONETOONE, 0), TBDL_OK));

@@ -123,5 +123,10 @@ Answer Client::HaEvent(int board, uint32_t event)
 }
 
 Answer Client::Role() { return Call({{"cmd", "role"}}); }
+/* ---- the HA pair ---- */
+Answer Client::Switchover() { return Call({{"cmd", "switchover"}}); }
+Answer Client::BoardFail(int board) { return Call({{"cmd", "board_fail"}, {"board", board}}); }
+Answer Client::BoardRecover(int board) { return Call({{"cmd", "board_recover"}, {"board", board}}); }
+Answer Client::HaLink(bool cut) { return Call({{"cmd", cut ? "ha_cut" : "ha_restore"}}); }
 
 } // namespace tbdl::ctl

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds, and runs the main job: an emulated chassis
-# whose board 0 runs the tunnel-bundle daemon, configured with tbdlctl and
-# inspected with chassisctl, then stopped in order.
+# of two boards (board 0 master, board 1 standby), configured with tbdlctl and
+# inspected with chassisctl; the standby's kernel table follows the master's,
+# then a switchover, configuration on the new master, and a board failure and
+# recovery; then the chassis is stopped in order.
 #   scripts/demo.sh [chassis directory]   (default: a new temporary directory)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -41,6 +43,21 @@ step chassisctl dump lsm --board 0
 step chassisctl board restart 0
 step tbdlctl show bundles
 step chassisctl dump db
+# The standby's kernel table follows the master's over the HA channel.
+step chassisctl dump ktbdl --board 1
+# A planned switchover: board 1 becomes master; tbdlctl asks the chassis
+# which board is master, so the same commands keep working.
+step chassisctl switchover
+step chassisctl if add Tunnel13 --mode 0 --state up
+step tbdlctl bundle create 3 --mode 1+1
+step tbdlctl member add 3 --tunnel 13 --role 0
+step tbdlctl show bundles
+# The master board fails: board 0 is promoted at once; board 1 comes back
+# as standby and receives a batch backup.
+step chassisctl board fail 1
+step tbdlctl show bundle 3
+step chassisctl board recover 1
+step chassisctl dump ha
 step chassisctl stop
 trap - EXIT
 step chassisctl dump log --board 0

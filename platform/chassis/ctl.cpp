@@ -227,6 +227,22 @@ bool HaEvent(int, const Json &req, Json &reply)
     return true;
 }
 
+/* Interface events, L3VPN and the service port. */
+bool IfHangupCmd(int, const Json &req, Json &reply)
+{
+    std::string err;
+    int b = 0;
+    reply = BoardArg(req, b, err) && IfevHangup(b, err) ? Ok() : Error(err);
+    return true;
+}
+
+bool SvcPortCmd(int, const Json &req, Json &reply)
+{
+    std::string err;
+    reply = SvcPortSet(req.at("state").get<std::string>(), err) ? Ok() : Error(err);
+    return true;
+}
+
 struct CtlCommand {
     const char *name;
     CtlFn fn;
@@ -238,6 +254,7 @@ const CtlCommand kCommands[] = {
     {"if_set", IfSetCmd},       {"if_del", IfDelCmd},    {"vrf_bind", VrfBindCmd},
     {"vrf_unbind", VrfUnbindCmd}, {"fail", Fail},         {"fail_clear", FailClear},
     {"ha_event", HaEvent},
+    {"if_hangup", IfHangupCmd}, {"svcport", SvcPortCmd},
 };
 
 /* "dump_<name>": the dump of the service that declares that name. */

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -33,6 +34,7 @@ struct Answer {
 /* Interface fields of "if add" / "if set"; unset fields are left alone. */
 struct IfChange {
     std::string name;
+    std::vector<std::string> more; /* set only: further interfaces changed alike, at once */
     std::optional<uint32_t> mode;
     bool clearMode = false; /* set only: the interface loses its tunnel mode */
     std::optional<std::string> state; /* "up" or "down" */
@@ -78,6 +80,10 @@ public:
     /* Every board's plan, or one board's. */
     Answer FailClear(std::optional<int> board = std::nullopt);
     Answer HaEvent(int board, uint32_t event);
+    /* Closes a board's interface-event channels. */
+    Answer IfHangup(int board);
+    /* The service port: "up", "down" or "absent". */
+    Answer SvcPort(const std::string &state);
 
 private:
     Answer Call(const Json &request);

@@ -16,6 +16,7 @@ void PrintLsmText(const Json &reply);
 void PrintPsText(const Json &reply);
 void PrintHaText(const Json &reply);
 void PrintFailText(const Json &reply);
+void PrintSvcPortText(const Json &reply);
 
 int Main(int argc, char **argv);
 

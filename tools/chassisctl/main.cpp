@@ -307,7 +307,9 @@ Json Done(const Answer &answer, const std::string &name, const char *action)
 {
     Json reply = Expect(answer);
     Json out = {{"interface", name}, {"action", action}};
-    if (reply.contains("interface") && reply["interface"].is_object()) {
+    if (reply.contains("interface") && reply["interface"].is_array()) {
+        out["interfaces"] = reply["interface"]; /* if set of several */
+    } else if (reply.contains("interface") && reply["interface"].is_object()) {
         for (const auto &[key, value] : reply["interface"].items()) {
             if (key != "name") {
                 out[key] = value;
@@ -361,7 +363,12 @@ void IfSetOptions(CLI::App &c, Args &a)
 
 void IfText(const Json &r, const Args &a)
 {
-    std::cout << "interface " << a.ifName << " " << r["action"].get<std::string>() << "\n";
+    std::string names = a.ifName;
+    for (const std::string &n : a.moreIfNames) {
+        names += ", " + n;
+    }
+    std::cout << (a.moreIfNames.empty() ? "interface " : "interfaces ") << names << " "
+              << r["action"].get<std::string>() << "\n";
 }
 
 void FailOptions(CLI::App &c, Args &a)

@@ -4,7 +4,8 @@
 # Exits non-zero when any input makes a target fail.
 #
 #   fuzz/run.sh [SECONDS]        (default 60 for the configuration request
-#                                 path, a third of it for the PS receiver;
+#                                 path, a third of it for the PS receiver,
+#                                 20 s for the interface-event callback;
 #                                 build dir: build-fuzz)
 #
 # A failing input is left in build-fuzz/artifacts/; once the fault is fixed,
@@ -17,7 +18,7 @@ BUILD="${TBDL_FUZZ_BUILD:-$ROOT/build-fuzz}"
 SECONDS_MAX="${1:-60}"
 
 CC=clang-14 CXX=clang++-14 cmake -S "$ROOT/fuzz" -B "$BUILD" >/dev/null
-cmake --build "$BUILD" --target fuzz_cfg_request fuzz_ps_send -j2
+cmake --build "$BUILD" --target fuzz_cfg_request fuzz_ps_send fuzz_if_event -j2
 
 ARTIFACTS="$BUILD/artifacts"
 mkdir -p "$ARTIFACTS"
@@ -42,4 +43,6 @@ fuzz() {
 
 fuzz fuzz_cfg_request "$ROOT/fuzz/corpus/cfg_request" "$SECONDS_MAX" 2100 "$ROOT/fuzz/regressions"
 fuzz fuzz_ps_send "$ROOT/fuzz/corpus/ps_send" $((SECONDS_MAX / 3 > 0 ? SECONDS_MAX / 3 : 1)) 2048
+# Interface events: a code and up to 64 entries.
+fuzz fuzz_if_event "$ROOT/fuzz/corpus/if_event" 20 516
 echo "fuzz: no failure found"

@@ -1,8 +1,12 @@
 /* Fake interface manager, tunnel library and L3VPN service: interfaces,
  * their data, VRF bindings and the private-data store. */
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <utility>
 
 #include "fake_internal.h"
@@ -22,6 +26,53 @@ struct IfState {
     std::map<uint32_t, void *> mapPd;
     bool bPdCreated = false;
 } g_stIf;
+
+/* The interface-event channel: a pipe whose read end is the descriptor,
+ * one byte written per pending packet; the one subscription. */
+struct IfEvState {
+    int aiPipe[2] = {-1, -1};
+    std::deque<std::pair<uint32_t, std::vector<uint32_t>>> dqPackets;
+    IF_EVENT_CB_PF pfnCallback = nullptr;
+    uint32_t uiArg = 0;
+    uint32_t uiHandle = 0;
+    uint32_t uiLastHandle = 0x50;
+} g_stIfEv;
+
+void CloseEventPipe()
+{
+    for (int &iFd : g_stIfEv.aiPipe) {
+        if (iFd >= 0) {
+            close(iFd);
+        }
+        iFd = -1;
+    }
+    g_stIfEv.dqPackets.clear();
+}
+
+/* Hands the next pending packet to the subscriber: 0 when one was handled
+ * or none is pending, 1 at the end of the channel. */
+uint64_t DeliverPacket(i32 iFd)
+{
+    char c = 0;
+    if (iFd < 0 || iFd != g_stIfEv.aiPipe[0]) {
+        return 1;
+    }
+    ssize_t lRead = read(iFd, &c, 1);
+    if (lRead <= 0) {
+        return lRead == 0 ? 1 : 0;
+    }
+    auto packet = g_stIfEv.dqPackets.front();
+    g_stIfEv.dqPackets.pop_front();
+    std::vector<IF_EVENT_ENTRY_S> vecEntries;
+    for (uint32_t ui : packet.second) {
+        vecEntries.push_back({ui, 0});
+    }
+    if (g_stIfEv.pfnCallback != nullptr) {
+        (void)g_stIfEv.pfnCallback(packet.first, vecEntries.data(), static_cast<u32>(vecEntries.size()),
+                                   g_stIfEv.uiArg);
+    }
+    return 0;
+}
 
 uint32_t NextFreeIndex(uint32_t uiFrom)
 {
@@ -61,7 +112,33 @@ uint64_t PdAt(u64 ulInstance, std::map<uint32_t, void *>::iterator it, u32 *puiI
 
 } // namespace
 
-void detail::ResetIf() { g_stIf = IfState{}; }
+void detail::ResetIf()
+{
+    g_stIf = IfState{};
+    CloseEventPipe();
+    g_stIfEv = IfEvState{};
+}
+
+void IfEventPush(uint32_t event, const std::vector<uint32_t> &ifIndexes)
+{
+    g_stIfEv.dqPackets.emplace_back(event, ifIndexes);
+    char c = 1;
+    if (g_stIfEv.aiPipe[1] < 0 || write(g_stIfEv.aiPipe[1], &c, 1) != 1) {
+        g_stIfEv.dqPackets.pop_back();
+    }
+}
+
+void IfEventHangUp()
+{
+    if (g_stIfEv.aiPipe[1] >= 0) {
+        close(g_stIfEv.aiPipe[1]);
+        g_stIfEv.aiPipe[1] = -1;
+    }
+}
+
+int IfEventFd() { return g_stIfEv.aiPipe[0]; }
+
+uint32_t IfEventHandle() { return g_stIfEv.uiHandle; }
 
 uint32_t AddTunnel(uint32_t number, uint32_t tnlMode, uint32_t state, uint16_t vrf)
 {
@@ -218,6 +295,73 @@ u32 IF_GetNextPrivateData(u64 ulInstance, u32 *puiIfIndex, void **ppvData)
 {
     return Run<u32>(Mk(__func__, {U(ulInstance), U(*puiIfIndex)}),
                     [&] { return PdAt(ulInstance, g_stIf.mapPd.upper_bound(*puiIfIndex), puiIfIndex, ppvData); });
+}
+
+i32 IF_Event_Init(void)
+{
+    return Run<i32>(Mk(__func__, {}), []() -> uint64_t {
+        CloseEventPipe();
+        if (pipe2(g_stIfEv.aiPipe, O_NONBLOCK | O_CLOEXEC) != 0) {
+            return S(-1);
+        }
+        return S(g_stIfEv.aiPipe[0]);
+    });
+}
+
+void IF_Event_Fini(i32 iFd)
+{
+    Run<void>(Mk(__func__, {S(iFd)}), [&] {
+        if (iFd >= 0 && iFd == g_stIfEv.aiPipe[0]) {
+            CloseEventPipe();
+        }
+    });
+}
+
+u32 IF_Select_Init(u32 uiKind, void *pvSelect, void *pvSelectData)
+{
+    return Run<u32>(Mk(__func__, {U(uiKind)}, Copy(pvSelect, 16), Copy(pvSelectData, 24)), 0);
+}
+
+u32 IF_SelectType_Set(u32 uiIfType, void *pvSelect)
+{
+    return Run<u32>(Mk(__func__, {U(uiIfType)}, Copy(pvSelect, 16)), 0);
+}
+
+u32 IF_RegIfEventEx(u32 uiModule, u32 uiMask, u32 uiPriority, void *pvSelect, IF_EVENT_CB_PF pfnCallback,
+                    u32 uiArg)
+{
+    return Run<u32>(Mk(__func__, {U(uiModule), U(uiMask), U(uiPriority), U(uiArg)}, Copy(pvSelect, 16)), [&] {
+        g_stIfEv.pfnCallback = pfnCallback;
+        g_stIfEv.uiArg = uiArg;
+        g_stIfEv.uiHandle = ++g_stIfEv.uiLastHandle;
+        return g_stIfEv.uiHandle;
+    });
+}
+
+u32 IF_UnRegEvent(u32 uiHandle, u32 uiMask)
+{
+    return Run<u32>(Mk(__func__, {U(uiHandle), U(uiMask)}), [&]() -> uint64_t {
+        if (uiHandle == 0 || uiHandle != g_stIfEv.uiHandle) {
+            return 1;
+        }
+        g_stIfEv.pfnCallback = nullptr;
+        g_stIfEv.uiHandle = 0;
+        return 0;
+    });
+}
+
+/* The events reach the callback while the call runs, so their platform
+ * calls are recorded before this one. */
+u32 IF_ResponseEventPkt(i32 iFd)
+{
+    return Run<u32>(Mk(__func__, {S(iFd)}), [&] { return DeliverPacket(iFd); });
+}
+
+u32 IF_NotifyFinalStatus(u32 uiHandle, u32 uiEvent, void *pastIf, u32 uiCount, u32 uiArg)
+{
+    return Run<u32>(Mk(__func__, {U(uiHandle), U(uiEvent), U(uiCount), U(uiArg)},
+                       Copy(pastIf, size_t{uiCount} * sizeof(IF_EVENT_ENTRY_S))),
+                    0);
 }
 
 u32 TUNNEL_GetMode(u32 uiIfIndex, u32 *puiMode)

@@ -95,6 +95,17 @@ Interface *FindInterface(const std::string &name);
 /* Private-data store: ifindex -> pointer, for the one instance. */
 std::map<uint32_t, void *> &PrivateData();
 
+/* Interface events. IF_Event_Init opens a pipe whose read end is the event
+ * descriptor; IF_RegIfEventEx takes the one subscription (handles 0x51
+ * upward); each IF_ResponseEventPkt hands one pushed packet to its callback
+ * (entries of IF_EVENT_ENTRY_S), answers 0 when none is pending and 1 once
+ * the channel is hung up. IF_NotifyFinalStatus records the entries in data. */
+void IfEventPush(uint32_t event, const std::vector<uint32_t> &ifIndexes);
+/* Closes the writing end: the descriptor reports a hang-up. */
+void IfEventHangUp();
+int IfEventFd();          /* the open descriptor, -1 when none */
+uint32_t IfEventHandle(); /* the live subscription, 0 when none */
+
 /* Database: sorted lists keyed by the key bytes; records in stored
  * (big-endian) form, kept in sort-word order. */
 using Bytes = std::vector<uint8_t>;

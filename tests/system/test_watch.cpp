@@ -1,0 +1,97 @@
+/* The real daemon follows what the chassis reports: tunnel interface events
+ * of members. After each change the display, the kernel table and the
+ * stored records must agree. */
+#include <gtest/gtest.h>
+
+#include "cfg_checks.h"
+
+namespace tc = tbdl::client;
+using namespace tbdl::cfgtest;
+
+namespace {
+
+class Watch : public DaemonTest {
+protected:
+    Watch() : DaemonTest("watch") {}
+
+    /* Bundle n (load balancing) with member tunnels, all up. */
+    void Bundle(std::uint32_t n, std::vector<std::uint32_t> tunnels)
+    {
+        ASSERT_TRUE(Answers(m_client->CreateBundle(n, TBDL_MODE_LOADBALANCING, 0), TBDL_OK));
+        for (std::uint32_t t : tunnels) {
+            ASSERT_TRUE(AddTunnel(m_chassis, t));
+            ASSERT_TRUE(Answers(m_client->AddMember(n, {t, 1, 0}), TBDL_OK)) << t;
+        }
+    }
+
+    /* "state S members T:S ..." of bundle n as displayed, members by tunnel
+     * number; "" when absent. */
+    std::string Shown(std::uint32_t n)
+    {
+        tc::Outcome<tc::Shown<tc::BndDetail>> s = m_client->ShowBundle(n);
+        if (!s || s->uiResult != TBDL_OK || !s->value) {
+            return "";
+        }
+        std::map<std::uint32_t, unsigned> members;
+        for (const tc::MembDetail &m : s->value->members) {
+            members[m.uiTnlNum] = m.ucState;
+        }
+        std::string text = "state " + std::to_string(s->value->ucState) + " members";
+        for (const auto &[t, st] : members) {
+            text += " " + std::to_string(t) + ":" + std::to_string(st);
+        }
+        return text;
+    }
+
+    /* Waits until bundle n shows want, then checks kernel and database. */
+    testing::AssertionResult Becomes(std::uint32_t n, const std::string &want)
+    {
+        if (!tbdl::systest::WaitUntil([&] { return Shown(n) == want; })) {
+            return testing::AssertionFailure() << "bundle " << n << " shows '" << Shown(n) << "', not '" << want << "'";
+        }
+        return Consistent(m_chassis, *m_client);
+    }
+
+    Json Events() { return m_chassis.CtlJson({"dump", "if"})["events"][0]; }
+};
+
+TEST_F(Watch, MemberTunnelsDownUpAndDeleted)
+{
+    Bundle(1, {10, 11});
+    ASSERT_TRUE(Becomes(1, "state 1 members 10:1 11:1"));
+    const struct {
+        std::vector<std::string> ctl;
+        const char *shown;
+    } steps[] = {
+        {{"if", "set", "Tunnel10", "Tunnel11", "--state", "down"}, "state 0 members 10:0 11:0"},
+        {{"if", "set", "Tunnel11", "--state", "up"}, "state 1 members 10:0 11:1"},
+        {{"if", "del", "Tunnel11"}, "state 0 members 10:0"},
+        {{"if", "set", "Tunnel10", "--state", "up"}, "state 1 members 10:1"},
+    };
+    for (const auto &s : steps) {
+        ASSERT_TRUE(Exited(m_chassis.Ctl(s.ctl), 0));
+        EXPECT_TRUE(Becomes(1, s.shown)) << s.ctl[3];
+    }
+    EXPECT_TRUE(tbdl::systest::WaitUntil([&] { return IfIndexes(m_chassis).count("Tunnel11") == 0; }))
+        << "the deleted tunnel goes once the daemon acknowledged";
+    Json ev = Events();
+    EXPECT_EQ(Json({ev["packets_sent"], ev["entries_sent"], ev["acks"], ev["entries_acked"]}), Json({4, 5, 4, 5}));
+}
+
+TEST_F(Watch, HangUpOfTheInterfaceEventChannelRestartsTheSubscription)
+{
+    Bundle(2, {20});
+    const Json before = Events()["subscriptions"];
+    ASSERT_EQ(before.size(), 1u);
+    ASSERT_TRUE(Exited(m_chassis.Ctl({"if", "hangup", "--board", "0"}), 0));
+    EXPECT_TRUE(tbdl::systest::WaitUntil([&] {
+        Json now = Events()["subscriptions"];
+        return now.size() == 1 && now[0]["handle"] != before[0]["handle"];
+    })) << "the daemon subscribed again";
+    ASSERT_TRUE(Exited(m_chassis.Ctl({"if", "set", "Tunnel20", "--state", "down"}), 0));
+    EXPECT_TRUE(tbdl::systest::WaitUntil([&] { return Events()["acks"] == 1; })) << "and acknowledges events";
+    EXPECT_EQ(Events()["hangups"], 1);
+    EXPECT_TRUE(Consistent(m_chassis, *m_client));
+}
+
+} // namespace

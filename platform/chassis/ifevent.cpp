@@ -9,6 +9,7 @@
  * went to has acknowledged (or closed, or a deadline passed), so a daemon
  * can still read the interface while it handles the event. */
 #include <algorithm>
+#include <cstring>
 #include <set>
 
 #include "chassisd.h"

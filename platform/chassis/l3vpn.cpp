@@ -51,7 +51,7 @@ void Send(Conn &c, uint32_t event, const rpc::L3vpnEvt *evt)
 
 void OnRegister(Conn &c, const rpc::Hdr &h, const uint8_t *p, size_t len)
 {
-    if (g_l3.stopped[h.usBoard] || len == 0 || len > rpc::kMaxIfName) {
+    if (g_l3.stopped[h.usBoard] || len == 0 || len > rpc::kMaxL3vpnClientName) {
         g_l3.refused[h.usBoard]++;
         Reply(c, h, 1);
         return;

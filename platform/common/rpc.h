@@ -240,6 +240,8 @@ struct NoBody {};
 
 /* Largest interface name in an IF_INDEX_BY_NAME request. */
 inline constexpr size_t kMaxIfName = 64;
+/* Largest client name in an L3VPN_REGISTER request. */
+inline constexpr size_t kMaxL3vpnClientName = 64;
 
 /* Request and reply bodies of each operation. Tail = true: the request
  * record is followed by variable bytes (a name, a command payload, a

@@ -95,7 +95,7 @@ extern "C" i32 L3VPN_RegEvt(const char *pcName, u32 uiEvtMask, u32 uiArg, L3VPN_
         "L3VPN_RegEvt", i32{-1},
         [&]() -> i32 {
             std::string name = TextOf(pcName);
-            if (pfnCallback == nullptr || name.empty() || name.size() > rpc::kMaxIfName) {
+            if (pfnCallback == nullptr || name.empty() || name.size() > rpc::kMaxL3vpnClientName) {
                 return -1;
             }
             i32 iFd = link::OpenChannel(rpc::OP_L3VPN_REGISTER, uiEvtMask, name.data(), name.size());

@@ -18,7 +18,7 @@ BUILD="${TBDL_FUZZ_BUILD:-$ROOT/build-fuzz}"
 SECONDS_MAX="${1:-60}"
 
 CC=clang-14 CXX=clang++-14 cmake -S "$ROOT/fuzz" -B "$BUILD" >/dev/null
-cmake --build "$BUILD" --target fuzz_cfg_request fuzz_ps_send fuzz_if_event -j2
+cmake --build "$BUILD" --target fuzz_cfg_request fuzz_ps_send fuzz_if_event fuzz_watch_event -j2
 
 ARTIFACTS="$BUILD/artifacts"
 mkdir -p "$ARTIFACTS"
@@ -45,4 +45,5 @@ fuzz fuzz_cfg_request "$ROOT/fuzz/corpus/cfg_request" "$SECONDS_MAX" 2100 "$ROOT
 fuzz fuzz_ps_send "$ROOT/fuzz/corpus/ps_send" $((SECONDS_MAX / 3 > 0 ? SECONDS_MAX / 3 : 1)) 2048
 # Interface events: a code and up to 64 entries.
 fuzz fuzz_if_event "$ROOT/fuzz/corpus/if_event" 20 516
+fuzz fuzz_watch_event "$ROOT/fuzz/corpus/watch_event" 20 1200
 echo "fuzz: no failure found"

@@ -5,7 +5,9 @@ set -euo pipefail
 
 PKGS=(build-essential cmake pkg-config git
       libsqlite3-dev libgtest-dev libgmock-dev libbenchmark-dev
-      nlohmann-json3-dev libcli11-dev gcovr clang-14 libclang-rt-14-dev)
+      nlohmann-json3-dev libcli11-dev gcovr clang-14 libclang-rt-14-dev
+      g++-12-aarch64-linux-gnu qemu-user
+      libsqlite3-dev:arm64 libgtest-dev:arm64 libgmock-dev:arm64)
 
 missing=()
 for p in "${PKGS[@]}"; do
@@ -17,5 +19,7 @@ echo "Installing: ${missing[*]}"
 SUDO=""
 [ "$(id -u)" -ne 0 ] && SUDO="sudo"
 export DEBIAN_FRONTEND=noninteractive
+# The 64-bit Arm libraries of the cross build come from the same archive.
+dpkg --print-foreign-architectures | grep -qx arm64 || $SUDO dpkg --add-architecture arm64
 $SUDO apt-get update -qq
 $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"

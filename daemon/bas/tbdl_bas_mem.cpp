@@ -11,6 +11,9 @@ typedef struct tagTBDL_BAS_ALLOC_FAULT {
 
 static TBDL_BAS_ALLOC_FAULT_S g_stTbdlBasAllocFault = {0, 0};
 
+/* Blocks handed out and not yet freed. */
+static u32 g_uiTbdlBasLiveAllocs = 0;
+
 /* True when this allocation is to fail. */
 static bool tbdl_bas_AllocFails(void)
 {
@@ -33,12 +36,24 @@ void *TBDL_BAS_Zalloc(size_t ulSize)
     if (tbdl_bas_AllocFails()) {
         return NULL;
     }
-    return calloc(1, ulSize == 0 ? 1 : ulSize);
+    void *pv = calloc(1, ulSize == 0 ? 1 : ulSize);
+    if (pv != NULL) {
+        g_uiTbdlBasLiveAllocs++;
+    }
+    return pv;
 }
 
 void TBDL_BAS_Free(void *pv)
 {
+    if (pv != NULL) {
+        g_uiTbdlBasLiveAllocs--;
+    }
     free(pv);
+}
+
+u32 TBDL_BAS_LiveAllocs(void)
+{
+    return g_uiTbdlBasLiveAllocs;
 }
 
 void TBDL_BAS_SetAllocFault(u32 uiSkip, u32 uiCount)

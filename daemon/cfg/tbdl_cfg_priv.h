@@ -33,6 +33,10 @@ i32 tbdl_cfg_OpenListenSocket(void);
 /* Closes a socket opened by tbdl_cfg_OpenListenSocket and releases its
  * address. */
 void tbdl_cfg_CloseListenSocket(i32 iFd);
+/* Accepts one connection, non-blocking (16-byte peer address buffer);
+ * returns it or -1. A connection that cannot be taken for want of
+ * descriptors is closed rather than left queued. */
+i32 tbdl_cfg_AcceptConn(i32 iListenFd);
 
 /* ---- tbdl_cfg_recv.cpp: connections and requests ---- */
 

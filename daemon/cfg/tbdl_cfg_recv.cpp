@@ -13,8 +13,6 @@
 #include "tbdl_dbg.h"
 #include "tbdl_intf.h"
 
-#define TBDL_CFG_PEER_ADDR_LEN 16u
-
 static void tbdl_cfg_CloseConn(i32 iFd)
 {
     if (g_stTbdlCfgGlobalVar.iEpollFd != TBDL_INVALID_FD) {
@@ -148,12 +146,10 @@ u32 tbdl_cfg_Accept(u32 uiEvents, u64 ulData)
         return TBDL_OK;
     }
 
-    u8 aucPeer[TBDL_CFG_PEER_ADDR_LEN];
-    socklen_t uiPeerLen = sizeof(aucPeer);
     /* Connections are non-blocking: a peer that sends requests and never
      * reads its replies fills its receive queue, and a reply that cannot be
      * queued is then logged as not sent instead of stopping the loop. */
-    int iConn = accept4((int)ulData, (struct sockaddr *)aucPeer, &uiPeerLen, SOCK_NONBLOCK);
+    i32 iConn = tbdl_cfg_AcceptConn((i32)ulData);
     if (iConn < 0) {
         return TBDL_E_FAILED;
     }

@@ -49,3 +49,10 @@ void tbdl_cfg_CloseListenSocket(i32 iFd)
 {
     (void)close(iFd);
 }
+
+i32 tbdl_cfg_AcceptConn(i32 iListenFd)
+{
+    u8 aucPeer[TBDL_CFG_LIPC_ADDR_LEN];
+    socklen_t uiPeerLen = sizeof(aucPeer);
+    return accept4(iListenFd, (struct sockaddr *)aucPeer, &uiPeerLen, SOCK_NONBLOCK);
+}

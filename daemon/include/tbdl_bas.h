@@ -42,5 +42,7 @@ void TBDL_BAS_Free(void *pv);
 /* Test aid: after uiSkip more successful allocations, the next uiCount
  * allocations fail (uiCount 0xFFFFFFFF: all of them). (0, 0) turns it off. */
 void TBDL_BAS_SetAllocFault(u32 uiSkip, u32 uiCount);
+/* Test aid: blocks from TBDL_BAS_Zalloc not yet given back. */
+u32 TBDL_BAS_LiveAllocs(void);
 
 #endif

@@ -51,7 +51,20 @@ struct Options {
     bool journal = false;
     bool foreground = false;
     int stopTimeoutMs = 5000;
+    /* Local access (peers.cpp): serve every board's platform calls to any
+     * process of chassisd's user, not only to the boards' daemons. */
+    bool trustUser = false;
+    /* The PS library installed in each board's files ("" when there is
+     * none), and the boards that start without it. */
+    std::string psLibPath;
+    std::vector<int> noPsLibBoards;
 };
+
+/* ---- local access (main.cpp, loop.cpp, peers.cpp) ----
+ * The chassis directory, its sockets and the database are for chassisd's
+ * user and group only, whatever the umask of whoever started it. */
+inline constexpr mode_t kChassisDirMode = 0750;
+inline constexpr mode_t kChassisSocketMode = 0660;
 
 /* ---- log (DIR/chassisd.log) ---- */
 void Log(const std::string &text);
@@ -70,7 +83,17 @@ struct Conn {
     pid_t pid = -1;
     uint32_t protocol = 0; /* LSM */
     std::deque<Bytes> outq;
+    /* Peer credentials at connect, and the board (with its daemon's pid)
+     * the peer was found to belong to. */
+    uid_t uid = static_cast<uid_t>(-1);
+    int trustedBoard = -1;
+    pid_t trustedDaemon = -1;
 };
+
+/* True when the peer (credentials at connect) may make platform calls as
+ * this board (peers.cpp). */
+bool PeerMaySpeakFor(pid_t pid, uid_t uid, int board);
+bool PeerMaySpeakFor(Conn &c, int board);
 
 bool LoopInit(const Options &opt, std::string &err);
 /* Runs until ExitLoop; returns the process exit status. */

@@ -61,6 +61,8 @@ bool Status(int, const Json &, Json &reply)
                 {"socket", tbdl::plat::ChassisSocketPathOf(g_opt.dir)},
                 {"daemon", g_opt.daemonPath},
                 {"journal", g_opt.journal},
+                {"ps_lib", g_opt.psLibPath},
+                {"no_ps_lib", g_opt.noPsLibBoards},
                 {"master_board", HaMaster()},
                 {"busy", SvcBusy()},
                 {"settings", Json::parse(tbdl::plat::SettingsToJson(g_opt.settings))},
@@ -243,6 +245,19 @@ bool SvcPortCmd(int, const Json &req, Json &reply)
     return true;
 }
 
+/* "role": which board is master now and which boards the chassis has, so a
+ * configuration tool can find the master board's socket after a change of
+ * master. */
+bool Role(int, const Json &, Json &reply)
+{
+    Json boards = Json::array();
+    for (int b : g_opt.settings.boards) {
+        boards.push_back({{"board", b}, {"state", BoardStateName(g_boards[b].state)}});
+    }
+    reply = Ok({{"master", HaMaster()}, {"boards", boards}});
+    return true;
+}
+
 struct CtlCommand {
     const char *name;
     CtlFn fn;
@@ -254,6 +269,7 @@ const CtlCommand kCommands[] = {
     {"if_set", IfSetCmd},       {"if_del", IfDelCmd},    {"vrf_bind", VrfBindCmd},
     {"vrf_unbind", VrfUnbindCmd}, {"fail", Fail},         {"fail_clear", FailClear},
     {"ha_event", HaEvent},
+    {"role", Role},
     {"if_hangup", IfHangupCmd}, {"svcport", SvcPortCmd},
 };
 

@@ -126,14 +126,27 @@ void KtbdlForgetIndex(uint32_t ifIndex)
 
 namespace {
 
+/* The interface's name, "" for an index the interface manager does not
+ * know (any more). */
+std::string NameOf(uint32_t ifIndex)
+{
+    const Interface *i = IfFind(ifIndex);
+    return i != nullptr ? i->name : "";
+}
+
+/* Bundles by index with their names; members by index, their names beside
+ * in the same order. */
 Json Dump(int board)
 {
     const Table &t = g_tables[board];
     Json bundles = Json::array();
     for (const auto &[idx, kb] : t.bundles) {
-        Interface *i = IfFind(idx);
-        Json j = {{"ifindex", idx}, {"name", i != nullptr ? i->name : ""}, {"updated", kb.updated},
-                  {"members", kb.members}};
+        Json names = Json::array();
+        for (uint32_t m : kb.members) {
+            names.push_back(NameOf(m));
+        }
+        Json j = {{"ifindex", idx}, {"name", NameOf(idx)}, {"updated", kb.updated},
+                  {"members", kb.members}, {"member_names", names}};
         if (kb.updated) {
             j["family"] = kb.last.stAddr.usFamily;
             j["address"] = AddrText(kb.last);

@@ -5,8 +5,10 @@
  * Requests are answered at once. Pushes to the boards' channels (HA,
  * interface events) never block: what the socket does not take is queued
  * and written when the connection becomes writable. */
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -46,6 +48,21 @@ uint64_t g_nextTimer = 1;
 
 Bytes g_rx(tbdl::rpc::kMaxMsg);
 
+/* Out of descriptors, accept fails and leaves the connection queued, so the
+ * listening socket stays readable and the loop would spin on it. A spare
+ * descriptor is held for that moment: it is given up to take the
+ * connection and close it at once (the client sees the connection closed),
+ * then taken back. */
+struct AcceptGuard {
+    int reserveFd = -1;
+    unsigned refused = 0; /* in the current burst; logged at its start and end */
+};
+AcceptGuard g_accept;
+
+/* Connections taken per wake-up of the listening socket; the rest wait for
+ * the next turn, after the connections' own requests. */
+constexpr int kAcceptsPerWake = 16;
+
 void Watch(int fd, uint32_t events, int op = EPOLL_CTL_ADD)
 {
     epoll_event ev{};
@@ -74,22 +91,58 @@ void CloseConn(int fd)
     g_conns.erase(it);
 }
 
+void HoldReserve()
+{
+    if (g_accept.reserveFd < 0) {
+        g_accept.reserveFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    }
+}
+
+void RefuseOne(int err)
+{
+    if (g_accept.reserveFd >= 0) {
+        close(g_accept.reserveFd);
+        g_accept.reserveFd = -1;
+    }
+    int fd = accept4(g_listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd >= 0) {
+        close(fd);
+    }
+    if (g_accept.refused++ == 0) {
+        Log(std::string("out of descriptors (") + std::strerror(err) + "): refusing new connections");
+    }
+    HoldReserve();
+}
+
+void AddConn(int fd)
+{
+    auto c = std::make_unique<Conn>();
+    c->fd = fd;
+    ucred cred{};
+    socklen_t len = sizeof(cred);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0) {
+        c->pid = cred.pid;
+        c->uid = cred.uid;
+    }
+    g_conns[fd] = std::move(c);
+    Watch(fd, EPOLLIN);
+}
+
 void Accept()
 {
-    for (;;) {
+    for (int i = 0; i < kAcceptsPerWake; ++i) {
         int fd = accept4(g_listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
+            if (errno == EMFILE || errno == ENFILE) {
+                RefuseOne(errno);
+            }
             return;
         }
-        auto c = std::make_unique<Conn>();
-        c->fd = fd;
-        ucred cred{};
-        socklen_t len = sizeof(cred);
-        if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0) {
-            c->pid = cred.pid;
+        if (g_accept.refused > 0) {
+            Log("accepting connections again, after refusing " + std::to_string(g_accept.refused));
+            g_accept.refused = 0;
         }
-        g_conns[fd] = std::move(c);
-        Watch(fd, EPOLLIN);
+        AddConn(fd);
     }
 }
 
@@ -100,6 +153,14 @@ void HandleLibRequest(Conn &c, const Hdr &h, const uint8_t *p, size_t len)
     OpHandler handler = FindOp(h.usOp);
     if (!ValidBoard(h.usBoard) || handler == nullptr) {
         Reply(c, h, tbdl::rpc::kResultBadRequest);
+        return;
+    }
+    if (!PeerMaySpeakFor(c, h.usBoard)) {
+        Log("refused a platform call (op " + std::to_string(h.usOp) + ") of board " + std::to_string(h.usBoard) +
+            " from pid " + std::to_string(c.pid) + ", uid " + std::to_string(c.uid) +
+            ": not that board's daemon; connection closed");
+        Reply(c, h, tbdl::rpc::kResultBadRequest);
+        Drop(c.fd);
         return;
     }
     handler(c, h, p, len);
@@ -249,11 +310,14 @@ bool LoopInit(const Options &opt, std::string &err)
     std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
     unlink(path.c_str()); /* a leftover of a chassisd that died; we hold the lock */
     g_listenFd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    /* Owner and group may connect, whatever the umask; nobody can connect
+     * before listen, so the mode is right before the first client. */
     if (g_listenFd < 0 || bind(g_listenFd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0 ||
-        listen(g_listenFd, 64) != 0) {
+        chmod(path.c_str(), kChassisSocketMode) != 0 || listen(g_listenFd, 64) != 0) {
         err = "cannot listen on " + path + ": " + std::strerror(errno);
         return false;
     }
+    HoldReserve();
     WatchFd(g_listenFd, EPOLLIN, [](uint32_t) { Accept(); });
     WatchFd(g_sigFd, EPOLLIN, ReadSignals);
     return true;

@@ -30,6 +30,10 @@ struct LsmTable {
     std::map<uint32_t, LspEntry> entries;
     std::map<uint32_t, bool> inCycle; /* per protocol */
     uint64_t adds = 0, deletes = 0, flushes = 0, cycles = 0, dropped = 0;
+    /* When the open cycle began, and how long the last one lasted: the time
+     * a client's full resynchronisation took, as LSM saw it. */
+    Clock::time_point cycleBegan;
+    uint64_t lastCycleUs = 0;
 };
 LsmTable g_lsm[tbdl::plat::kMaxBoards];
 /* Boards whose LSM is stopped (chassisctl lsm stop): no registrations. */
@@ -51,6 +55,7 @@ uint32_t Gr(Conn &c, uint32_t type)
     LsmTable &t = g_lsm[c.board];
     if (type == LSM_GR_BEGIN) {
         t.inCycle[c.protocol] = true;
+        t.cycleBegan = Clock::now();
         for (auto &[idx, e] : t.entries) {
             if (e.protocol == c.protocol) {
                 e.refreshed = false;
@@ -64,6 +69,8 @@ uint32_t Gr(Conn &c, uint32_t type)
         }
         t.inCycle[c.protocol] = false;
         t.cycles++;
+        t.lastCycleUs = static_cast<uint64_t>(
+            std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - t.cycleBegan).count());
         size_t dropped = 0;
         for (auto it = t.entries.begin(); it != t.entries.end();) {
             if (it->second.protocol == c.protocol && !it->second.refreshed) {
@@ -177,47 +184,96 @@ void SetStopped(int board, bool stopped)
     }
 }
 
-Json PathJson(const LSM_LSP_PATH_S &pa)
+/* Names of the dump: interfaces by the interface manager's table. */
+std::string IfName(uint32_t ifIndex)
 {
-    Json pj = {{"ifindex", pa.stPrimary.uiIfIndex},
-               {"weight", pa.stPrimary.usWeight},
-               {"flags", pa.stPrimary.usFlags}};
-    if (pa.stBackup.usType != 0) {
-        pj["backup"] = {{"ifindex", pa.stBackup.uiIfIndex}, {"weight", pa.stBackup.usWeight}};
-    }
-    return pj;
+    const Interface *i = IfFind(ifIndex);
+    return i != nullptr ? i->name : "";
 }
 
-Json Dump(int board)
+const char *ModeName(uint32_t modeCode)
+{
+    switch (modeCode) {
+    case LSM_LSP_MODE_ONE_TO_ONE: return "1:1";
+    case LSM_LSP_MODE_ONE_PLUS_ONE: return "1+1";
+    case LSM_LSP_MODE_LOAD_BALANCE: return "load balancing";
+    default: return "?";
+    }
+}
+
+/* The flag bits of a path half, by name; bits without a name as a number. */
+Json FlagNames(uint16_t flags)
+{
+    Json names = Json::array();
+    if (flags & LSM_LSP_FLAG_HAS_BACKUP) {
+        names.push_back("has-backup");
+    }
+    if (uint16_t other = flags & ~LSM_LSP_FLAG_HAS_BACKUP) {
+        names.push_back(std::to_string(other));
+    }
+    return names;
+}
+
+Json HalfJson(const LSM_LSP_HALF_S &h)
+{
+    return {{"ifindex", h.uiIfIndex}, {"name", IfName(h.uiIfIndex)}, {"weight", h.usWeight}};
+}
+
+/* One entry as LSM uses it: the primary halves of the first path_count
+ * paths, and path 0's backup half when path 0 says it has one (or when one
+ * was filled in without the flag, which the dump shows so it is seen). */
+Json EntryJson(const LspEntry &e)
+{
+    const LSM_LSP_KEY_S &k = e.entry.stKey;
+    const Interface *bnd = IfFind(k.uiIfIndex);
+    Json paths = Json::array();
+    for (size_t i = 0; i < e.paths.size() && i < e.entry.usPathNum; ++i) {
+        paths.push_back(HalfJson(e.paths[i].stPrimary));
+    }
+    const uint16_t flags = e.paths.empty() ? 0 : e.paths[0].stPrimary.usFlags;
+    char addr[16];
+    std::snprintf(addr, sizeof(addr), "%u.%u.%u.%u", k.aucAddr[0], k.aucAddr[1], k.aucAddr[2], k.aucAddr[3]);
+    Json j = {{"ifindex", k.uiIfIndex},
+              {"name", bnd != nullptr ? bnd->name : ""},
+              {"bundle", bnd != nullptr && bnd->type == IF_TYPE_TUNNEL_BUNDLE ? Json(bnd->number) : Json()},
+              {"protocol", e.protocol},
+              {"mode_code", e.entry.uiMode},
+              {"mode", ModeName(e.entry.uiMode)},
+              {"path_count", e.entry.usPathNum},
+              {"address", addr},
+              {"vrf", k.usVrfIndex},
+              {"flags", flags},
+              {"flag_names", FlagNames(flags)},
+              {"paths", paths},
+              {"attribute", {{"ifindex", e.attr.uiIfIndex}, {"mode_code", e.attr.usMode}, {"flag", e.attr.ucFlag}}}};
+    if (!e.paths.empty() && ((flags & LSM_LSP_FLAG_HAS_BACKUP) || e.paths[0].stBackup.usType != 0)) {
+        j["backup"] = HalfJson(e.paths[0].stBackup);
+    }
+    return j;
+}
+
+/* With "counters_only", the counters and the number of entries without the
+ * entries themselves: cheap enough to poll while a table is being sent. */
+Json Dump(int board, const Json &req)
 {
     const LsmTable &t = g_lsm[board];
-    Json entries = Json::array();
-    for (const auto &[idx, e] : t.entries) {
-        Json paths = Json::array();
-        for (const LSM_LSP_PATH_S &pa : e.paths) {
-            paths.push_back(PathJson(pa));
+    Json out = {{"board", board},
+                {"stopped", g_stopped[board]},
+                {"entry_count", t.entries.size()},
+                {"adds", t.adds},
+                {"deletes", t.deletes},
+                {"flushes", t.flushes},
+                {"cycles", t.cycles},
+                {"dropped", t.dropped},
+                {"last_cycle_us", t.lastCycleUs}};
+    if (!req.value("counters_only", false)) {
+        Json entries = Json::array();
+        for (const auto &[idx, e] : t.entries) {
+            entries.push_back(EntryJson(e));
         }
-        const uint8_t *a = e.entry.stKey.aucAddr;
-        char addr[16];
-        std::snprintf(addr, sizeof(addr), "%u.%u.%u.%u", a[0], a[1], a[2], a[3]);
-        entries.push_back({{"ifindex", idx},
-                           {"protocol", e.protocol},
-                           {"mode_code", e.entry.uiMode},
-                           {"path_count", e.entry.usPathNum},
-                           {"address", addr},
-                           {"vrf", e.entry.stKey.usVrfIndex},
-                           {"paths", paths},
-                           {"attribute",
-                            {{"ifindex", e.attr.uiIfIndex}, {"mode_code", e.attr.usMode}, {"flag", e.attr.ucFlag}}}});
+        out["entries"] = std::move(entries);
     }
-    return {{"board", board},
-            {"stopped", g_stopped[board]},
-            {"entries", entries},
-            {"adds", t.adds},
-            {"deletes", t.deletes},
-            {"flushes", t.flushes},
-            {"cycles", t.cycles},
-            {"dropped", t.dropped}};
+    return out;
 }
 
 } // namespace
@@ -232,7 +288,7 @@ const Service &LsmService()
                            .clearBoard = Clear,
                            .dumpName = "lsm",
                            .dumpNeedsBoard = true,
-                           .dump = Dump,
+                           .dumpWith = Dump,
                            .setStopped = SetStopped};
     return s;
 }

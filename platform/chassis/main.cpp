@@ -71,6 +71,26 @@ std::string DefaultDaemonPath()
     return exeDir + "/tbdld";
 }
 
+/* The PS library of this build (<build>/platform/ps/libps.so), else one in
+ * the same directory; "" when neither exists. */
+std::string DefaultPsLibPath()
+{
+    char buf[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", buf, sizeof(buf) - 1);
+    if (n <= 0) {
+        return "";
+    }
+    buf[n] = '\0';
+    std::string exeDir(buf);
+    exeDir.erase(exeDir.rfind('/'));
+    for (const std::string &candidate : {exeDir + "/ps/libps.so", exeDir + "/libps.so"}) {
+        if (realpath(candidate.c_str(), buf) != nullptr) {
+            return buf;
+        }
+    }
+    return "";
+}
+
 bool ParseBoards(const std::string &text, std::vector<int> &boards)
 {
     boards.clear();
@@ -163,9 +183,15 @@ int main(int argc, char **argv)
     app.add_option("--master-board", masterBoard, "board that starts as master");
     app.add_option("--boards", boardsText, "running boards: 0 or 0,1");
     app.add_option("--daemon", g_opt.daemonPath, "board daemon program (default: tbdld of this build)");
+    app.add_option("--ps-lib", g_opt.psLibPath, "PS library given to the boards (default: libps.so of this build)");
+    app.add_option("--no-ps-lib", g_opt.noPsLibBoards, "board that starts without the PS library (repeatable)")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
+        ->check(CLI::Range(0, tbdl::plat::kMaxBoards - 1));
     app.add_option("--stop-timeout", g_opt.stopTimeoutMs, "ms a board daemon gets to stop before SIGKILL");
     app.add_flag("--journal", g_opt.journal, "journal every platform call of the boards");
     app.add_flag("--foreground", g_opt.foreground, "do not detach; log to stderr too");
+    app.add_flag("--trust-user", g_opt.trustUser,
+                 "serve the boards' platform calls to any process of this user (tests), not only to the boards' daemons");
     try {
         app.parse(argc, argv);
     } catch (const CLI::Success &e) {
@@ -190,6 +216,13 @@ int main(int argc, char **argv)
     g_opt.dir = real;
     if (access(g_opt.dir.c_str(), W_OK | X_OK) != 0) {
         Fail("chassis directory " + g_opt.dir + " is not writable");
+    }
+    /* The chassis is for this user and group only, whatever the caller's
+     * umask: the directory is closed to others, and what chassisd and the
+     * boards' daemons create in it is not opened to them. */
+    umask(umask(0) | 007);
+    if (chmod(g_opt.dir.c_str(), kChassisDirMode) != 0) {
+        Fail("cannot restrict the chassis directory " + g_opt.dir + ": " + std::strerror(errno));
     }
 
     /* Settings: defaults, then the file, then the options. */
@@ -225,6 +258,13 @@ int main(int argc, char **argv)
         Fail("board daemon " + g_opt.daemonPath + " is not an executable program");
     }
     g_opt.daemonPath = real; /* daemons start in their board directory */
+    if (g_opt.psLibPath.empty()) {
+        g_opt.psLibPath = DefaultPsLibPath();
+    } else if (realpath(g_opt.psLibPath.c_str(), real) == nullptr) {
+        Fail("PS library " + g_opt.psLibPath + ": " + std::strerror(errno));
+    } else {
+        g_opt.psLibPath = real;
+    }
 
     int readyPipe[2] = {-1, -1};
     if (!g_opt.foreground) {
@@ -254,7 +294,8 @@ int main(int argc, char **argv)
     }
     WritePid(pidFd);
     Log("starting on " + g_opt.dir + " with settings " + tbdl::plat::SettingsToJson(s) + ", daemon " +
-        g_opt.daemonPath + (g_opt.journal ? ", journal on" : ""));
+        g_opt.daemonPath + (g_opt.journal ? ", journal on" : "") + ", PS library " +
+        (g_opt.psLibPath.empty() ? "none" : g_opt.psLibPath));
     if (!LoopInit(g_opt, err) || !SvcInit(err) || !ServicesInit(err)) {
         Log("start failed: " + err);
         Fail(err);

@@ -9,6 +9,7 @@
  * client's connection goes; reboot and board failure empty it. */
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -36,8 +37,11 @@ struct PsBundle {
 struct PsTable {
     std::map<uint32_t, PsBundle> bundles;
     bool inCycle = false;
-    uint64_t updates = 0, deletes = 0, cycles = 0, dropped = 0, malformed = 0;
+    uint64_t updates = 0, deletes = 0, cycles = 0, dropped = 0, malformed = 0, received = 0;
     std::deque<Bytes> sends;
+    /* When the open cycle began, and how long the last one lasted. */
+    Clock::time_point cycleBegan;
+    uint64_t lastCycleUs = 0;
 };
 
 struct PsBoard {
@@ -52,6 +56,7 @@ void Smooth(int board, PsTable &t, uint32_t type)
 {
     if (type == TBDL_PS_SMOOTH_BEGIN) {
         t.inCycle = true;
+        t.cycleBegan = Clock::now();
         for (auto &[num, b] : t.bundles) {
             b.refreshed = false;
         }
@@ -63,6 +68,8 @@ void Smooth(int board, PsTable &t, uint32_t type)
     }
     t.inCycle = false;
     t.cycles++;
+    t.lastCycleUs = static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - t.cycleBegan).count());
     size_t dropped = std::erase_if(t.bundles, [](const auto &kv) { return !kv.second.refreshed; });
     t.dropped += dropped;
     if (dropped > 0) {
@@ -103,6 +110,7 @@ std::string Hex(const Bytes &b)
 void Receive(int board, const Bytes &send, bool truncated)
 {
     PsTable &t = g_ps[board].table;
+    t.received++;
     t.sends.push_back(send);
     if (t.sends.size() > kKeptSends) {
         t.sends.pop_front();
@@ -156,6 +164,15 @@ void OnAccept(int board)
     if (fd < 0) {
         return;
     }
+    /* Only the board's own daemon feeds its table. */
+    ucred cred{};
+    socklen_t credLen = sizeof(cred);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &credLen) != 0 || !PeerMaySpeakFor(cred.pid, cred.uid, board)) {
+        Log("PS of board " + std::to_string(board) + ": refused a connection from pid " + std::to_string(cred.pid) +
+            ": not that board's daemon");
+        close(fd);
+        return;
+    }
     g_ps[board].conns.push_back(fd);
     WatchFd(fd, EPOLLIN | EPOLLRDHUP, [board, fd](uint32_t ev) { OnConnReady(board, fd, ev); });
 }
@@ -174,7 +191,8 @@ bool Listen(int board, std::string &err)
     std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
     unlink(path.c_str());
     int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0 || listen(fd, 8) != 0) {
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0 ||
+        chmod(path.c_str(), kChassisSocketMode) != 0 || listen(fd, 8) != 0) {
         err = "cannot listen on " + path + ": " + std::strerror(errno);
         return false;
     }
@@ -226,21 +244,26 @@ std::string IfName(uint32_t ifIndex)
     return i != nullptr ? i->name : "";
 }
 
+/* With "counters_only", no bundles: cheap enough to poll. */
 Json Dump(int board, const Json &req)
 {
     const PsTable &t = g_ps[board].table;
-    Json bundles = Json::array();
-    for (const auto &[num, b] : t.bundles) {
-        bundles.push_back({{"bundle", num},
-                           {"working", {{"ifindex", b.v.workIfIndex}, {"name", IfName(b.v.workIfIndex)}, {"up", b.v.workUp}}},
-                           {"protection", {{"ifindex", b.v.protIfIndex}, {"name", IfName(b.v.protIfIndex)}, {"up", b.v.protUp}}},
-                           {"protection_kind", b.v.protKind == TBDL_PS_PROT_ONE_PLUS_ONE ? "1+1"
-                                               : b.v.protKind == TBDL_PS_PROT_ONE_TO_ONE ? "1:1"
-                                                                                        : std::to_string(b.v.protKind)}});
-    }
     Json out = {{"board", board},         {"stopped", g_ps[board].stopped}, {"connections", g_ps[board].conns.size()},
-                {"bundles", bundles},     {"updates", t.updates},           {"deletes", t.deletes},
-                {"cycles", t.cycles},     {"dropped", t.dropped},           {"malformed", t.malformed}};
+                {"bundle_count", t.bundles.size()}, {"updates", t.updates}, {"deletes", t.deletes},
+                {"cycles", t.cycles},     {"dropped", t.dropped},           {"malformed", t.malformed},
+                {"received", t.received}, {"last_cycle_us", t.lastCycleUs}};
+    if (!req.value("counters_only", false)) {
+        Json bundles = Json::array();
+        for (const auto &[num, b] : t.bundles) {
+            bundles.push_back({{"bundle", num},
+                               {"working", {{"ifindex", b.v.workIfIndex}, {"name", IfName(b.v.workIfIndex)}, {"up", b.v.workUp}}},
+                               {"protection", {{"ifindex", b.v.protIfIndex}, {"name", IfName(b.v.protIfIndex)}, {"up", b.v.protUp}}},
+                               {"protection_kind", b.v.protKind == TBDL_PS_PROT_ONE_PLUS_ONE ? "1+1"
+                                                   : b.v.protKind == TBDL_PS_PROT_ONE_TO_ONE ? "1:1"
+                                                                                            : std::to_string(b.v.protKind)}});
+        }
+        out["bundles"] = std::move(bundles);
+    }
     if (req.value("sends", false)) {
         Json sends = Json::array();
         for (const Bytes &s : t.sends) {

@@ -19,6 +19,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -26,6 +27,7 @@
 #include "chassis_env.h"
 #include "chassisd.h"
 #include "plat_service.h"
+#include "ps_socket.h"
 
 extern char **environ;
 
@@ -132,6 +134,27 @@ void ScheduleRestart(int b)
     });
 }
 
+/* Gives the board's files the PS library (a link to chassisd's), or takes
+ * it away when the board is to run without it; the daemon loads it, if it is
+ * there, from the same path relative to the board's directory. */
+void InstallPsLib(int b)
+{
+    const std::string link = tbdl::plat::PsLibPathOf(g_opt.dir, b);
+    const std::string libDir = link.substr(0, link.rfind('/'));
+    const bool wanted = !g_opt.psLibPath.empty() && std::find(g_opt.noPsLibBoards.begin(),
+                                                              g_opt.noPsLibBoards.end(), b) == g_opt.noPsLibBoards.end();
+    if (unlink(link.c_str()) != 0 && errno != ENOENT) {
+        Log(Name(b) + ": cannot remove " + link + ": " + std::strerror(errno));
+    }
+    if (!wanted) {
+        Log(Name(b) + ": starts without the PS library");
+        return;
+    }
+    if ((mkdir(libDir.c_str(), 0755) != 0 && errno != EEXIST) || symlink(g_opt.psLibPath.c_str(), link.c_str()) != 0) {
+        Log(Name(b) + ": cannot install the PS library at " + link + ": " + std::strerror(errno));
+    }
+}
+
 } // namespace
 
 const char *BoardStateName(BoardState s)
@@ -194,6 +217,7 @@ void SvcStartBoard(int b, uint32_t cause)
     }
     envp.push_back(nullptr);
     char *argv[] = {const_cast<char *>(g_opt.daemonPath.c_str()), nullptr};
+    InstallPsLib(b);
     pid_t parent = getpid();
 
     pid_t pid = fork();

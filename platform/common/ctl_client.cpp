@@ -90,6 +90,11 @@ Answer Client::DumpPs(int board, bool sends)
     return Call({{"cmd", "dump_ps"}, {"board", board}, {"sends", sends}});
 }
 
+Answer Client::DumpCounters(const std::string &kind, int board)
+{
+    return Call({{"cmd", "dump_" + kind}, {"board", board}, {"counters_only", true}});
+}
+
 Answer Client::ServiceStop(const std::string &service, std::optional<int> board)
 {
     return BoardCall(service + "_stop", board);
@@ -127,5 +132,7 @@ Answer Client::HaEvent(int board, uint32_t event)
 Answer Client::IfHangup(int board) { return Call({{"cmd", "if_hangup"}, {"board", board}}); }
 
 Answer Client::SvcPort(const std::string &state) { return Call({{"cmd", "svcport"}, {"state", state}}); }
+
+Answer Client::Role() { return Call({{"cmd", "role"}}); }
 
 } // namespace tbdl::ctl

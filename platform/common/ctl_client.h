@@ -72,6 +72,8 @@ public:
     Answer Dump(const std::string &kind, std::optional<int> board = std::nullopt);
     /* A board's PS table; with sends, the bytes of the sends it kept. */
     Answer DumpPs(int board, bool sends);
+    /* A board's "lsm" or "ps" counters without the table (cheap to poll). */
+    Answer DumpCounters(const std::string &kind, int board);
     /* Stops ("lsm", "ps") service on one board or every board: its
      * connections close and registrations are refused until it starts. */
     Answer ServiceStop(const std::string &service, std::optional<int> board = std::nullopt);
@@ -84,6 +86,9 @@ public:
     Answer IfHangup(int board);
     /* The service port: "up", "down" or "absent". */
     Answer SvcPort(const std::string &state);
+    /* {"master": N, "boards": [{"board": N, "state": "UP"}, ...]}: the
+     * master board now (it changes at a switchover). */
+    Answer Role();
 
 private:
     Answer Call(const Json &request);

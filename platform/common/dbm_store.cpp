@@ -1,7 +1,9 @@
 /* The platform database store on SQLite (see dbm_store.h). */
 #include "dbm_store.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <sqlite3.h>
 
@@ -206,6 +208,23 @@ int SetUpWithRetry(sqlite3 *db, const std::string &name, const std::string &owne
     }
 }
 
+/* The database file is readable and writable by its owner and group only,
+ * whatever the umask of the process that makes it; SQLite gives its WAL and
+ * shared-memory files the database file's mode. */
+constexpr mode_t kDatabaseMode = 0660;
+
+void RestrictDatabaseFile(const std::string &path)
+{
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kDatabaseMode);
+    if (fd >= 0) {
+        struct stat st {};
+        if (fstat(fd, &st) == 0 && st.st_uid == geteuid() && (st.st_mode & 07777) != kDatabaseMode) {
+            (void)fchmod(fd, kDatabaseMode);
+        }
+        close(fd);
+    }
+}
+
 } // namespace
 
 std::unique_ptr<DbmStore> DbmStore::Open(const std::string &path, const std::string &name, const std::string &owner,
@@ -215,6 +234,7 @@ std::unique_ptr<DbmStore> DbmStore::Open(const std::string &path, const std::str
         err = "empty database name";
         return nullptr;
     }
+    RestrictDatabaseFile(path);
     sqlite3 *db = nullptr;
     int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                              nullptr);
@@ -521,7 +541,17 @@ bool ReadAll(sqlite3 *conn, std::vector<DumpDb> &dbs, std::string &err)
     return ok;
 }
 
-std::string FormatJson(const std::string &path, const std::vector<DumpDb> &dbs)
+/* The reader's JSON of each record of a list, null without a reader. */
+nlohmann::json Readings(const RecordReader &read, const DumpDb &d, const DumpList &l)
+{
+    nlohmann::json out = nlohmann::json::array();
+    for (const std::string &r : l.records) {
+        out.push_back(read ? read(d.name, l.key, r) : nullptr);
+    }
+    return out;
+}
+
+std::string FormatJson(const std::string &path, const std::vector<DumpDb> &dbs, const RecordReader &read)
 {
     nlohmann::json out = {{"path", path}, {"databases", nlohmann::json::array()}};
     for (const DumpDb &d : dbs) {
@@ -534,14 +564,15 @@ std::string FormatJson(const std::string &path, const std::vector<DumpDb> &dbs)
             jdb["lists"].push_back({{"key", HexOf(l.key.data(), l.key.size())},
                                     {"sort_offset", l.sortOff},
                                     {"sort_length", l.sortLen},
-                                    {"records", std::move(recs)}});
+                                    {"records", std::move(recs)},
+                                    {"decoded", Readings(read, d, l)}});
         }
         out["databases"].push_back(std::move(jdb));
     }
     return out.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
-std::string FormatText(const std::string &path, const std::vector<DumpDb> &dbs)
+std::string FormatText(const std::string &path, const std::vector<DumpDb> &dbs, const RecordReader &read)
 {
     std::string out = "store " + path + "\n";
     if (dbs.empty()) {
@@ -553,8 +584,14 @@ std::string FormatText(const std::string &path, const std::vector<DumpDb> &dbs)
         for (const DumpList &l : d.lists) {
             out += "  key " + HexOf(l.key.data(), l.key.size()) + ": sort word at " + std::to_string(l.sortOff) +
                    ", " + std::to_string(l.sortLen) + " bytes, " + std::to_string(l.records.size()) + " records\n";
-            for (const std::string &r : l.records) {
-                out += "    " + HexOf(r.data(), r.size()) + "\n";
+            const nlohmann::json readings = Readings(read, d, l);
+            for (size_t i = 0; i < l.records.size(); ++i) {
+                const std::string &r = l.records[i];
+                out += "    " + HexOf(r.data(), r.size());
+                if (!readings[i].is_null()) {
+                    out += "  " + readings[i].dump();
+                }
+                out += "\n";
             }
         }
     }
@@ -563,7 +600,7 @@ std::string FormatText(const std::string &path, const std::vector<DumpDb> &dbs)
 
 } // namespace
 
-std::string DumpDatabase(const std::string &path, bool json, std::string &err)
+std::string DumpDatabase(const std::string &path, bool json, std::string &err, const RecordReader &read)
 {
     err.clear();
     struct stat st {};
@@ -590,7 +627,7 @@ std::string DumpDatabase(const std::string &path, bool json, std::string &err)
         err = path + ": " + why;
         return {};
     }
-    return json ? FormatJson(path, dbs) : FormatText(path, dbs);
+    return json ? FormatJson(path, dbs, read) : FormatText(path, dbs, read);
 }
 
 } // namespace tbdl::plat

@@ -18,11 +18,14 @@
 #define TBDL_PLAT_DBM_STORE_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include <nlohmann/json.hpp>
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -109,17 +112,26 @@ private:
     sqlite3_stmt *stmts_[kStmtCount] = {};
 };
 
+/* Says what a stored record holds, given its database name, list key and
+ * bytes: a JSON object, or null for a record it does not know. The store
+ * knows no record layout; the owner of the records does. */
+using RecordReader =
+    std::function<nlohmann::json(const std::string &db, const std::string &key, const std::string &rec)>;
+
 /* Read-only dump of every database, list and record of the store file at
  * path, as JSON (json = true) or as text for people. Keys, sort words and
- * records are shown as hex. Returns "" and sets err when the file cannot be
+ * records are shown as hex; with a reader, each record's reading stands
+ * beside its bytes ("decoded", in the order of "records"; null where the
+ * reader knows none). Returns "" and sets err when the file cannot be
  * read; err is cleared on success. Never creates the store or changes its
  * contents (SQLite may leave its WAL side files next to it, as any reader
  * does).
  *
  * JSON: {"path":..., "databases":[{"name":"eTBDL","owner":"TBDL",
  *        "lists":[{"key":"01","sort_offset":20,"sort_length":4,
- *                  "records":["00020000...", ...]}]}]} */
-std::string DumpDatabase(const std::string &path, bool json, std::string &err);
+ *                  "records":["00020000...", ...],
+ *                  "decoded":[{"bundle":1,...}, ...]}]}]} */
+std::string DumpDatabase(const std::string &path, bool json, std::string &err, const RecordReader &read = {});
 
 } // namespace tbdl::plat
 

@@ -12,6 +12,37 @@
 
 namespace tbdl::rpc {
 
+namespace {
+
+/* Deadline of a connect when the caller gives no time-out of its own. */
+constexpr int kConnectTimeoutMs = 10000;
+
+/* A local connect waits while the listener's queue is full, for as long as
+ * the socket's send time-out: a listener that is bound but no longer
+ * accepting (stopped, hung, out of descriptors) fails the connect with
+ * ETIMEDOUT at the deadline instead of holding the caller for ever. The
+ * time-out is cleared again afterwards, so sends keep blocking as before. */
+bool ConnectWithin(int fd, const sockaddr_un &addr, int timeoutMs)
+{
+    timeval tv{timeoutMs / 1000, (timeoutMs % 1000) * 1000};
+    (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
+    int rc;
+    do {
+        rc = connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof(addr));
+    } while (rc != 0 && errno == EINTR);
+    if (rc != 0) {
+        if (errno == EAGAIN) {
+            errno = ETIMEDOUT;
+        }
+        return false;
+    }
+    timeval none{};
+    (void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &none, sizeof(none));
+    return true;
+}
+
+} // namespace
+
 int SendMsg(int fd, uint16_t op, uint16_t board, uint32_t arg, const void *payload, size_t len,
             int flags)
 {
@@ -59,7 +90,7 @@ int Connect(const std::string &socketPath, int recvTimeoutMs)
     if (fd < 0) {
         return -1;
     }
-    if (connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0) {
+    if (!ConnectWithin(fd, addr, recvTimeoutMs > 0 ? recvTimeoutMs : kConnectTimeoutMs)) {
         int e = errno;
         close(fd);
         errno = e;

@@ -12,6 +12,7 @@
 #include "plat_ps.h"
 
 #include "chassis_env.h"
+#include "rpc.h"
 #include "emulated_call.h"
 #include "ps_socket.h"
 
@@ -25,19 +26,9 @@ i32 Connect()
     if (!env.inChassis) {
         return -1;
     }
-    std::string path = PsSocketPathOf(env.dir, env.board);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    if (path.size() >= sizeof(addr.sun_path)) {
-        return -1;
-    }
-    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0) {
-        close(fd);
-        fd = -1;
-    }
-    return fd;
+    /* A service that stopped accepting fails the registration at the
+     * connect deadline instead of holding the daemon's loop. */
+    return tbdl::rpc::Connect(PsSocketPathOf(env.dir, env.board), 0);
 }
 
 } // namespace

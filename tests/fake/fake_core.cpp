@@ -90,6 +90,7 @@ void Reset()
     detail::ResetDbm();
     detail::ResetHa();
     detail::ResetMisc();
+    detail::ResetWatch();
 }
 
 std::vector<Call> CallsOf(const std::string &name) { return Select([&](const Call &c) { return c.name == name; }); }

@@ -97,6 +97,7 @@ void ResetIf();
 void ResetDbm();
 void ResetHa();
 void ResetMisc();
+void ResetWatch();
 
 } // namespace fake::detail
 

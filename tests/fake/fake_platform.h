@@ -142,6 +142,21 @@ std::string HostPath(uint16_t port);
 /* CIOCTL answers 0 to a KTBDL bundle update (36 bytes) or member add or
  * delete (8 bytes); any other command or length is recorded and answered 1. */
 
+/* L3VPN event service. L3VPN_RegEvt returns a real descriptor (an eventfd)
+ * and keeps the handler; pushed events make it readable, and L3VPN_ProcEvt
+ * hands every queued one to the handler (data NULL when none is given).
+ * L3VPN_RequestBatch queues a batch begin and a batch end. L3VPN_DeregEvent
+ * closes the descriptor. */
+void L3vPush(uint32_t event, const L3VPN_EVT_S *data = nullptr);
+size_t L3vPending(); /* events queued and not yet handed to the handler */
+
+/* Service-port events. SubscribeServicePortEvent returns a real descriptor
+ * (an eventfd) that the daemon then owns; each pushed (state, port) is read
+ * by one RecvServicePortEvent, which records the 12 bytes it wrote in data
+ * and answers 1 when nothing is queued. */
+void SvcPortPush(uint32_t state, uint16_t port);
+int SvcPortFd(); /* the last subscription's descriptor; -1 when none */
+
 } // namespace fake
 
 #endif

@@ -139,10 +139,6 @@ inline testing::AssertionResult KtbdlMatches(const Chassis &chassis, tc::Client 
     if (!table || !k.is_object() || !k.contains("bundles")) {
         return testing::AssertionFailure() << "no bundle table or no kernel table of board " << board;
     }
-    std::map<std::uint32_t, std::string> names; /* interface index -> name */
-    for (const auto &[name, idx] : IfIndexes(chassis)) {
-        names[idx] = name;
-    }
     Sigs shown, found;
     std::set<std::string> bundles;
     for (const auto &[n, d] : *table) {
@@ -155,12 +151,15 @@ inline testing::AssertionResult KtbdlMatches(const Chassis &chassis, tc::Client 
             shown[BndName(n)] = KernelSig(d.ucState, d.usTnlMode, d.stAddr.usFamily, tc::FormatAddr(d.stAddr), members);
         }
     }
+    /* The dump names each index; an unnamed one stands as its number. */
+    auto named = [](const Json &name, const Json &idx) {
+        return name.get<std::string>().empty() ? "interface " + idx.dump() : name.get<std::string>();
+    };
     for (const Json &e : k["bundles"]) {
-        const std::uint32_t idx = e.at("ifindex");
-        const std::string name = names.count(idx) != 0 ? names[idx] : "interface " + std::to_string(idx);
+        const std::string name = named(e.at("name"), e.at("ifindex"));
         std::vector<std::string> members;
-        for (std::uint32_t m : e.at("members")) {
-            members.push_back(names.count(m) != 0 ? names[m] : std::to_string(m));
+        for (std::size_t i = 0; i < e.at("members").size(); i++) {
+            members.push_back(named(e.at("member_names").at(i), e["members"][i]));
         }
         if (bundles.count(name) == 0 && !members.empty()) {
             found["kernel entry of " + name] = KernelSig(0, 0, 0, "", members);
@@ -171,13 +170,13 @@ inline testing::AssertionResult KtbdlMatches(const Chassis &chassis, tc::Client 
     return SameSigs(shown, found);
 }
 
-/* Stored records, decoded from chassisctl's database dump, by name:
- * "Tunnel-Bundle<n>" -> "mode M tnl T family F addr HEX" and
+/* Stored records, as chassisctl's database dump reads them, by name:
+ * "Tunnel-Bundle<n>" -> "mode M tnl T family F addr A" and
  * "Tunnel-Bundle<n> Tunnel<t>" -> "weight W role R". */
-inline std::string BndSig(unsigned mode, unsigned tnlMode, unsigned family, const std::string &addrHex)
+inline std::string BndSig(unsigned mode, unsigned tnlMode, unsigned family, const std::string &addr)
 {
     return "mode " + std::to_string(mode) + " tnl " + std::to_string(tnlMode) + " family " + std::to_string(family) +
-           " addr " + addrHex;
+           " addr " + addr;
 }
 
 inline std::string MembKey(std::uint32_t bnd, std::uint32_t tnl) { return BndName(bnd) + " Tunnel" + std::to_string(tnl); }
@@ -192,25 +191,20 @@ inline std::optional<Sigs> ReadStored(const Chassis &chassis)
     if (!j.is_object() || !j.contains("databases")) {
         return std::nullopt;
     }
-    auto be = [](const tc::Bytes &b, std::size_t off, std::size_t len) {
-        std::uint32_t v = 0;
-        for (std::size_t i = 0; i < len; i++) {
-            v = (v << 8) | b[off + i];
-        }
-        return v;
-    };
     Sigs s;
     for (const Json &db : j["databases"]) {
         for (const Json &list : db.value("name", "") == "eTBDL" ? db["lists"] : Json::array()) {
-            std::optional<tc::Bytes> key = tc::FromHex(list.at("key").get<std::string>());
-            for (const Json &rec : list["records"]) {
-                std::optional<tc::Bytes> r = tc::FromHex(rec.get<std::string>());
-                if (key && r && *key == tc::Bytes{1} && r->size() == 32) {
-                    s[BndName(be(*r, 20, 4))] = BndSig((*r)[24], (*r)[25], be(*r, 0, 2), tc::ToHex(r->data() + 4, 4));
-                } else if (key && r && key->size() == 5 && (*key)[0] == 2 && r->size() == 12) {
-                    s[MembKey(be(*key, 1, 4), be(*r, 0, 4))] = MembSig(be(*r, 4, 2), (*r)[6]);
-                } else {
+            if (list.at("decoded").size() != list.at("records").size()) {
+                return std::nullopt;
+            }
+            for (const Json &r : list["decoded"]) {
+                if (!r.is_object()) {
                     return std::nullopt;
+                }
+                if (r.contains("tunnel")) {
+                    s[MembKey(r.at("bundle"), r.at("tunnel"))] = MembSig(r.at("weight"), r.at("role"));
+                } else {
+                    s[BndName(r.at("bundle"))] = BndSig(r.at("mode"), r.at("tnl_mode"), r.at("family"), r.at("address"));
                 }
             }
         }
@@ -230,7 +224,7 @@ inline testing::AssertionResult StoreMatches(const Chassis &chassis, tc::Client 
     }
     Sigs want;
     for (const auto &[n, d] : *table) {
-        want[BndName(n)] = BndSig(d.ucMode, d.usTnlMode, d.stAddr.usFamily, tc::ToHex(d.stAddr.aucAddr.data(), 4));
+        want[BndName(n)] = BndSig(d.ucMode, d.usTnlMode, d.stAddr.usFamily, tc::FormatAddr(d.stAddr));
         for (const tc::MembDetail &m : d.members) {
             want[MembKey(n, m.uiTnlNum)] = MembSig(m.usWeight, m.ucRole);
         }

@@ -77,6 +77,9 @@ TEST_F(ChassisDaemon, StandbyKernelTableFollowsTheMasterAlsoAfterAReboot)
             std::vector<uint32_t> m = e["members"].get<std::vector<uint32_t>>();
             std::sort(m.begin(), m.end());
             e["members"] = m;
+            std::vector<std::string> n = e["member_names"].get<std::vector<std::string>>();
+            std::sort(n.begin(), n.end());
+            e["member_names"] = n;
         }
         return b;
     };

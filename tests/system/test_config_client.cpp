@@ -1,6 +1,6 @@
 /* The configuration client's codec and its handling of replies that do not
- * answer (from a scripted peer), board selection, and tbdlctl when no
- * board answers. The real daemon's tests cover the requests and the
+ * answer or are cut off (from a scripted peer), and tbdlctl when no
+ * chassis answers. The real daemon's tests cover the requests and the
  * decoding of its displays. */
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -46,11 +46,6 @@ tc::Bytes Reply(std::uint16_t usClass, std::uint32_t uiResult, const tc::MsgHead
     tc::Bytes b = tc::EncodeHeader(h);
     b.insert(b.end(), payload.begin(), payload.end());
     return b;
-}
-
-void WriteChassisJson(const std::string &dir, int master)
-{
-    std::ofstream(dir + "/chassis.json") << nlohmann::json{{"master_board", master}, {"boards", {0, 1}}}.dump();
 }
 
 /* ---- codec ---- */
@@ -110,14 +105,13 @@ TEST(ConfigCodec, TextArguments)
 TEST(ConfigClient, RepliesThatDoNotAnswerAreFailures)
 {
     ScratchDir dir("cfgclient");
-    WriteChassisJson(dir.dir(), 0);
     ::mkdir(dir.Path("board0").c_str(), 0755);
     sockaddr_un addr{AF_UNIX, {}};
     std::snprintf(addr.sun_path, sizeof(addr.sun_path), "%s", dir.Path("board0/cfg.sock").c_str());
     int listener = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
     ASSERT_EQ(::listen(listener, 1), 0);
-    tc::Outcome<tc::Client> client = tc::Client::Connect(dir.dir(), std::nullopt, 300);
+    tc::Outcome<tc::Client> client = tc::Client::ConnectPath(dir.Path("board0/cfg.sock"), 300);
     ASSERT_TRUE(client) << client.error();
     int conn = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     const std::pair<const char *, std::function<tc::Bytes(tc::MsgHeader)>> cases[] = {
@@ -143,25 +137,31 @@ TEST(ConfigClient, RepliesThatDoNotAnswerAreFailures)
         ASSERT_FALSE(got) << error;
         EXPECT_NE(got.error().find(error), std::string::npos) << got.error();
     }
+    /* The peer goes away after taking the request: lost, whatever it did with it. */
+    auto cut = std::async(std::launch::async, [&client] { return client->Debug(); });
+    tc::Bytes req(4096);
+    EXPECT_GT(::recv(conn, req.data(), req.size(), 0), 0);
     ::close(conn);
+    tc::Outcome<tc::Shown<tc::DebugSwitch>> got = cut.get();
+    ASSERT_FALSE(got);
+    EXPECT_NE(got.error().find("was lost before the reply"), std::string::npos) << got.error();
     ::close(listener);
 }
 
-/* The master board named in chassis.json unless a board is given;
- * tbdlctl tells in one line, exit status 2, that no board answers. */
-TEST(ConfigClient, BoardSelectionAndTbdlctlWhenNoBoardAnswers)
+/* Without a chassis to ask which board is master, tbdlctl says so in one
+ * line, exit status 2. */
+TEST(ConfigClient, TbdlctlWhenNoChassisAnswers)
 {
     ScratchDir dir("cfgclient");
-    WriteChassisJson(dir.dir(), 1);
-    EXPECT_EQ(*tc::FindCfgSocket(dir.dir(), std::nullopt), dir.dir() + "/board1/cfg.sock");
-    EXPECT_EQ(*tc::FindCfgSocket(dir.dir(), 0), dir.dir() + "/board0/cfg.sock");
-    ProcRun run = dir.Tbdlctl({"show", "limits"});
-    EXPECT_EQ(run.status, 2);
-    EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
-    EXPECT_NE(run.err.find("board1/cfg.sock"), std::string::npos) << run.err;
-    EXPECT_TRUE(run.out.empty());
-    std::ofstream(dir.dir() + "/chassis.json") << "{\"boards\":[0]}";
-    EXPECT_FALSE(tc::FindCfgSocket(dir.dir(), std::nullopt));
+    for (const std::vector<std::string> &args : {std::vector<std::string>{"show", "limits"},
+                                                 std::vector<std::string>{"--board", "0", "show", "limits"}}) {
+        ProcRun run = dir.Tbdlctl(args);
+        EXPECT_EQ(run.status, 2);
+        EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
+        EXPECT_NE(run.err.find("cannot ask the chassis in " + dir.dir() + " which board is master"), std::string::npos)
+            << run.err;
+        EXPECT_TRUE(run.out.empty());
+    }
 }
 
 }  // namespace

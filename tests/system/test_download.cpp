@@ -2,7 +2,8 @@
  * configuration step, LSM holds one entry per bundle with members and PS one
  * per protection bundle with exactly two members, as the daemon's table
  * says; stopped services catch up when started; an orderly stop withdraws
- * what a killed daemon leaves in place. */
+ * what a killed daemon leaves in place; a board without the PS library
+ * downloads to LSM alone. */
 #include <gtest/gtest.h>
 
 #include "cfg_checks.h"
@@ -14,13 +15,43 @@ namespace {
 
 std::string Member(const tc::MembDetail &m) { return "Tunnel" + std::to_string(m.uiTnlNum) + (m.ucState == 1 ? " up" : " down"); }
 
+/* An LSP entry's signature: work mode, the primary members (sorted) and
+ * the backup member, each "TunnelN/wW". */
+std::string LspSig(const std::string &mode, std::vector<std::string> primary, const std::string &backup)
+{
+    std::sort(primary.begin(), primary.end());
+    std::string sig = mode + " primary";
+    for (const std::string &p : primary) {
+        sig += " " + p;
+    }
+    return backup.empty() ? sig : sig + " backup " + backup + " has-backup";
+}
+
+/* A lone member is primary whatever its role; otherwise a role-1 member is
+ * path 0's backup. */
+std::string WantedLsp(const tc::BndDetail &d)
+{
+    std::vector<std::string> primary;
+    std::string backup;
+    for (const tc::MembDetail &m : d.members) {
+        std::string name = "Tunnel" + std::to_string(m.uiTnlNum) + "/w" + std::to_string(m.usWeight);
+        if (m.ucRole == 1 && d.members.size() > 1) {
+            backup = name;
+        } else {
+            primary.push_back(name);
+        }
+    }
+    const char *mode = d.ucMode == TBDL_MODE_ONETOONE ? "1:1" : d.ucMode == TBDL_MODE_ONEPLUSONE ? "1+1" : "load balancing";
+    return LspSig(mode, primary, backup);
+}
+
 /* What LSM and PS must hold for the daemon's table, by bundle name. */
 std::pair<Sigs, Sigs> Wanted(const std::map<std::uint32_t, tc::BndDetail> &table)
 {
     Sigs lsm, ps;
     for (const auto &[n, d] : table) {
         if (!d.members.empty()) {
-            lsm[BndName(n)] = "";
+            lsm[BndName(n)] = WantedLsp(d);
         }
         if (d.ucMode != TBDL_MODE_LOADBALANCING && d.members.size() == 2) {
             const bool firstWorks = d.members[0].ucRole == 0;
@@ -33,16 +64,22 @@ std::pair<Sigs, Sigs> Wanted(const std::map<std::uint32_t, tc::BndDetail> &table
 
 std::string Found(const Json &m) { return m.at("name").get<std::string>() + (m.at("up").get<bool>() ? " up" : " down"); }
 
-/* What board 0's LSM and PS hold, by bundle name. */
+std::string FoundHalf(const Json &h) { return h.at("name").get<std::string>() + "/w" + h.at("weight").dump(); }
+
+/* What board 0's LSM and PS hold, by bundle name (as chassisd decodes them). */
 std::pair<Sigs, Sigs> Held(const Chassis &chassis)
 {
-    std::map<std::uint32_t, std::string> names;
-    for (const auto &[name, idx] : IfIndexes(chassis)) {
-        names[idx] = name;
-    }
     Sigs lsm, ps;
     for (const Json &e : chassis.CtlJson({"dump", "lsm", "--board", "0"}).value("entries", Json::array())) {
-        lsm[names[e.at("ifindex")]] = "";
+        std::vector<std::string> primary;
+        for (const Json &p : e.at("paths")) {
+            primary.push_back(FoundHalf(p));
+        }
+        std::string sig = LspSig(e.at("mode"), primary, e.contains("backup") ? FoundHalf(e["backup"]) : "");
+        if (e.contains("backup") != (e.at("flag_names") == Json::array({"has-backup"}))) {
+            sig += " flags " + e["flag_names"].dump();
+        }
+        lsm[e.at("bundle").is_number() ? BndName(e["bundle"]) : e.at("name").dump()] = sig;
     }
     for (const Json &b : chassis.CtlJson({"dump", "ps", "--board", "0"}).value("bundles", Json::array())) {
         ps[BndName(b.at("bundle"))] = b.at("protection_kind").get<std::string>() + " working " + Found(b["working"]) +
@@ -53,15 +90,19 @@ std::pair<Sigs, Sigs> Held(const Chassis &chassis)
 
 class Download : public DaemonTest {
 protected:
-    Download() : DaemonTest("dld") {}
+    explicit Download(std::vector<std::string> args = {}) : DaemonTest("dld", std::move(args)) {}
 
-    /* LSM and PS of board 0 come to agree with the daemon's table. */
-    testing::AssertionResult Downloaded()
+    /* LSM and PS of board 0 come to agree with the daemon's table (PS
+     * with nothing when the board has no PS library). */
+    testing::AssertionResult Downloaded(bool withPs = true)
     {
         std::pair<Sigs, Sigs> want, held;
         tbdl::systest::WaitUntil([&] {
             std::optional<std::map<std::uint32_t, tc::BndDetail>> table = Table(*m_client);
             want = table ? Wanted(*table) : std::pair<Sigs, Sigs>{};
+            if (!withPs) {
+                want.second.clear();
+            }
             held = Held(m_chassis);
             return want == held;
         }, 10000, 50);
@@ -141,6 +182,24 @@ TEST_F(Download, AnOrderlyStopWithdrawsAKillDoesNot)
         EXPECT_EQ(Dropped("lsm") - lsm, c.lsmDropped) << c.how;
         EXPECT_EQ(Dropped("ps") - ps, c.psDropped) << c.how;
     }
+}
+
+class DownloadWithoutPsLib : public Download {
+protected:
+    DownloadWithoutPsLib() : Download({"--no-ps-lib", "0"}) {}
+};
+
+TEST_F(DownloadWithoutPsLib, LsmAloneGetsTheTableAndNothingComplains)
+{
+    ASSERT_TRUE(Answers(m_client->SetDebug(true, tc::kDebugAll), TBDL_OK));
+    Configure();
+    EXPECT_TRUE(Downloaded(false));
+    const Json ps = m_chassis.CtlJson({"dump", "ps", "--board", "0"});
+    EXPECT_EQ(ps.value("connections", -1), 0);
+    EXPECT_EQ(ps.value("updates", -1) + ps.value("cycles", -1) + ps.value("malformed", -1), 0) << ps.dump();
+    const std::string log = tbdl::systest::ReadFile(m_chassis.Path("board0/tbdld.log"));
+    EXPECT_NE(log.find("to LSM"), std::string::npos) << "the daemon's log is on";
+    EXPECT_EQ(log.find("PS"), std::string::npos) << log;
 }
 
 }  // namespace

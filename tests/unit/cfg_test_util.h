@@ -5,11 +5,13 @@
 
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstring>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -80,6 +82,20 @@ inline std::optional<Bytes> TryRecv(int fd)
     uint8_t buf[4096];
     ssize_t n = recv(fd, buf, sizeof(buf), MSG_DONTWAIT);
     return n < 0 ? std::nullopt : std::optional<Bytes>(Bytes(buf, buf + n));
+}
+
+/* A client of the configuration socket at path; -1 when it does not connect. */
+inline int Connect(const std::string &path)
+{
+    int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    struct sockaddr_un addr = {};
+    addr.sun_family = AF_UNIX;
+    strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+    if (fd >= 0 && connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 inline bool Send(int fd, const Bytes &m) { return send(fd, m.data(), m.size(), MSG_NOSIGNAL) == ssize_t(m.size()); }

@@ -41,19 +41,6 @@ bool PumpUntil(int epfd, const std::function<bool()> &cond)
     return cond();
 }
 
-int Connect(const std::string &path)
-{
-    int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
-    struct sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-    if (fd >= 0 && connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
 int OpenFdCount()
 {
     int n = 0;

@@ -1,11 +1,20 @@
 /* HA role: channel set-up and its failure paths, HA events and their
  * answers, the order of module activation and deactivation. */
+#include <fcntl.h>
+
+#include "bas/tbdl_bas_priv.h"
 #include "bnd_fixture.h"
 #include "ha/tbdl_ha_priv.h"
 #include "cfg/tbdl_cfg_priv.h"
 #include "tbdl_dld.h"
 
 using namespace bndtest;
+using cfgtest::BndCreateTlvs;
+using cfgtest::Request;
+using cfgtest::ResultOf;
+using cfgtest::Send;
+using cfgtest::Tlv;
+using cfgtest::TryRecv;
 
 namespace {
 
@@ -180,6 +189,86 @@ TEST_F(HaRoleTest, FailedActivationStepAndFailedResponseAreLoggedOnce)
     fake::FailOnce("HA_Response", 1);
     DeliverEvent(TBDL_HA_EV_ACK_ONLY);
     EXPECT_EQ(LogCount("ERROR Failed to respond to HA. Event: 3.\r\n"), 1u);
+}
+
+/* What the daemon holds: open descriptors (sockets and timers), registrations on the event loop, timer descriptors,
+ * and heap blocks other than the error statistics, which are kept for the life of the process. */
+using Held = std::tuple<int, int, int, u32>;
+constexpr size_t kTimers = 2;
+
+Held HeldNow()
+{
+    int fds = 0, registered = 0, timers = 0;
+    for (int fd = 0; fd < 1024; fd++) {
+        char link[64] = {};
+        std::string path = "/proc/self/fd/" + std::to_string(fd);
+        if (fcntl(fd, F_GETFD) != -1) {
+            fds++;
+            registered += g_astTbdlBasEpollTable[fd].pfnCallback != nullptr;
+            timers += readlink(path.c_str(), link, sizeof(link) - 1) > 0 && strstr(link, "timerfd") != nullptr;
+        }
+    }
+    u32 blocks = TBDL_BAS_LiveAllocs() - u32(std::count_if(std::begin(g_apcTbdlErrStr), std::end(g_apcTbdlErrStr),
+                                                           [](const char *p) { return p != nullptr; }));
+    return {fds, registered, timers, blocks};
+}
+
+/* Standby -> master -> standby, several times. Each promotion brings the database in step and restores what the
+ * master before it stored; each demotion closes the configuration socket, clears the bundles, the members' private
+ * data and the debug switches, and (once the last operator has gone) gives back every descriptor, timer and block
+ * the active period took. */
+TEST_F(HaRoleTest, RepeatedRoleChangesLeaveNothingBehind)
+{
+    fake::Config().master = false;
+    Start();
+    u32 ifIndex = fake::AddTunnel(1);
+    const Held idle = HeldNow();
+    for (int cycle = 0; cycle < 3; cycle++) {
+        SCOPED_TRACE("cycle " + std::to_string(cycle));
+        /* Meanwhile the other board, master, stored bundles 3 and 4, member Tunnel1 in 4. */
+        StoreBnd(3);
+        StoreBnd(4);
+        fake::DbPut(MembKey(4), 0, {0, 0, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0});
+        Mark();
+        fake::Config().master = true;
+        DeliverEvent(TBDL_HA_EV_UPGRADE);
+        EXPECT_EQ(fake::Names({"DBM_Sync", "LIPC_GetHostPath"}), (std::vector<std::string>{"DBM_Sync", "LIPC_GetHostPath"}));
+        ASSERT_TRUE(HasBundles());
+        EXPECT_EQ(fake::PrivateData().count(ifIndex), 1u);
+
+        /* Active: a standby asks for everything, an operator connects, turns debugging on and deletes bundle 3. */
+        fake::Config().slavePresent = true;
+        DeliverEvent(TBDL_HA_EV_BATCH_BACKUP);
+        EXPECT_FALSE(fake::HaSentMessages().empty());
+        int client = cfgtest::Connect(fake::HostPath(TBDL_CFG_PORT));
+        ASSERT_GE(client, 0) << "the configuration socket is open again";
+        ASSERT_TRUE(Send(client, Request(0, 0, 0, Tlv(398, Be32(2)))));
+        Pump(); /* accept */
+        Pump(); /* request */
+        ASSERT_TRUE(Send(client, Request(0, 1, 1, BndCreateTlvs(3))));
+        Pump();
+        EXPECT_EQ(ResultOf(TryRecv(client).value_or(Bytes{})), 0u) << "debug on";
+        EXPECT_EQ(ResultOf(TryRecv(client).value_or(Bytes{})), 0u) << "bundle 3 deleted";
+        EXPECT_NE(g_stTbdlLogVar.uiDebugSwitch, 0u);
+        EXPECT_GT(std::get<kTimers>(HeldNow()), std::get<kTimers>(idle)) << "download reconnect timers run";
+
+        fake::Config().master = false;
+        fake::Config().slavePresent = false;
+        DeliverEvent(TBDL_HA_EV_DEACTIVATE);
+        /* A connection accepted while active stays until its peer leaves, and gets no more answers. */
+        ASSERT_TRUE(Send(client, Request(0, 0, 0, Tlv(398, Be32(2)))));
+        Pump();
+        EXPECT_EQ(TryRecv(client), std::nullopt);
+        close(client);
+        Pump();
+        EXPECT_EQ(g_stTbdlCfgGlobalVar.iListenFd, -1);
+        EXPECT_FALSE(HasBundles());
+        EXPECT_TRUE(fake::PrivateData().empty());
+        EXPECT_EQ(g_stTbdlLogVar.uiDebugSwitch, 0u);
+        EXPECT_EQ(HeldNow(), idle);
+        EXPECT_EQ(fake::HaResponses().size(), 3u * (cycle + 1));
+    }
+    EXPECT_EQ(fake::HaResponses().back(), std::make_pair(u32(0), u32(0)));
 }
 
 } // namespace

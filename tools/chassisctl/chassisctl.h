@@ -2,6 +2,8 @@
 #ifndef TBDL_CHASSISCTL_H
 #define TBDL_CHASSISCTL_H
 
+#include <string>
+
 #include <nlohmann/json.hpp>
 
 namespace chassisctl {
@@ -17,6 +19,9 @@ void PrintPsText(const Json &reply);
 void PrintHaText(const Json &reply);
 void PrintFailText(const Json &reply);
 void PrintSvcPortText(const Json &reply);
+
+/* "dump db": what a stored record of the daemon holds, null for others. */
+Json ReadStoredRecord(const std::string &db, const std::string &key, const std::string &rec);
 
 int Main(int argc, char **argv);
 

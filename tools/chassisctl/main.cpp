@@ -241,7 +241,7 @@ void CmdLog(std::optional<int> board)
 void CmdDb()
 {
     std::string err;
-    std::string out = tbdl::plat::DumpDatabase(tbdl::plat::DatabasePathOf(g.dir), g.json, err);
+    std::string out = tbdl::plat::DumpDatabase(tbdl::plat::DatabasePathOf(g.dir), g.json, err, ReadStoredRecord);
     if (!err.empty()) {
         Die(err);
     }

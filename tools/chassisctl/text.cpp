@@ -63,7 +63,11 @@ std::string Hex(const Json &j)
 void PrintStatusText(const Json &s)
 {
     std::cout << "chassis " << S(s["dir"]) << ": chassisd pid " << S(s["chassisd_pid"]) << ", master board "
-              << S(s["master_board"]) << (s.value("journal", false) ? ", journal on" : "") << "\n";
+              << S(s["master_board"]) << (s.value("journal", false) ? ", journal on" : "");
+    for (const Json &b : s.value("no_ps_lib", Json::array())) {
+        std::cout << ", board " << S(b) << " without the PS library";
+    }
+    std::cout << "\n";
     Table t({"BOARD", "ROLE", "STATE", "PID", "STATUS", "START CAUSE", "RESTARTS", "CFG SOCKET"});
     for (const Json &b : s["boards"]) {
         t.Add({S(b["board"]), S(b["role"]), S(b["state"]), b["pid"].get<int>() > 0 ? S(b["pid"]) : "-",
@@ -136,11 +140,15 @@ void PrintKtbdlText(const Json &r)
     Table t({"IFINDEX", "NAME", "STATE", "TNL MODE", "VRF", "ADDRESS", "MEMBERS"});
     for (const Json &b : r["bundles"]) {
         std::string members;
-        for (const Json &m : b["members"]) {
+        const Json names = b.value("member_names", Json::array());
+        for (size_t i = 0; i < b["members"].size(); ++i) {
             if (!members.empty()) {
                 members += ',';
             }
-            members += Hex(m);
+            members += Hex(b["members"][i]);
+            if (i < names.size() && !names[i].get<std::string>().empty()) {
+                members += ' ' + names[i].get<std::string>();
+            }
         }
         bool up = b.value("updated", false);
         t.Add({Hex(b["ifindex"]), S(b["name"]), up ? S(b["state"]) : "-", up ? S(b["tnl_mode"]) : "-",
@@ -149,26 +157,30 @@ void PrintKtbdlText(const Json &r)
     t.Print();
 }
 
+/* "Tunnel20 0x101 w1": a path half's member, interface index and weight. */
+static std::string LsmHalf(const Json &h)
+{
+    return S(h["name"]) + " " + Hex(h["ifindex"]) + " w" + S(h["weight"]);
+}
+
 void PrintLsmText(const Json &r)
 {
-    std::cout << "board " << S(r["board"]) << " LSM: " << S(r["adds"]) << " adds, " << S(r["deletes"]) << " deletes, "
-              << S(r["flushes"]) << " flushes, " << S(r["cycles"]) << " smoothing cycles\n";
-    Table t({"IFINDEX", "PROTOCOL", "MODE CODE", "ADDRESS", "VRF", "PATHS"});
+    std::cout << "board " << S(r["board"]) << " LSM" << (r.value("stopped", false) ? " (stopped)" : "") << ": "
+              << S(r["adds"]) << " adds, " << S(r["deletes"]) << " deletes, " << S(r["flushes"]) << " flushes, "
+              << S(r["cycles"]) << " GR cycles (the last " << S(r["last_cycle_us"]) << " us), " << S(r["dropped"])
+              << " entries dropped at their ends\n";
+    Table t({"BUNDLE", "IFINDEX", "PROTOCOL", "MODE", "ADDRESS", "VRF", "PATHS", "PATH 0 FLAGS", "PRIMARY", "BACKUP"});
     for (const Json &e : r["entries"]) {
-        std::string paths;
+        std::string primary, flags = S(e["flags"]);
         for (const Json &p : e["paths"]) {
-            if (!paths.empty()) {
-                paths += ' ';
-            }
-            paths += Hex(p["ifindex"]);
-            paths += "/w";
-            paths += S(p["weight"]);
-            if (p.contains("backup")) {
-                paths += "+backup ";
-                paths += Hex(p["backup"]["ifindex"]);
-            }
+            primary += (primary.empty() ? "" : ", ") + LsmHalf(p);
         }
-        t.Add({Hex(e["ifindex"]), S(e["protocol"]), S(e["mode_code"]), S(e["address"]), S(e["vrf"]), paths.empty() ? "-" : paths});
+        for (const Json &f : e["flag_names"]) {
+            flags += " " + S(f);
+        }
+        t.Add({e["bundle"].is_null() ? S(e["name"]) : S(e["bundle"]), Hex(e["ifindex"]), S(e["protocol"]),
+               S(e["mode_code"]) + " (" + S(e["mode"]) + ")", S(e["address"]), S(e["vrf"]), S(e["path_count"]), flags,
+               primary.empty() ? "-" : primary, e.contains("backup") ? LsmHalf(e["backup"]) : "-"});
     }
     t.Print();
 }
@@ -178,7 +190,7 @@ void PrintPsText(const Json &r)
     std::cout << "board " << S(r["board"]) << " PS" << (r["stopped"].get<bool>() ? " (stopped)" : "") << ": "
               << S(r["updates"]) << " updates, " << S(r["deletes"]) << " deletes, " << S(r["cycles"])
               << " smoothing cycles, " << S(r["dropped"]) << " dropped at their ends, " << S(r["malformed"])
-              << " malformed sends\n";
+              << " malformed of " << S(r["received"]) << " sends received\n";
     Table t({"BUNDLE", "KIND", "WORKING", "UP", "PROTECTION", "UP"});
     auto member = [](const Json &m) { return Hex(m["ifindex"]) + " " + S(m["name"]); };
     auto up = [](const Json &m) { return m["up"].get<bool>() ? "yes" : "no"; };

@@ -2,6 +2,7 @@
 #include "tbdl_cfg_conn.h"
 
 #include <poll.h>
+#include <sys/time.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -9,9 +10,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <fstream>
-
-#include <nlohmann/json.hpp>
 
 namespace tbdl::client {
 
@@ -26,25 +24,39 @@ std::string Errno(int err)
     return std::strerror(err);
 }
 
-}  // namespace
-
-Outcome<std::string> FindCfgSocket(const std::string &dir, std::optional<int> board)
+/* A local connect waits while the daemon's queue of new connections is
+ * full, as long as the socket's send time-out allows: a daemon that is
+ * bound but no longer accepting fails it with EAGAIN at the deadline. The
+ * time-out is cleared again afterwards (replies have their own wait). */
+bool ConnectWithin(int fd, const sockaddr_un &addr, int timeoutMs)
 {
-    if (!board) {
-        const std::string file = dir + "/chassis.json";
-        std::ifstream in(file);
-        if (!in) {
-            return Fail("cannot read " + file + ": " + Errno(errno));
-        }
-        nlohmann::json j = nlohmann::json::parse(in, nullptr, false);
-        if (j.is_discarded() || !j.is_object() || !j.contains("master_board") ||
-            !j["master_board"].is_number_integer()) {
-            return Fail(file + " names no master board");
-        }
-        board = j["master_board"].get<int>();
+    timeval tv{timeoutMs / 1000, (timeoutMs % 1000) * 1000};
+    (void)::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
+    int rc;
+    do {
+        rc = ::connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof(addr));
+    } while (rc != 0 && errno == EINTR);
+    if (rc != 0) {
+        return false;
     }
-    return dir + "/board" + std::to_string(*board) + "/cfg.sock";
+    timeval none{};
+    (void)::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &none, sizeof(none));
+    return true;
 }
+
+/* The peer is gone: a request cut off this way may or may not have been
+ * carried out, so it is never reported as a result. */
+bool PeerGone(int err)
+{
+    return err == ECONNRESET || err == EPIPE || err == ENOTCONN;
+}
+
+std::string LostText(const std::string &path)
+{
+    return "the connection to " + path + " was lost before the reply; the request may or may not have been carried out";
+}
+
+}  // namespace
 
 Connection::~Connection()
 {
@@ -52,7 +64,7 @@ Connection::~Connection()
 }
 
 Connection::Connection(Connection &&other) noexcept
-    : m_fd(other.m_fd), m_timeoutMs(other.m_timeoutMs), m_path(std::move(other.m_path))
+    : m_fd(other.m_fd), m_timeoutMs(other.m_timeoutMs), m_broke(other.m_broke), m_path(std::move(other.m_path))
 {
     other.m_fd = -1;
 }
@@ -63,6 +75,7 @@ Connection &Connection::operator=(Connection &&other) noexcept
         close();
         m_fd = other.m_fd;
         m_timeoutMs = other.m_timeoutMs;
+        m_broke = other.m_broke;
         m_path = std::move(other.m_path);
         other.m_fd = -1;
     }
@@ -89,9 +102,12 @@ Outcome<Connection> Connection::Open(const std::string &path, int timeoutMs)
     if (fd < 0) {
         return Fail("cannot create a socket: " + Errno(errno));
     }
-    if (::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof(addr)) != 0) {
+    if (!ConnectWithin(fd, addr, timeoutMs)) {
         int err = errno;
         ::close(fd);
+        if (err == EAGAIN) {
+            return Fail("cannot connect to " + path + ": no answer within " + std::to_string(timeoutMs) + " ms");
+        }
         return Fail("cannot connect to " + path + ": " + Errno(err));
     }
     Connection conn;
@@ -103,6 +119,7 @@ Outcome<Connection> Connection::Open(const std::string &path, int timeoutMs)
 
 Outcome<Bytes> Connection::Exchange(const Bytes &request)
 {
+    m_broke = Break::NONE;
     if (m_fd < 0) {
         return Fail("not connected");
     }
@@ -110,6 +127,10 @@ Outcome<Bytes> Connection::Exchange(const Bytes &request)
     do {
         sent = ::send(m_fd, request.data(), request.size(), MSG_NOSIGNAL);
     } while (sent < 0 && errno == EINTR);
+    if (sent < 0 && PeerGone(errno)) {
+        m_broke = Break::LOST;
+        return Fail(LostText(m_path));
+    }
     if (sent < 0) {
         return Fail("cannot send to " + m_path + ": " + Errno(errno));
     }
@@ -132,6 +153,7 @@ Outcome<Bytes> Connection::Exchange(const Bytes &request)
             return Fail("cannot wait for a reply: " + Errno(errno));
         }
         if (n == 0) {
+            m_broke = Break::SILENT;
             return Fail("no reply from " + m_path + " within " + std::to_string(m_timeoutMs) + " ms");
         }
         std::uint8_t buf[kRecvRoom];
@@ -139,11 +161,12 @@ Outcome<Bytes> Connection::Exchange(const Bytes &request)
         if (got < 0 && errno == EINTR) {
             continue;
         }
+        if (got == 0 || (got < 0 && PeerGone(errno))) {
+            m_broke = Break::LOST;
+            return Fail(LostText(m_path));
+        }
         if (got < 0) {
             return Fail("cannot receive from " + m_path + ": " + Errno(errno));
-        }
-        if (got == 0) {
-            return Fail("the daemon closed the connection " + m_path);
         }
         if (static_cast<std::size_t>(got) > sizeof(buf)) {
             return Fail("reply of " + std::to_string(got) + " bytes is too large");

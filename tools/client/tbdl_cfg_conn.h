@@ -15,9 +15,12 @@ namespace tbdl::client {
 /* Default time to wait for a reply. */
 constexpr int kDefaultTimeoutMs = 5000;
 
-/* Path of the configuration socket of a board of the chassis in dir: the
- * given board, or the master board named in dir/chassis.json. */
-Outcome<std::string> FindCfgSocket(const std::string &dir, std::optional<int> board);
+/* How the last exchange of a connection went wrong, if it did. */
+enum class Break {
+    NONE,    /* answered, or failed before anything was sent */
+    LOST,    /* the daemon closed or reset the connection before replying */
+    SILENT,  /* no reply within the timeout */
+};
 
 class Connection {
 public:
@@ -37,6 +40,9 @@ public:
     /* Exchange, then decode the reply. */
     Outcome<Message> Transact(const Bytes &request);
 
+    /* Of the last Exchange. */
+    Break broke() const { return m_broke; }
+    int timeout() const { return m_timeoutMs; }
     const std::string &path() const { return m_path; }
     int fd() const { return m_fd; }
     void setTimeout(int timeoutMs) { m_timeoutMs = timeoutMs; }
@@ -46,6 +52,7 @@ private:
 
     int m_fd = -1;
     int m_timeoutMs = kDefaultTimeoutMs;
+    Break m_broke = Break::NONE;
     std::string m_path;
 };
 

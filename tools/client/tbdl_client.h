@@ -58,8 +58,10 @@ class Client {
 public:
     explicit Client(Connection conn) : m_conn(std::move(conn)) {}
 
-    /* Connects to the board's configuration socket of the chassis in dir
-     * (the master board unless board is given). */
+    /* Connects to the master board's configuration socket of the chassis
+     * in dir, asking the chassis which board that is. A given board must be
+     * the master. While the master's socket does not take connections yet
+     * (a new master is still activating), it tries again until timeoutMs. */
     static Outcome<Client> Connect(const std::string &dir, std::optional<int> board,
                                    int timeoutMs = kDefaultTimeoutMs);
     static Outcome<Client> ConnectPath(const std::string &path, int timeoutMs = kDefaultTimeoutMs);
@@ -93,10 +95,15 @@ public:
     Outcome<Shown<Limits>> GetLimits();
 
 private:
+    /* One exchange; a failed one also says when the board is no longer the
+     * master, which is what cut it off at a switchover. */
+    Outcome<Message> Transact(const Bytes &request);
     Outcome<std::uint32_t> Configure(std::uint16_t usType, std::uint16_t usOper, const std::vector<Tlv> &tlvs);
     Outcome<Shown<BndDetail>> BundleQuery(std::uint16_t usOper, std::optional<std::uint32_t> bnd);
 
     Connection m_conn;
+    std::string m_dir;          /* set by Connect: the chassis to ask */
+    std::optional<int> m_board; /* the board connected to, when known */
 };
 
 }  // namespace tbdl::client

@@ -1,6 +1,8 @@
 /* tbdlctl: the operator's configuration tool of the tunnel-bundle daemon.
- * Speaks the configuration protocol to a board's configuration socket
- * (the master board of the chassis unless --board is given). */
+ * Speaks the configuration protocol to the master board's configuration
+ * socket; the chassis is asked which board that is, so the same command
+ * works after a switchover. --board names a board, refused unless it is the
+ * master. */
 #include <cstdlib>
 #include <functional>
 #include <iostream>
@@ -54,7 +56,7 @@ int main(int argc, char **argv)
     ctx.dir = DefaultDir();
     int board = -1;
     app.add_option("--dir", ctx.dir, "chassis directory (default: $TBDL_CHASSIS_DIR or ./chassis)");
-    app.add_option("--board", board, "board whose socket to use (default: the master board)")
+    app.add_option("--board", board, "board to send to; refused unless it is the master (default: the master)")
         ->check(CLI::Range(0, 1));
     app.add_flag("--json", ctx.json, "print JSON instead of tables");
     app.add_option("--timeout", ctx.timeoutMs, "milliseconds to wait for a reply")->check(CLI::PositiveNumber);

@@ -1,6 +1,7 @@
 /* The real daemon follows what the chassis reports: tunnel interface events
- * of members. After each change the display, the kernel table and the
- * stored records must agree. */
+ * of members, L3VPN bindings of members and bundles, the service port.
+ * After each change the display, the kernel table and the stored records
+ * must agree. */
 #include <gtest/gtest.h>
 
 #include "cfg_checks.h"
@@ -92,6 +93,89 @@ TEST_F(Watch, HangUpOfTheInterfaceEventChannelRestartsTheSubscription)
     EXPECT_TRUE(tbdl::systest::WaitUntil([&] { return Events()["acks"] == 1; })) << "and acknowledges events";
     EXPECT_EQ(Events()["hangups"], 1);
     EXPECT_TRUE(Consistent(m_chassis, *m_client));
+}
+
+/* L3VPN events of members and bundles, with the watch registered (the
+ * service port is up from the start). */
+class WatchVrf : public Watch {
+protected:
+    /* Bundle n bound to vrf, with member tunnels in it, all up. */
+    void VrfBundle(std::uint32_t n, std::uint16_t vrf, std::vector<std::uint32_t> tunnels)
+    {
+        ASSERT_TRUE(WaitRegistered());
+        ASSERT_TRUE(Answers(m_client->CreateBundle(n, TBDL_MODE_LOADBALANCING, 0), TBDL_OK));
+        ASSERT_TRUE(Exited(m_chassis.Ctl({"vrf", "bind", BndName(n), std::to_string(vrf)}), 0));
+        ASSERT_TRUE(tbdl::systest::WaitUntil([&] { return KernelVrf(n) == vrf; }));
+        for (std::uint32_t t : tunnels) {
+            ASSERT_TRUE(Exited(m_chassis.Ctl({"if", "add", "Tunnel" + std::to_string(t), "--mode", "0", "--vrf",
+                                              std::to_string(vrf)}), 0));
+            ASSERT_TRUE(Answers(m_client->AddMember(n, {t, 1, 0}), TBDL_OK)) << t;
+        }
+    }
+    /* The VRF the kernel table of board 0 has for bundle n; -1 when none. */
+    int KernelVrf(std::uint32_t n)
+    {
+        std::uint32_t idx = IfIndexes(m_chassis)[BndName(n)];
+        const Json k = m_chassis.CtlJson({"dump", "ktbdl", "--board", "0"});
+        for (const Json &b : k["bundles"]) {
+            if (b["ifindex"] == idx && b.value("updated", false)) {
+                return b["vrf"].get<int>();
+            }
+        }
+        return -1;
+    }
+    /* Board 0's daemon is registered with L3VPN and has had batches. */
+    Json Registration()
+    {
+        const Json vrf = m_chassis.CtlJson({"dump", "vrf"});
+        for (const Json &r : vrf["registrations"]) {
+            if (r["board"] == 0 && r["name"] == "TBDL") {
+                return r;
+            }
+        }
+        return Json();
+    }
+    bool WaitRegistered(int batches = 1)
+    {
+        return tbdl::systest::WaitUntil([&] {
+            Json r = Registration();
+            return r.is_object() && r["batches"] >= batches && r["acks"] == r["events_sent"];
+        });
+    }
+};
+
+TEST_F(WatchVrf, MembersAndBundlesMovedToAnotherVrf)
+{
+    VrfBundle(3, 5, {30, 31, 32});
+    ASSERT_TRUE(Becomes(3, "state 1 members 30:1 31:1 32:1"));
+    ASSERT_TRUE(Exited(m_chassis.Ctl({"vrf", "bind", "Tunnel30", "6"}), 0));
+    EXPECT_TRUE(Becomes(3, "state 1 members 31:1 32:1")) << "a member moved away is unbound";
+    ASSERT_TRUE(Exited(m_chassis.Ctl({"vrf", "bind", BndName(3), "7"}), 0));
+    EXPECT_TRUE(Becomes(3, "state 0 members")) << "a bundle moved away loses its members";
+    EXPECT_EQ(KernelVrf(3), 7);
+}
+
+TEST_F(WatchVrf, L3vpnStoppedAndStartedSweepsBindingsThatWentAway)
+{
+    VrfBundle(4, 5, {40, 41});
+    ASSERT_TRUE(Becomes(4, "state 1 members 40:1 41:1"));
+    ASSERT_TRUE(Exited(m_chassis.Ctl({"l3vpn", "stop"}), 0));
+    ASSERT_TRUE(tbdl::systest::WaitUntil([&] { return Registration().is_null(); }));
+    ASSERT_TRUE(Exited(m_chassis.Ctl({"vrf", "unbind", "Tunnel41"}), 0)); /* nobody hears of it now */
+    ASSERT_TRUE(Exited(m_chassis.Ctl({"l3vpn", "start"}), 0));
+    EXPECT_TRUE(WaitRegistered()) << "the daemon registers again and asks for the batch";
+    EXPECT_TRUE(Becomes(4, "state 1 members 40:1")) << "the batch's sweep drops the member that left";
+    EXPECT_EQ(KernelVrf(4), 5) << "the bundle's VRF was confirmed by the batch";
+}
+
+TEST_F(WatchVrf, ServicePortDownAndUpDeregistersAndRegistersAgain)
+{
+    ASSERT_TRUE(WaitRegistered());
+    ASSERT_TRUE(Exited(m_chassis.Ctl({"svcport", "down"}), 0));
+    EXPECT_TRUE(tbdl::systest::WaitUntil([&] { return Registration().is_null(); }));
+    ASSERT_TRUE(Exited(m_chassis.Ctl({"svcport", "up"}), 0));
+    EXPECT_TRUE(WaitRegistered());
+    EXPECT_EQ(m_chassis.CtlJson({"dump", "svcport"})["boards"][0]["events_sent"], 3);
 }
 
 } // namespace

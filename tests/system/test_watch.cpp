@@ -124,6 +124,21 @@ protected:
         }
         return -1;
     }
+    /* The VRF of a stored bundle or member record, by its name; -1 when none. */
+    int StoredVrf(const std::string &name)
+    {
+        const Json db = m_chassis.CtlJson({"dump", "db"});
+        for (const Json &d : db.value("databases", Json::array())) {
+            for (const Json &l : d["lists"]) {
+                for (const Json &r : l.value("decoded", Json::array())) {
+                    if (r.value("name", "") == name) {
+                        return r["vrf"].get<int>();
+                    }
+                }
+            }
+        }
+        return -1;
+    }
     /* Board 0's daemon is registered with L3VPN and has had batches. */
     Json Registration()
     {
@@ -152,7 +167,7 @@ TEST_F(WatchVrf, MembersAndBundlesMovedToAnotherVrf)
     EXPECT_TRUE(Becomes(3, "state 1 members 31:1 32:1")) << "a member moved away is unbound";
     ASSERT_TRUE(Exited(m_chassis.Ctl({"vrf", "bind", BndName(3), "7"}), 0));
     EXPECT_TRUE(Becomes(3, "state 0 members")) << "a bundle moved away loses its members";
-    EXPECT_EQ(KernelVrf(3), 7);
+    EXPECT_EQ(std::vector<int>({KernelVrf(3), StoredVrf(BndName(3))}), std::vector<int>({7, 7}));
 }
 
 TEST_F(WatchVrf, L3vpnStoppedAndStartedSweepsBindingsThatWentAway)
@@ -165,7 +180,9 @@ TEST_F(WatchVrf, L3vpnStoppedAndStartedSweepsBindingsThatWentAway)
     ASSERT_TRUE(Exited(m_chassis.Ctl({"l3vpn", "start"}), 0));
     EXPECT_TRUE(WaitRegistered()) << "the daemon registers again and asks for the batch";
     EXPECT_TRUE(Becomes(4, "state 1 members 40:1")) << "the batch's sweep drops the member that left";
-    EXPECT_EQ(KernelVrf(4), 5) << "the bundle's VRF was confirmed by the batch";
+    EXPECT_EQ(std::vector<int>({KernelVrf(4), StoredVrf(BndName(4)), StoredVrf("Tunnel40")}),
+              std::vector<int>({5, 5, 5}))
+        << "the bundle's VRF and its member's were confirmed by the batch";
 }
 
 TEST_F(WatchVrf, ServicePortDownAndUpDeregistersAndRegistersAgain)

@@ -34,11 +34,11 @@ struct Answer {
 /* Interface fields of "if add" / "if set"; unset fields are left alone. */
 struct IfChange {
     std::string name;
-    std::vector<std::string> more; /* set only: further interfaces changed alike, at once */
     std::optional<uint32_t> mode;
     bool clearMode = false; /* set only: the interface loses its tunnel mode */
     std::optional<std::string> state; /* "up" or "down" */
     std::optional<uint32_t> vrf;
+    std::vector<std::string> more; /* set only: further interfaces changed alike, at once */
 };
 
 /* A planned failure of a platform call on a board. */

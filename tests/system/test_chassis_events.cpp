@@ -8,7 +8,6 @@
 
 #include "chassis_env.h"
 #include "chassis_harness.h"
-#include "journal.h"
 #include "platform.h"
 #include "rpc.h"
 

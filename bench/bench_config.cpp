@@ -222,8 +222,9 @@ public:
 
     void Start()
     {
+        /* One board: no HA backups in these figures. */
         if (Run(Ctl("start --chassisd " + m_opt.binDir + "/platform/chassisd --daemon " + m_opt.binDir +
-                    "/daemon/tbdld")) != 0) {
+                    "/daemon/tbdld --boards 0")) != 0) {
             Die("the chassis did not start");
         }
         WaitAnswers();

@@ -188,7 +188,9 @@ const Service &PsService();
 const Service &KtbdlService();
 
 /* ---- service manager (svcmgr.cpp) ---- */
-enum class BoardState { OFF, STARTING, UP, STOPPING, BACKOFF, FAILED };
+/* DOWN: the board itself failed (chassisctl board fail); nothing runs on
+ * it until it recovers. */
+enum class BoardState { OFF, STARTING, UP, STOPPING, BACKOFF, FAILED, DOWN };
 const char *BoardStateName(BoardState s);
 
 struct Board {
@@ -228,6 +230,10 @@ bool ValidBoard(int b);
  * kept for the board, and HA hears of it. BoardUp: the board is back. */
 void BoardDown(int board, ClearReason why);
 void BoardUp(int board);
+/* Board failure and recovery: a failed board's daemon is killed and not
+ * restarted, its state cleared; a recovered board boots again. */
+bool SvcFailBoard(int b, std::string &err);
+bool SvcRecoverBoard(int b, std::string &err);
 
 /* ---- interface manager (ifmgr.cpp) ---- */
 /* IF_DATA_STATE values. */
@@ -288,6 +294,11 @@ bool HaInjectEvent(int board, uint32_t event, std::string &err);
 /* The service manager's word that a board went down or came back. */
 void HaBoardDown(int board, ClearReason why);
 void HaBoardUp(int board);
+/* Planned switchover: answers chassisctl (ctlFd) through ReplyCtl when it
+ * ends; false (err says why) when it cannot start. */
+bool HaSwitchover(int ctlFd, std::string &err);
+/* Cuts (true) or restores (false) the HA link between the boards. */
+bool HaCut(bool cut, std::string &err);
 
 /* ---- chassisctl (ctl.cpp) ---- */
 /* Handles one request; returns true when the reply was given (in reply),

@@ -258,6 +258,49 @@ bool Role(int, const Json &, Json &reply)
     return true;
 }
 
+/* ---- the HA pair: switchover, board failure and recovery, HA link ---- */
+
+bool Switchover(int fd, const Json &, Json &reply)
+{
+    std::string err;
+    if (SvcBusy()) {
+        reply = Error("the chassis is stopping or rebooting");
+        return true;
+    }
+    if (!HaSwitchover(fd, err)) {
+        reply = Error(err);
+        return true;
+    }
+    return false; /* answered when the switchover ends */
+}
+
+bool BoardFailOrRecover(const Json &req, Json &reply, bool fail)
+{
+    std::string err;
+    int b = 0;
+    if (!BoardArg(req, b, err)) {
+        reply = Error(err);
+    } else if (SvcBusy()) {
+        reply = Error("the chassis is stopping or rebooting");
+    } else {
+        reply = (fail ? SvcFailBoard(b, err) : SvcRecoverBoard(b, err)) ? Ok() : Error(err);
+    }
+    return true;
+}
+
+bool BoardFail(int, const Json &req, Json &reply) { return BoardFailOrRecover(req, reply, true); }
+bool BoardRecover(int, const Json &req, Json &reply) { return BoardFailOrRecover(req, reply, false); }
+
+bool HaLink(bool cut, Json &reply)
+{
+    std::string err;
+    reply = HaCut(cut, err) ? Ok() : Error(err);
+    return true;
+}
+
+bool HaCutCmd(int, const Json &, Json &reply) { return HaLink(true, reply); }
+bool HaRestoreCmd(int, const Json &, Json &reply) { return HaLink(false, reply); }
+
 struct CtlCommand {
     const char *name;
     CtlFn fn;
@@ -270,6 +313,8 @@ const CtlCommand kCommands[] = {
     {"vrf_unbind", VrfUnbindCmd}, {"fail", Fail},         {"fail_clear", FailClear},
     {"ha_event", HaEvent},
     {"role", Role},
+    {"switchover", Switchover}, {"board_fail", BoardFail}, {"board_recover", BoardRecover},
+    {"ha_cut", HaCutCmd}, {"ha_restore", HaRestoreCmd},
     {"if_hangup", IfHangupCmd}, {"svcport", SvcPortCmd},
 };
 

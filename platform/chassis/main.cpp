@@ -164,7 +164,7 @@ int main(int argc, char **argv)
 {
     CLI::App app{"chassisd: emulated chassis (service manager and platform services of the boards)"};
     std::string configPath;
-    std::optional<uint32_t> bundleSlots, memberLimit, haMtu;
+    std::optional<uint32_t> bundleSlots, memberLimit, haMtu, haResponseMs;
     std::optional<int> masterBoard;
     std::vector<std::string> modes;
     std::string boardsText;
@@ -180,6 +180,7 @@ int main(int argc, char **argv)
     app.add_option("--mode", modes, "NAME=on|off for LoadBalancing, ProtectionOnetoone, ProtectionOneplusone")
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     app.add_option("--ha-mtu", haMtu, "HA channel MTU");
+    app.add_option("--ha-response-ms", haResponseMs, "ms the HA service waits for a daemon's response to an event");
     app.add_option("--master-board", masterBoard, "board that starts as master");
     app.add_option("--boards", boardsText, "running boards: 0 or 0,1");
     app.add_option("--daemon", g_opt.daemonPath, "board daemon program (default: tbdld of this build)");
@@ -225,8 +226,13 @@ int main(int argc, char **argv)
         Fail("cannot restrict the chassis directory " + g_opt.dir + ": " + std::strerror(errno));
     }
 
-    /* Settings: defaults, then the file, then the options. */
+    /* Settings: defaults, then the file (--config, else the settings this
+     * chassis directory kept from its last run), then the options. */
     std::string err;
+    std::string stored = tbdl::plat::SettingsPathOf(g_opt.dir);
+    if (configPath.empty() && access(stored.c_str(), F_OK) == 0) {
+        configPath = stored;
+    }
     if (!configPath.empty() && !tbdl::plat::LoadSettings(configPath, g_opt.settings, err)) {
         Fail(err);
     }
@@ -234,6 +240,7 @@ int main(int argc, char **argv)
     if (bundleSlots) s.bundleSlots = *bundleSlots;
     if (memberLimit) s.memberLimit = *memberLimit;
     if (haMtu) s.haMtu = *haMtu;
+    if (haResponseMs) s.haResponseMs = *haResponseMs;
     if (masterBoard) s.masterBoard = *masterBoard;
     if (!boardsText.empty() && !ParseBoards(boardsText, s.boards)) {
         Fail("--boards " + boardsText + ": expected 0, 1 or 0,1");

@@ -10,7 +10,9 @@
  *    after a back-off of 250 ms, 500 ms, 1 s; after the fourth failure in a
  *    row the board is left FAILED (logged) until `chassisctl board restart`
  *    or a chassis reboot, so a daemon that cannot start never loops;
- *  - a daemon chassisd stopped itself is never restarted.
+ *  - a daemon chassisd stopped itself is never restarted;
+ *  - nor is the daemon of a failed board (chassisctl board fail): the board
+ *    stays DOWN until `chassisctl board recover`, which boots it again.
  * Stop: sigqueue(pid, SIGRTMIN + 1, 3), then SIGKILL when the daemon is
  * still there after the stop time-out. */
 #include <fcntl.h>
@@ -166,6 +168,7 @@ const char *BoardStateName(BoardState s)
     case BoardState::STOPPING: return "stopping";
     case BoardState::BACKOFF: return "backoff";
     case BoardState::FAILED: return "failed";
+    case BoardState::DOWN: return "down";
     }
     return "?";
 }
@@ -301,7 +304,9 @@ void SvcOnChildExit(pid_t pid, int ws)
         Cancel(bd.timer);
         bd.timer = 0;
         if (bd.stopRequested) {
-            bd.state = BoardState::OFF;
+            if (bd.state != BoardState::DOWN) {
+                bd.state = BoardState::OFF;
+            }
             Log(Name(b) + ": tbdld (pid " + std::to_string(pid) + ") stopped: " + bd.lastExit);
             StopStep();
             return;
@@ -404,6 +409,41 @@ void BoardDown(int board, ClearReason why)
 }
 
 void BoardUp(int board) { HaBoardUp(board); }
+
+bool SvcFailBoard(int b, std::string &err)
+{
+    Board &bd = g_boards[b];
+    if (bd.state == BoardState::DOWN) {
+        err = Name(b) + " has failed already";
+        return false;
+    }
+    Cancel(bd.timer);
+    bd.timer = 0;
+    bd.state = BoardState::DOWN;
+    bd.stopRequested = true; /* its daemon's end is no reason to restart it */
+    Log(Name(b) + ": board failure on request" +
+        (bd.pid > 0 ? "; killing tbdld (pid " + std::to_string(bd.pid) + ")" : ""));
+    if (bd.pid > 0) {
+        kill(bd.pid, SIGKILL);
+    }
+    BoardDown(b, ClearReason::BOARD_FAILED);
+    return true;
+}
+
+bool SvcRecoverBoard(int b, std::string &err)
+{
+    Board &bd = g_boards[b];
+    if (bd.state != BoardState::DOWN) {
+        err = Name(b) + " has not failed";
+        return false;
+    }
+    Log(Name(b) + ": recovering; it boots with an empty kernel table");
+    BoardDown(b, ClearReason::REBOOT); /* what the dying daemon still sent is gone too */
+    bd.startFailures = 0;
+    SvcStartBoard(b, SERVICE_CAUSE_SYSTEM_BOOT);
+    BoardUp(b);
+    return true;
+}
 
 std::vector<int> SvcStopOrder()
 {

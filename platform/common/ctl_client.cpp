@@ -134,5 +134,10 @@ Answer Client::IfHangup(int board) { return Call({{"cmd", "if_hangup"}, {"board"
 Answer Client::SvcPort(const std::string &state) { return Call({{"cmd", "svcport"}, {"state", state}}); }
 
 Answer Client::Role() { return Call({{"cmd", "role"}}); }
+/* ---- the HA pair ---- */
+Answer Client::Switchover() { return Call({{"cmd", "switchover"}}); }
+Answer Client::BoardFail(int board) { return Call({{"cmd", "board_fail"}, {"board", board}}); }
+Answer Client::BoardRecover(int board) { return Call({{"cmd", "board_recover"}, {"board", board}}); }
+Answer Client::HaLink(bool cut) { return Call({{"cmd", cut ? "ha_cut" : "ha_restore"}}); }
 
 } // namespace tbdl::ctl

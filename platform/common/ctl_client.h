@@ -89,6 +89,13 @@ public:
     /* {"master": N, "boards": [{"board": N, "state": "UP"}, ...]}: the
      * master board now (it changes at a switchover). */
     Answer Role();
+    /* The HA pair: a planned switchover (answered when it is over, with
+     * its steps), a board failure and recovery, the HA link cut or
+     * restored. */
+    Answer Switchover();
+    Answer BoardFail(int board);
+    Answer BoardRecover(int board);
+    Answer HaLink(bool cut);
 
 private:
     Answer Call(const Json &request);

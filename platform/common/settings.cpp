@@ -113,6 +113,10 @@ bool ValidateSettings(const ChassisSettings &s, std::string &err)
         err = "ha_mtu must be " + std::to_string(kMinHaMtu) + ".." + std::to_string(kMaxHaMtu);
         return false;
     }
+    if (s.haResponseMs < kMinHaResponseMs || s.haResponseMs > kMaxHaResponseMs) {
+        err = "ha_response_ms must be " + std::to_string(kMinHaResponseMs) + ".." + std::to_string(kMaxHaResponseMs);
+        return false;
+    }
     if (s.boards.empty() || s.boards.size() > static_cast<size_t>(kMaxBoards)) {
         err = "boards must list one or two boards";
         return false;
@@ -143,6 +147,7 @@ std::string SettingsToJson(const ChassisSettings &s)
                                {kModeOneToOne, s.modeOneToOne},
                                {kModeOnePlusOne, s.modeOnePlusOne}});
     j["ha_mtu"] = s.haMtu;
+    j["ha_response_ms"] = s.haResponseMs;
     j["master_board"] = s.masterBoard;
     j["boards"] = s.boards;
     return j.dump();
@@ -157,7 +162,8 @@ bool SettingsFromJson(const std::string &text, ChassisSettings &settings, std::s
     }
     ChassisSettings s; /* defaults for every missing key */
     if (!ReadU32(j, "bundle_slots", s.bundleSlots, err) || !ReadU32(j, "member_limit", s.memberLimit, err) ||
-        !ReadModes(j, s, err) || !ReadU32(j, "ha_mtu", s.haMtu, err) || !ReadBoards(j, s, err) ||
+        !ReadModes(j, s, err) || !ReadU32(j, "ha_mtu", s.haMtu, err) ||
+        !ReadU32(j, "ha_response_ms", s.haResponseMs, err) || !ReadBoards(j, s, err) ||
         !ValidateSettings(s, err)) {
         return false;
     }

@@ -7,7 +7,9 @@
  *   {"bundle_slots":1024,"member_limit":8,
  *    "modes":{"LoadBalancing":true,"ProtectionOnetoone":true,
  *             "ProtectionOneplusone":true},
- *    "ha_mtu":1400,"master_board":0,"boards":[0]}
+ *    "ha_mtu":1400,"ha_response_ms":2000,"master_board":0,"boards":[0,1]}
+ * ha_response_ms: how long the HA service waits for a daemon's response
+ * to an event of a switchover or failover before it goes on without it.
  * A key present with the wrong type or an out-of-range value is an error. */
 #ifndef TBDL_PLAT_SETTINGS_H
 #define TBDL_PLAT_SETTINGS_H
@@ -29,6 +31,8 @@ inline constexpr uint32_t kMaxMemberLimit = 255; /* one byte in the LFIB record 
 inline constexpr uint32_t kMinHaMtu = 64;
 inline constexpr uint32_t kMaxHaMtu = 65535; /* HA message lengths are u16 */
 inline constexpr int kMaxBoards = 2;         /* boards 0 and 1 */
+inline constexpr uint32_t kMinHaResponseMs = 10;
+inline constexpr uint32_t kMaxHaResponseMs = 600000;
 
 struct ChassisSettings {
     uint32_t bundleSlots = 1024;
@@ -37,8 +41,9 @@ struct ChassisSettings {
     bool modeOneToOne = true;
     bool modeOnePlusOne = true;
     uint32_t haMtu = 1400;
+    uint32_t haResponseMs = 2000;
     int masterBoard = 0;
-    std::vector<int> boards{0};
+    std::vector<int> boards{0, 1};
 
     bool operator==(const ChassisSettings &) const = default;
 };

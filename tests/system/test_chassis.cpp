@@ -41,7 +41,7 @@ TEST(Chassis, StartWritesTheSettingsAndShowsTheBoardUpAsMaster)
 TEST(Chassis, RestartAndRebootStopWithValue3AndStartWithTheirCause)
 {
     Chassis c;
-    ASSERT_EQ(c.Start().status, 0);
+    ASSERT_EQ(c.Start({"--boards", "0"}).status, 0);
     pid_t first = c.BoardPid(0);
     ASSERT_EQ(c.Ctl({"board", "restart", "0"}).status, 0);
     EXPECT_NE(c.BoardPid(0), first);
@@ -67,7 +67,7 @@ TEST(Chassis, DaemonThatDiesIsRestartedWithCauseRestart)
     for (bool viaCtl : {false, true}) {
         SCOPED_TRACE(viaCtl ? "chassisctl board kill" : "kill -9");
         Chassis c;
-        ASSERT_EQ(c.Start().status, 0);
+        ASSERT_EQ(c.Start({"--boards", "0"}).status, 0);
         pid_t first = c.BoardPid(0);
         ASSERT_GT(first, 0);
         ASSERT_EQ(viaCtl ? c.Ctl({"board", "kill", "0"}).status : kill(first, SIGKILL), 0);
@@ -83,7 +83,7 @@ TEST(Chassis, StartupFailureIsRetriedWithBackoffThenGivenUp)
 {
     Chassis c;
     c.SetEnv({"FAKE_TBDLD_EXIT=255"});
-    ProcRun start = c.Start({}, 20000);
+    ProcRun start = c.Start({"--boards", "0"}, 20000);
     EXPECT_NE(start.status, 0);
     EXPECT_TRUE(Has(start.err, "board 0: the daemon failed at start-up (exited with status 255)")) << start.err;
     EXPECT_EQ(CountOccurrences(start.err, "\n"), 1u) << start.err;
@@ -173,7 +173,7 @@ TEST(Chassis, MisbehavingDaemonsAreKilledOrFailTheStart)
     {
         Chassis c;
         c.SetEnv({"FAKE_TBDLD_IGNORE_STOP=1"});
-        ASSERT_EQ(c.Start({"--stop-timeout", "300"}).status, 0);
+        ASSERT_EQ(c.Start({"--boards", "0", "--stop-timeout", "300"}).status, 0);
         pid_t pid = c.BoardPid(0);
         EXPECT_EQ(c.Ctl({"stop"}).status, 0);
         EXPECT_FALSE(ProcessAlive(pid));
@@ -183,7 +183,7 @@ TEST(Chassis, MisbehavingDaemonsAreKilledOrFailTheStart)
     }
     Chassis c;
     c.SetEnv({"FAKE_TBDLD_NO_STATUS=1"});
-    ProcRun r = c.Start({}, 2000);
+    ProcRun r = c.Start({"--boards", "0"}, 2000);
     EXPECT_TRUE(r.status != 0 && Has(r.err, "boards not up within 2 s (board 0 starting)")) << r.err;
 }
 

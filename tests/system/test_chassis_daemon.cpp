@@ -28,7 +28,7 @@ protected:
 
 TEST_F(ChassisDaemon, ComesUpQuietlyRestartsAfterKillAndStopsOnRequest)
 {
-    ASSERT_EQ(c.Start().status, 0);
+    ASSERT_EQ(c.Start({"--boards", "0"}).status, 0);
     EXPECT_EQ(c.Board(0)["status"], 2);
     EXPECT_EQ(ReadFile(c.Path("board0/tbdld.log")), "") << "nothing is logged until debug is on";
     EXPECT_TRUE(c.CtlJson({"dump", "ha"})["boards"][0]["joined"].get<bool>());
@@ -99,7 +99,7 @@ TEST_F(ChassisDaemon, StandbyKernelTableFollowsTheMasterAlsoAfterAReboot)
 TEST_F(ChassisDaemon, DatabaseThatCannotBeOpenedFailsTheStart)
 {
     std::ofstream(c.Path("dbm.sqlite")) << std::string(4096, 'x');
-    ProcRun start = c.Start({}, 20000);
+    ProcRun start = c.Start({"--boards", "0"}, 20000);
     EXPECT_NE(start.status, 0);
     EXPECT_NE(start.err.find("failed at start-up (exited with status 255)"), std::string::npos) << start.err;
     std::string log = ReadFile(c.Path("chassisd.log"));

@@ -32,7 +32,7 @@ void Enter(const std::string &dir, int board, bool journal = false)
 class ChassisPlatform : public ::testing::Test {
 protected:
     /* This process is not a board's daemon: the chassis must trust its user. */
-    void StartChassis(std::vector<std::string> args = {})
+    void StartChassis(std::vector<std::string> args = {"--boards", "0"})
     {
         args.insert(args.begin(), "--trust-user");
         ProcRun r = c.Start(args);

@@ -17,6 +17,8 @@ void PrintKtbdlText(const Json &reply);
 void PrintLsmText(const Json &reply);
 void PrintPsText(const Json &reply);
 void PrintHaText(const Json &reply);
+/* The steps of a switchover or failover, each with its time. */
+void PrintStepsText(const std::string &what, const Json &steps);
 void PrintFailText(const Json &reply);
 void PrintSvcPortText(const Json &reply);
 

@@ -534,13 +534,37 @@ const Command kCommands[] = {
      [](const Args &) -> std::optional<Json> { return Expect(Ctl().Dump("svcport")); },
      [](const Json &r, const Args &) { PrintSvcPortText(r); }},
     {"fail", "make a platform call fail on a board ('fail clear' clears all)", FailOptions, FailRun, FailText},
-    {"ha event", "deliver HA event N (0-3) to a board's daemon",
+    {"ha event", "deliver HA event N to a board's daemon",
      [](CLI::App &c, Args &a) {
          c.add_option("N", a.event, "event")->required();
          BoardOption(c, a);
      },
      [](const Args &a) -> std::optional<Json> { return Expect(Ctl().HaEvent(a.board, a.event)); },
      [](const Json &, const Args &a) { std::cout << "HA event " << a.event << " sent to board " << a.board << "\n"; }},
+    /* ---- the HA pair ---- */
+    {"switchover", "planned switchover: the standby becomes master (refused without a joined standby)",
+     TimeoutOption,
+     [](const Args &a) -> std::optional<Json> { return Expect(Ctl(a.timeoutS * 1000).Switchover()); },
+     [](const Json &r, const Args &) { PrintStepsText("switchover", r["steps"]); }},
+    {"board fail", "fail a board: its daemon is killed and not restarted, its state lost", BoardArg,
+     [](const Args &a) -> std::optional<Json> { return Expect(Ctl().BoardFail(a.board)); },
+     [](const Json &, const Args &a) { std::cout << "board " << a.board << " failed\n"; }},
+    {"board recover", "boot a failed board again (start cause system boot) and wait for it",
+     [](CLI::App &c, Args &a) {
+         BoardArg(c, a);
+         c.add_option("--timeout", a.timeoutS, "seconds to wait for the board");
+     },
+     [](const Args &a) -> std::optional<Json> {
+         Expect(Ctl().BoardRecover(a.board));
+         return WaitBoardsUp(a.timeoutS, a.board);
+     },
+     StatusText},
+    {"ha cut", "cut the HA link: relayed messages are dropped, the master sees no standby", NoOptions,
+     [](const Args &) -> std::optional<Json> { return Expect(Ctl().HaLink(true)); },
+     [](const Json &, const Args &) { std::cout << "HA link cut\n"; }},
+    {"ha restore", "restore the HA link: the standby rejoins and gets a batch backup", NoOptions,
+     [](const Args &) -> std::optional<Json> { return Expect(Ctl().HaLink(false)); },
+     [](const Json &, const Args &) { std::cout << "HA link restored\n"; }},
 };
 
 /* Commands of two words hang under a group that needs one of them. */

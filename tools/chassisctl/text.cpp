@@ -210,19 +210,36 @@ void PrintPsText(const Json &r)
 void PrintHaText(const Json &r)
 {
     std::cout << "master board " << S(r["master"]) << ", MTU " << S(r["mtu"]) << ", messages relayed "
-              << S(r["messages_relayed"]) << ", dropped " << S(r["messages_dropped"]) << ", events sent "
-              << S(r["events_sent"]) << "\n";
+              << S(r["messages_relayed"]) << ", dropped " << S(r["messages_dropped"]) << ", batch sends "
+              << S(r["batch_sends"]) << ", events sent " << S(r["events_sent"]) << ", link " << S(r["link"]) << "\n";
     Table t({"BOARD", "ROLE", "JOINED", "STANDBY PRESENT"});
     for (const Json &b : r["boards"]) {
         t.Add({S(b["board"]), S(b["role"]), b["joined"].get<bool>() ? "yes" : "no", b["standby_present"].get<bool>() ? "yes" : "no"});
     }
     t.Print();
+    for (const char *what : {"switchover", "failover"}) {
+        if (r.contains(what) && r[what].is_object()) {
+            PrintStepsText(std::string("last ") + what + " (board " + S(r[what]["from"]) + " to board " +
+                               S(r[what]["to"]) + ")",
+                           r[what]["steps"]);
+        }
+    }
     if (!r["responses"].empty()) {
         std::cout << "responses:\n";
         for (const Json &x : r["responses"]) {
             std::cout << "  " << S(x["time"]) << " board " << S(x["board"]) << " event " << S(x["event"])
                       << (x["data"].is_null() ? "" : " data " + S(x["data"])) << "\n";
         }
+    }
+}
+
+void PrintStepsText(const std::string &what, const Json &steps)
+{
+    std::cout << what << ":\n";
+    for (const Json &x : steps) {
+        char ms[32];
+        std::snprintf(ms, sizeof(ms), "%9.1f ms", x["ms"].get<double>());
+        std::cout << "  " << S(x["time"]) << " " << ms << "  " << S(x["step"]) << "\n";
     }
 }
 

@@ -248,6 +248,7 @@ struct Interface {
     std::optional<uint32_t> tnlMode;
     uint32_t state = kIfStateUp;
     uint16_t vrf = 0;
+    bool deleting = false; /* its deletion event is out; gone once acknowledged */
 };
 
 void IfLoad();
@@ -264,6 +265,25 @@ bool VrfBind(const std::string &name, uint32_t vrf, Json &out, std::string &err)
 Json VrfDumpJson();
 /* Splits "Tunnel<N>" / "Tunnel-Bundle<N>"; false for any other name. */
 bool ParseIfName(const std::string &name, uint32_t &type, uint32_t &number);
+
+/* ---- interface events, L3VPN events, service port (ifevent.cpp,
+ * l3vpn.cpp, svcport.cpp) ---- */
+/* Sends one event for interfaces of one type to every daemon's channel
+ * subscribed to it, as one packet; gives back those channels. */
+std::vector<int> IfevSend(uint32_t event, uint32_t ifType, const std::vector<uint32_t> &ifIndexes);
+/* Runs done once each of fds has acknowledged event for the interface,
+ * closed, or a deadline passed (at once when fds is empty). */
+void IfevAwaitAcks(const std::vector<int> &fds, uint32_t event, uint32_t ifIndex, std::function<void()> done);
+/* Closes the board's interface-event channels, as a broken link would. */
+bool IfevHangup(int board, std::string &err);
+Json IfevDumpJson();
+const Service &IfEventService();
+/* An interface's VRF went from oldVrf to newVrf: bind or unbind event to
+ * the L3VPN clients (nothing when equal). */
+void L3vpnNotify(uint32_t ifIndex, uint16_t oldVrf, uint16_t newVrf);
+const Service &SvcPortService();
+/* "up", "down" or "absent". */
+bool SvcPortSet(const std::string &state, std::string &err);
 
 /* ---- KTBDL (ktbdl.cpp) ---- */
 void KtbdlForgetIndex(uint32_t ifIndex);

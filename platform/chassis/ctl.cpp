@@ -229,6 +229,22 @@ bool HaEvent(int, const Json &req, Json &reply)
     return true;
 }
 
+/* Interface events, L3VPN and the service port. */
+bool IfHangupCmd(int, const Json &req, Json &reply)
+{
+    std::string err;
+    int b = 0;
+    reply = BoardArg(req, b, err) && IfevHangup(b, err) ? Ok() : Error(err);
+    return true;
+}
+
+bool SvcPortCmd(int, const Json &req, Json &reply)
+{
+    std::string err;
+    reply = SvcPortSet(req.at("state").get<std::string>(), err) ? Ok() : Error(err);
+    return true;
+}
+
 /* "role": which board is master now and which boards the chassis has, so a
  * configuration tool can find the master board's socket after a change of
  * master. */
@@ -299,6 +315,7 @@ const CtlCommand kCommands[] = {
     {"role", Role},
     {"switchover", Switchover}, {"board_fail", BoardFail}, {"board_recover", BoardRecover},
     {"ha_cut", HaCutCmd}, {"ha_restore", HaRestoreCmd},
+    {"if_hangup", IfHangupCmd}, {"svcport", SvcPortCmd},
 };
 
 /* "dump_<name>": the dump of the service that declares that name. */

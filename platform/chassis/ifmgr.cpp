@@ -5,7 +5,10 @@
  * ("Tunnel-Bundle<N>", IF_TYPE_TUNNEL_BUNDLE) are made on demand when a daemon asks for their index and
  * destroyed by IF_DeleteIf. Indexes are never reused while the chassis
  * exists: tunnels count up from 0x100, bundles from 0x1000, and tunnels
- * beyond 0xFFF continue above the bundles' range. Interfaces, their VRF
+ * beyond 0xFFF continue above the bundles' range. A change of state or a
+ * deletion is sent as an interface event (ifevent.cpp), a change of VRF
+ * as an L3VPN event (l3vpn.cpp), after the table changed: a daemon that
+ * asks on receipt reads the new values. Interfaces, their VRF
  * bindings and the counters are kept in DIR/interfaces.json (rewritten
  * atomically shortly after a change and when chassisd exits), so a restart
  * of chassisd keeps them and their indexes. */
@@ -48,6 +51,9 @@ Json IfToJson(const Interface &i)
     Json j = {{"name", i.name}, {"ifindex", i.ifIndex}, {"type", i.type}, {"number", i.number},
               {"state", i.state == kIfStateUp ? "up" : "down"}, {"vrf", i.vrf}};
     j["mode"] = i.tnlMode ? Json(*i.tnlMode) : Json(nullptr);
+    if (i.deleting) {
+        j["deleting"] = true;
+    }
     return j;
 }
 
@@ -57,7 +63,9 @@ void SaveNow()
 {
     Json all = {{"next_tunnel", g_nextTunnel}, {"next_bundle", g_nextBundle}, {"interfaces", Json::array()}};
     for (auto &[idx, i] : g_ifs) {
-        all["interfaces"].push_back(IfToJson(i));
+        if (!i.deleting) {
+            all["interfaces"].push_back(IfToJson(i));
+        }
     }
     std::string tmp = StorePath() + ".tmp";
     std::string text = all.dump() + "\n";
@@ -305,14 +313,6 @@ void OnTunnelMode(Conn &c, const tbdl::rpc::Hdr &h, const uint8_t *p, size_t len
     Reply(c, h, has ? 0 : 1, tbdl::rpc::Encode(tbdl::rpc::U32Value{has ? *i->tnlMode : 0}));
 }
 
-/* Interface events: the channel is opened here; the changes made through
- * chassisctl reach it in a later version of the chassis. */
-void OnEventRegister(Conn &c, const tbdl::rpc::Hdr &h, const uint8_t *, size_t)
-{
-    OpenChannel(c, Channel::IFEV, h.usBoard);
-    Reply(c, h, 0);
-}
-
 } // namespace
 
 bool IfAdd(const Json &req, Json &out, std::string &err)
@@ -346,73 +346,136 @@ bool IfAdd(const Json &req, Json &out, std::string &err)
     i.ifIndex = g_nextTunnel++;
     Insert(i);
     Save();
+    L3vpnNotify(i.ifIndex, 0, i.vrf);
     out = IfToJson(i);
     Log("interface " + name + " added: " + out.dump());
     return true;
 }
 
-bool IfSet(const Json &req, Json &out, std::string &err)
+namespace {
+
+/* An interface chassisctl may change: it exists and is not going. */
+Interface *Editable(const std::string &name, std::string &err)
 {
-    std::string name = req.at("name").get<std::string>();
     Interface *i = IfFindName(name);
     if (i == nullptr) {
         err = "no interface " + name;
-        return false;
+    } else if (i->deleting) {
+        err = "interface " + name + " is being deleted";
+        i = nullptr;
     }
-    Interface n = *i;
+    return i;
+}
+
+/* The interface as the request would leave it. */
+bool Changed(const Json &req, const Interface &cur, Interface &n, std::string &err)
+{
+    n = cur;
     if (req.contains("mode")) {
         n.tnlMode = req["mode"].is_null() ? std::nullopt : std::optional<uint32_t>(req["mode"].get<uint32_t>());
     }
-    if (req.contains("state") && !ParseState(req, n.state, err)) {
-        return false;
+    return (!req.contains("state") || ParseState(req, n.state, err)) &&
+           (!req.contains("vrf") || ParseVrf(req["vrf"], n.vrf, err));
+}
+
+std::vector<std::string> NamesOf(const Json &req)
+{
+    if (req.contains("names")) {
+        return req["names"].get<std::vector<std::string>>();
     }
-    if (req.contains("vrf") && !ParseVrf(req["vrf"], n.vrf, err)) {
-        return false;
+    return {req.at("name").get<std::string>()};
+}
+
+} // namespace
+
+/* Several interfaces change at once, or none does. Their state changes go
+ * out as one packet per event and interface type. */
+bool IfSet(const Json &req, Json &out, std::string &err)
+{
+    std::vector<Interface> next;
+    for (const std::string &name : NamesOf(req)) {
+        Interface *i = Editable(name, err);
+        Interface n;
+        if (i == nullptr || !Changed(req, *i, n, err)) {
+            return false;
+        }
+        next.push_back(n);
     }
-    /* Interface and VRF events of these changes reach the daemons in a
-     * later version of the chassis; for now the daemons see them when they
-     * next ask. */
-    *i = n;
+    std::map<std::pair<uint32_t, uint32_t>, std::vector<uint32_t>> events; /* (event, type) -> indexes */
+    out = Json::array();
+    for (const Interface &n : next) {
+        Interface &i = *IfFind(n.ifIndex);
+        Interface old = i;
+        i = n;
+        if (old.state != n.state) {
+            events[{n.state == kIfStateUp ? IF_EV_UP : IF_EV_DOWN, n.type}].push_back(n.ifIndex);
+        }
+        L3vpnNotify(n.ifIndex, old.vrf, n.vrf);
+        out.push_back(IfToJson(n));
+        Log("interface " + n.name + " changed: " + out.back().dump());
+    }
     Save();
-    out = IfToJson(n);
-    Log("interface " + name + " changed: " + out.dump());
+    for (const auto &[key, indexes] : events) {
+        IfevSend(key.first, key.second, indexes);
+    }
+    if (out.size() == 1) {
+        out = out[0];
+    }
     return true;
 }
 
-bool IfDel(const std::string &name, Json &out, std::string &err)
+namespace {
+
+void EraseNow(uint32_t idx)
 {
-    Interface *i = IfFindName(name);
+    Interface *i = IfFind(idx);
     if (i == nullptr) {
-        err = "no interface " + name;
-        return false;
+        return;
     }
-    uint32_t idx = i->ifIndex;
     bool bundle = i->type == IF_TYPE_TUNNEL_BUNDLE;
-    out = IfToJson(*i);
+    std::string name = i->name;
     Erase(idx);
     if (bundle) {
         KtbdlForgetIndex(idx);
     }
     Save();
     Log("interface " + name + " (index " + std::to_string(idx) + ") deleted");
+}
+
+} // namespace
+
+/* The deletion event goes first; the interface stays readable until the
+ * daemons that were told have acknowledged it. */
+bool IfDel(const std::string &name, Json &out, std::string &err)
+{
+    Interface *i = Editable(name, err);
+    if (i == nullptr) {
+        return false;
+    }
+    uint32_t idx = i->ifIndex;
+    i->deleting = true;
+    out = IfToJson(*i);
+    out.erase("deleting");
+    IfevAwaitAcks(IfevSend(IF_EV_DELETE, i->type, {idx}), IF_EV_DELETE, idx, [idx] { EraseNow(idx); });
     return true;
 }
 
 bool VrfBind(const std::string &name, uint32_t vrf, Json &out, std::string &err)
 {
-    uint32_t idx = IfIndexByName(name); /* a bundle's index is made on demand */
-    Interface *i = IfFind(idx);
+    (void)IfIndexByName(name); /* a bundle's index is made on demand */
+    Interface *i = Editable(name, err);
     if (i == nullptr) {
-        err = "no interface " + name;
         return false;
     }
     if (vrf > 65535) {
         err = "VRF index must be 0..65535";
         return false;
     }
+    uint16_t old = i->vrf;
     i->vrf = static_cast<uint16_t>(vrf);
     out = IfToJson(*i);
     Save();
+    L3vpnNotify(i->ifIndex, old, i->vrf);
     Log("interface " + name + (vrf == 0 ? " unbound from its VRF" : " bound to VRF " + std::to_string(vrf)));
     return true;
 }
@@ -428,7 +491,7 @@ Json IfDumpJson()
     return a;
 }
 
-Json IfDump(int) { return {{"interfaces", IfDumpJson()}}; }
+Json IfDump(int) { return {{"interfaces", IfDumpJson()}, {"events", IfevDumpJson()}}; }
 
 } // namespace
 
@@ -449,8 +512,7 @@ const Service &IfService()
                            .ops = {{tbdl::rpc::OP_IF_INDEX_BY_NAME, OnIndexByName},
                                    {tbdl::rpc::OP_IF_GET_DATA, OnGetData},
                                    {tbdl::rpc::OP_IF_DELETE, OnDelete},
-                                   {tbdl::rpc::OP_TUNNEL_GET_MODE, OnTunnelMode},
-                                   {tbdl::rpc::OP_IFEV_REGISTER, OnEventRegister}},
+                                   {tbdl::rpc::OP_TUNNEL_GET_MODE, OnTunnelMode}},
                            .dumpName = "if",
                            .dump = IfDump};
     return s;

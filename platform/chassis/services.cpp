@@ -11,14 +11,6 @@ namespace chassis {
 
 namespace {
 
-/* Service-port events: the watch of service ports fills this row (its
- * registration operation, its channel's close, its dump). */
-const Service &SvcPortService()
-{
-    static const Service s{.name = "service port", .ops = {}};
-    return s;
-}
-
 using OpIndex = std::array<OpHandler, 256>;
 
 OpIndex BuildOpIndex()
@@ -44,6 +36,7 @@ const std::vector<const Service *> &Services()
     static const std::vector<const Service *> all = {
         &SvcService(), &IfService(),  &L3vpnService(), &SvcPortService(),
         &HaService(),  &LsmService(), &PsService(),    &KtbdlService(),
+        &IfEventService(),
     };
     return all;
 }

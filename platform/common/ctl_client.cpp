@@ -37,6 +37,13 @@ Answer Client::Call(const Json &request)
 Json Client::IfRequest(const char *cmd, const IfChange &change)
 {
     Json req = {{"cmd", cmd}, {"name", change.name}};
+    if (!change.more.empty()) {
+        Json names = {change.name};
+        for (const std::string &n : change.more) {
+            names.push_back(n);
+        }
+        req["names"] = names;
+    }
     if (change.clearMode) {
         req["mode"] = nullptr;
     } else if (change.mode) {
@@ -121,6 +128,10 @@ Answer Client::HaEvent(int board, uint32_t event)
 {
     return Call({{"cmd", "ha_event"}, {"board", board}, {"event", event}});
 }
+
+Answer Client::IfHangup(int board) { return Call({{"cmd", "if_hangup"}, {"board", board}}); }
+
+Answer Client::SvcPort(const std::string &state) { return Call({{"cmd", "svcport"}, {"state", state}}); }
 
 Answer Client::Role() { return Call({{"cmd", "role"}}); }
 /* ---- the HA pair ---- */

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -37,6 +38,7 @@ struct IfChange {
     bool clearMode = false; /* set only: the interface loses its tunnel mode */
     std::optional<std::string> state; /* "up" or "down" */
     std::optional<uint32_t> vrf;
+    std::vector<std::string> more; /* set only: further interfaces changed alike, at once */
 };
 
 /* A planned failure of a platform call on a board. */
@@ -80,6 +82,10 @@ public:
     /* Every board's plan, or one board's. */
     Answer FailClear(std::optional<int> board = std::nullopt);
     Answer HaEvent(int board, uint32_t event);
+    /* Closes a board's interface-event channels. */
+    Answer IfHangup(int board);
+    /* The service port: "up", "down" or "absent". */
+    Answer SvcPort(const std::string &state);
     /* {"master": N, "boards": [{"board": N, "state": "UP"}, ...]}: the
      * master board now (it changes at a switchover). */
     Answer Role();

@@ -70,7 +70,7 @@ enum Op : uint16_t {
 
     /* channel openers: the first request on a new connection */
     OP_HA_REGISTER = 20,       /* reply HaState; then pushes OP_HA_PUSH */
-    OP_IFEV_REGISTER = 21,     /* then pushes OP_IFEV_PUSH (later) */
+    OP_IFEV_REGISTER = 21,     /* then pushes OP_IFEV_PUSH */
     OP_LSM_REGISTER = 22,      /* arg protocol; then LSM requests on it */
 
     /* on an LSM channel */
@@ -83,6 +83,20 @@ enum Op : uint16_t {
 
     /* chassisctl */
     OP_CTL = 60,               /* payload JSON request; reply JSON */
+
+    /* Interface events, L3VPN events and service-port states. The messages
+     * a daemon sends on an open channel are one-way: chassisd answers them
+     * with pushes (a batch) or not at all, so replies never mix with the
+     * pushes the library reads from the same descriptor. */
+    OP_IFEV_SUBSCRIBE = 30,    /* one-way on the IFEV channel: IfevSub */
+    OP_IFEV_UNSUBSCRIBE = 31,  /* one-way on the IFEV channel: IfevSub (handle) */
+    OP_IFEV_ACK = 32,          /* one-way: arg event; IfevAckHead + entries */
+    OP_L3VPN_REGISTER = 33,    /* opener: arg event mask, tail client name */
+    OP_L3VPN_BATCH = 34,       /* one-way on the L3VPN channel: arg VRF */
+    OP_L3VPN_ACK = 35,         /* one-way: arg event; VrfValue */
+    OP_SVCPORT_SUBSCRIBE = 36, /* opener: SvcPortSub; then the current state */
+    OP_L3VPN_PUSH = 45,        /* arg event; L3vpnEvt, none for batch marks */
+    OP_SVCPORT_PUSH = 46,      /* SvcPortEvt */
 };
 
 /* ---- Request and reply bodies, one record per operation ----
@@ -156,12 +170,52 @@ enum HaPushKind : uint32_t {
 };
 
 /* IFEV_PUSH: this head, then uiCount IF_EVENT_ENTRY_S entries (8 bytes
- * each: interface index, 4 unused bytes). */
+ * each: interface index, 4 unused bytes), all of interfaces of one type. */
 struct IfevPushHead {
     uint32_t uiCount;
+    uint32_t uiIfType;
 };
-static_assert(sizeof(IfevPushHead) == 4, "interface event head is 4 bytes");
+static_assert(sizeof(IfevPushHead) == 8, "interface event head is 8 bytes");
+static_assert(offsetof(IfevPushHead, uiIfType) == 4, "interface type at 4");
 inline constexpr size_t kIfevEntryLen = 8;
+
+/* IFEV_SUBSCRIBE / IFEV_UNSUBSCRIBE: one subscription of the channel's
+ * process, by the handle the library gave it. */
+struct IfevSub {
+    uint32_t uiHandle;
+    uint32_t uiMask;
+    uint32_t uiIfType; /* 0 = every type */
+};
+static_assert(sizeof(IfevSub) == 12, "interface event subscription is 12 bytes");
+static_assert(offsetof(IfevSub, uiIfType) == 8, "interface type at 8");
+
+/* IFEV_ACK: this head, then uiCount entries as they were delivered. */
+struct IfevAckHead {
+    uint32_t uiHandle;
+    uint32_t uiCount;
+};
+static_assert(sizeof(IfevAckHead) == 8, "interface event acknowledgement head is 8 bytes");
+
+/* L3VPN_PUSH of a bind or unbind: the event data as the library hands it
+ * to the client (VRF index, 2 unused bytes, interface index). */
+struct L3vpnEvt {
+    uint16_t usVrfIndex;
+    uint16_t usResv;
+    uint32_t uiIfIndex;
+};
+static_assert(sizeof(L3vpnEvt) == 8, "L3VPN event data is 8 bytes");
+static_assert(offsetof(L3vpnEvt, uiIfIndex) == 4, "interface index at 4");
+
+/* SVCPORT_SUBSCRIBE: the 12-byte subscription record {kind, 0, port,
+ * flag}; SVCPORT_PUSH: the 12-byte event record {kind, state, port, 0}. */
+struct SvcPortRec {
+    uint32_t uiKind;
+    uint32_t uiValue; /* 0 in a subscription, the state in an event */
+    uint16_t usPort;
+    uint16_t usFlag;
+};
+static_assert(sizeof(SvcPortRec) == 12, "service-port record is 12 bytes");
+static_assert(offsetof(SvcPortRec, usPort) == 8, "port at 8");
 
 /* LSM_BATCH: a sequence of changes, each a head then its body: an add
  * carries the 96-byte LSP entry (pointers zeroed), the 16-byte attribute
@@ -186,6 +240,8 @@ struct NoBody {};
 
 /* Largest interface name in an IF_INDEX_BY_NAME request. */
 inline constexpr size_t kMaxIfName = 64;
+/* Largest client name in an L3VPN_REGISTER request. */
+inline constexpr size_t kMaxL3vpnClientName = 64;
 
 /* Request and reply bodies of each operation. Tail = true: the request
  * record is followed by variable bytes (a name, a command payload, a
@@ -212,6 +268,15 @@ template <> struct OpSpec<OP_LSM_GR> : OpShape<NoBody, NoBody, false> {};
 template <> struct OpSpec<OP_LSM_BATCH> : OpShape<NoBody, NoBody, true> {};   /* tail: LSM changes */
 template <> struct OpSpec<OP_HA_PUSH> : OpShape<HaState, NoBody, true> {};    /* tail: message data */
 template <> struct OpSpec<OP_IFEV_PUSH> : OpShape<IfevPushHead, NoBody, true> {}; /* tail: entries */
+template <> struct OpSpec<OP_IFEV_SUBSCRIBE> : OpShape<IfevSub, NoBody, false> {};
+template <> struct OpSpec<OP_IFEV_UNSUBSCRIBE> : OpShape<IfevSub, NoBody, false> {};
+template <> struct OpSpec<OP_IFEV_ACK> : OpShape<IfevAckHead, NoBody, true> {}; /* tail: entries */
+template <> struct OpSpec<OP_L3VPN_REGISTER> : OpShape<NoBody, NoBody, true> {}; /* tail: client name */
+template <> struct OpSpec<OP_L3VPN_BATCH> : OpShape<NoBody, NoBody, false> {};
+template <> struct OpSpec<OP_L3VPN_ACK> : OpShape<VrfValue, NoBody, false> {};
+template <> struct OpSpec<OP_L3VPN_PUSH> : OpShape<NoBody, NoBody, true> {}; /* tail: optional L3vpnEvt */
+template <> struct OpSpec<OP_SVCPORT_SUBSCRIBE> : OpShape<SvcPortRec, NoBody, false> {};
+template <> struct OpSpec<OP_SVCPORT_PUSH> : OpShape<SvcPortRec, NoBody, false> {};
 
 /* Size of a body record on the wire (an empty record takes no bytes). */
 template <class T> constexpr size_t WireSize() { return std::is_empty_v<T> ? 0 : sizeof(T); }

@@ -3,8 +3,10 @@
 
 #include <fcntl.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "chassis_env.h"
@@ -65,6 +67,27 @@ void Neutralize(int fd)
         dup3(quiet, fd, O_CLOEXEC);
         close(quiet);
     }
+}
+
+int SendOneWay(int fd, uint16_t op, uint32_t arg, const std::vector<uint8_t> &body)
+{
+    return tbdl::rpc::SendMsg(fd, op, static_cast<uint16_t>(GetChassisEnv().board), arg, body.data(), body.size(),
+                              MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+PushRead ReadPush(int fd, std::vector<uint8_t> &buf, tbdl::rpc::Hdr &h, const uint8_t *&body, size_t &len)
+{
+    buf.resize(tbdl::rpc::kMaxMsg);
+    ssize_t n = tbdl::rpc::RecvMsg(fd, buf.data(), buf.size(), MSG_DONTWAIT);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        return PushRead::NONE;
+    }
+    if (n <= 0) {
+        return PushRead::GONE;
+    }
+    /* RecvMsg took only messages of a whole header. */
+    (void)tbdl::rpc::DecodeHead(buf.data(), static_cast<size_t>(n), h, body, len);
+    return PushRead::MESSAGE;
 }
 
 void Reset()

@@ -49,6 +49,22 @@ int OpenChannel(uint16_t op, uint32_t arg, const void *payload, size_t len,
  * becomes ready is put in its place. Its owner closes it as usual. */
 void Neutralize(int fd);
 
+/* One-way message of operation Op on an event channel (no reply comes):
+ * 0 when it went out. */
+int SendOneWay(int fd, uint16_t op, uint32_t arg, const std::vector<uint8_t> &body);
+template <uint16_t Op>
+uint32_t SendOn(int fd, uint32_t arg, const typename rpc::OpSpec<Op>::Request &request, const void *tail = nullptr,
+                size_t tailLen = 0)
+{
+    return SendOneWay(fd, Op, arg, rpc::Encode(request, tail, tailLen)) == 0 ? 0 : 1;
+}
+
+/* What a non-blocking read of an event channel found. */
+enum class PushRead { NONE, MESSAGE, GONE };
+/* Reads one pushed message from a channel into buf (kMaxMsg bytes), its
+ * header into h and its body into body/len. */
+PushRead ReadPush(int fd, std::vector<uint8_t> &buf, rpc::Hdr &h, const uint8_t *&body, size_t &len);
+
 /* Drops the shared connection (tests that switch chassis). */
 void Reset();
 

@@ -1,16 +1,15 @@
-/* Interface events: the event descriptor is a channel to chassisd, and
- * subscriptions are kept in the process (type selection, event mask,
- * callback). IF_ResponseEventPkt reads one packet from the channel and
- * hands its entries to every subscription that selects the event.
+/* Interface events: the event descriptor is a channel to chassisd.
+ * Subscriptions (type selection, event mask, callback) are kept in the
+ * process and told to chassisd on the channel, which sends a packet of an
+ * event to a channel only when one of its subscriptions selects it.
+ * IF_ResponseEventPkt reads one packet and hands its entries to every
+ * subscription of the descriptor that selects the event and the type;
+ * IF_NotifyFinalStatus sends the acknowledgement back on the same channel.
  *
- * In this version of the chassis the subscription works but chassisd sends
- * no interface events yet (interface changes made with chassisctl reach the
- * daemon when it next asks); acknowledgements are therefore accepted and
- * not forwarded. */
-#include <sys/socket.h>
+ * What the process sends on the channel is one-way (no reply), so the only
+ * thing ever read from it is pushes. */
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 #include <map>
 
@@ -25,14 +24,19 @@ namespace rpc = tbdl::rpc;
 namespace {
 
 struct Subscription {
+    i32 iFd;
     u32 uiMask;
     u32 uiIfType; /* 0 = any */
     IF_EVENT_CB_PF pfnCallback;
     u32 uiArg;
 };
 
-std::map<u32, Subscription> g_subs;
-u32 g_nextHandle = 1;
+struct IfEvState {
+    std::map<u32, Subscription> subs;
+    u32 uiNextHandle = 1;
+    i32 iFd = -1; /* the descriptor of the last IF_Event_Init */
+};
+IfEvState g_ifev;
 
 /* Selection record as this library fills it: u32 kind, u32 interface type,
  * 8 bytes unused. */
@@ -51,8 +55,14 @@ struct Packet {
     u32 uiCount = 0;
 };
 
-/* Hands a push's entries to every subscription that selects its event. */
-u32 Deliver(const rpc::Hdr &h, const uint8_t *pucBody, size_t len, Packet &pkt)
+bool Selects(const Subscription &s, i32 iFd, u32 uiEvent, u32 uiIfType)
+{
+    return s.iFd == iFd && (s.uiMask & uiEvent) == uiEvent && (s.uiIfType == 0 || s.uiIfType == uiIfType);
+}
+
+/* Hands a push's entries to every subscription of the descriptor that
+ * selects its event and type. */
+u32 Deliver(i32 iFd, const rpc::Hdr &h, const uint8_t *pucBody, size_t len, Packet &pkt)
 {
     rpc::IfevPushHead stHead;
     const uint8_t *pucEntries = nullptr;
@@ -62,15 +72,15 @@ u32 Deliver(const rpc::Hdr &h, const uint8_t *pucBody, size_t len, Packet &pkt)
     }
     pkt.uiEvent = h.uiArg;
     pkt.uiCount = stHead.uiCount;
-    if (entriesLen < size_t{stHead.uiCount} * sizeof(IF_EVENT_ENTRY_S)) {
+    if (entriesLen != size_t{stHead.uiCount} * sizeof(IF_EVENT_ENTRY_S)) {
         return 1;
     }
     std::vector<IF_EVENT_ENTRY_S> entries(stHead.uiCount);
-    std::memcpy(entries.data(), pucEntries, entries.size() * sizeof(IF_EVENT_ENTRY_S));
+    std::memcpy(entries.data(), pucEntries, entriesLen);
     /* The callbacks may change the subscriptions: call a copy. */
     std::vector<Subscription> subs;
-    for (auto &[handle, s] : g_subs) {
-        if ((s.uiMask & pkt.uiEvent) == pkt.uiEvent) {
+    for (auto &[handle, s] : g_ifev.subs) {
+        if (Selects(s, iFd, pkt.uiEvent, stHead.uiIfType)) {
             subs.push_back(s);
         }
     }
@@ -85,7 +95,14 @@ u32 Deliver(const rpc::Hdr &h, const uint8_t *pucBody, size_t len, Packet &pkt)
 extern "C" i32 IF_Event_Init(void)
 {
     return Emulated(
-        "IF_Event_Init", i32{-1}, [] { return link::OpenChannel(rpc::OP_IFEV_REGISTER, 0, nullptr, 0); },
+        "IF_Event_Init", i32{-1},
+        [] {
+            i32 iFd = link::OpenChannel(rpc::OP_IFEV_REGISTER, 0, nullptr, 0);
+            if (iFd >= 0) {
+                g_ifev.iFd = iFd;
+            }
+            return iFd;
+        },
         [] { return Json::object(); });
 }
 
@@ -94,9 +111,14 @@ extern "C" void IF_Event_Fini(i32 iFd)
     Journaled(
         "IF_Event_Fini",
         [&] {
-            if (iFd >= 0) {
-                close(iFd);
+            if (iFd < 0) {
+                return;
             }
+            std::erase_if(g_ifev.subs, [iFd](const auto &kv) { return kv.second.iFd == iFd; });
+            if (g_ifev.iFd == iFd) {
+                g_ifev.iFd = -1;
+            }
+            close(iFd);
         },
         [&] { return Json{{"fd", iFd}}; });
 }
@@ -133,21 +155,26 @@ extern "C" u32 IF_SelectType_Set(u32 uiIfType, void *pvSelect)
         [&] { return Json{{"type", uiIfType}}; });
 }
 
+/* The subscription goes to the channel of the last IF_Event_Init; without
+ * one there is nothing to subscribe on. */
 extern "C" u32 IF_RegIfEventEx(u32 uiModule, u32 uiMask, u32 uiPriority, void *pvSelect,
                                IF_EVENT_CB_PF pfnCallback, u32 uiArg)
 {
     return Emulated(
         "IF_RegIfEventEx", u32{0},
         [&]() -> u32 {
-            if (pfnCallback == nullptr) {
+            if (pfnCallback == nullptr || g_ifev.iFd < 0) {
                 return 0;
             }
             Select st{};
             if (pvSelect != nullptr) {
                 std::memcpy(&st, pvSelect, sizeof(st));
             }
-            u32 uiHandle = g_nextHandle++;
-            g_subs[uiHandle] = Subscription{uiMask, st.uiIfType, pfnCallback, uiArg};
+            u32 uiHandle = g_ifev.uiNextHandle++;
+            if (link::SendOn<rpc::OP_IFEV_SUBSCRIBE>(g_ifev.iFd, 0, rpc::IfevSub{uiHandle, uiMask, st.uiIfType}) != 0) {
+                return 0;
+            }
+            g_ifev.subs[uiHandle] = Subscription{g_ifev.iFd, uiMask, st.uiIfType, pfnCallback, uiArg};
             return uiHandle;
         },
         [&] { return Json{{"module", uiModule}, {"mask", uiMask}, {"priority", uiPriority}, {"arg", uiArg}}; });
@@ -156,7 +183,17 @@ extern "C" u32 IF_RegIfEventEx(u32 uiModule, u32 uiMask, u32 uiPriority, void *p
 extern "C" u32 IF_UnRegEvent(u32 uiHandle, u32 uiMask)
 {
     return Journaled(
-        "IF_UnRegEvent", [&]() -> u32 { return g_subs.erase(uiHandle) == 1 ? 0 : 1; },
+        "IF_UnRegEvent",
+        [&]() -> u32 {
+            auto it = g_ifev.subs.find(uiHandle);
+            if (it == g_ifev.subs.end()) {
+                return 1;
+            }
+            /* A channel already gone has no subscription left to end. */
+            (void)link::SendOn<rpc::OP_IFEV_UNSUBSCRIBE>(it->second.iFd, 0, rpc::IfevSub{uiHandle, it->second.uiMask, 0});
+            g_ifev.subs.erase(it);
+            return 0;
+        },
         [&] { return Json{{"handle", uiHandle}, {"mask", uiMask}}; });
 }
 
@@ -168,19 +205,16 @@ extern "C" u32 IF_ResponseEventPkt(i32 iFd)
         "IF_ResponseEventPkt", u32{1},
         [&]() -> u32 {
             bRan = true;
-            std::vector<uint8_t> buf(rpc::kMaxMsg);
-            ssize_t n = rpc::RecvMsg(iFd, buf.data(), buf.size(), MSG_DONTWAIT);
-            if (n < 0 && errno == EAGAIN) {
-                return 0; /* nothing pending */
-            }
-            if (n <= 0) {
-                return 1; /* the channel is gone */
-            }
-            rpc::Hdr h;
+            std::vector<uint8_t> buf;
+            rpc::Hdr h{};
             const uint8_t *pucBody = nullptr;
             size_t len = 0;
-            (void)rpc::DecodeHead(buf.data(), static_cast<size_t>(n), h, pucBody, len); /* RecvMsg checked the size */
-            return Deliver(h, pucBody, len, pkt);
+            switch (link::ReadPush(iFd, buf, h, pucBody, len)) {
+            case link::PushRead::NONE: return u32{0}; /* nothing pending */
+            case link::PushRead::GONE: return u32{1}; /* the channel is gone */
+            case link::PushRead::MESSAGE: break;
+            }
+            return Deliver(iFd, h, pucBody, len, pkt);
         },
         [&] {
             Json args{{"fd", iFd}};
@@ -195,7 +229,15 @@ extern "C" u32 IF_ResponseEventPkt(i32 iFd)
 extern "C" u32 IF_NotifyFinalStatus(u32 uiHandle, u32 uiEvent, void *pastIf, u32 uiCount, u32 uiArg)
 {
     return Emulated(
-        "IF_NotifyFinalStatus", u32{1}, [] { return u32{0}; },
+        "IF_NotifyFinalStatus", u32{1},
+        [&]() -> u32 {
+            auto it = g_ifev.subs.find(uiHandle);
+            if (it == g_ifev.subs.end() || (uiCount > 0 && pastIf == nullptr)) {
+                return 1;
+            }
+            return link::SendOn<rpc::OP_IFEV_ACK>(it->second.iFd, uiEvent, rpc::IfevAckHead{uiHandle, uiCount}, pastIf,
+                                            size_t{uiCount} * sizeof(IF_EVENT_ENTRY_S));
+        },
         [&] {
             return Json{{"handle", uiHandle}, {"event", uiEvent}, {"count", uiCount}, {"arg", uiArg},
                         {"entries", HexOf(pastIf, size_t{uiCount} * sizeof(IF_EVENT_ENTRY_S))}};

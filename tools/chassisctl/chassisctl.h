@@ -20,6 +20,7 @@ void PrintHaText(const Json &reply);
 /* The steps of a switchover or failover, each with its time. */
 void PrintStepsText(const std::string &what, const Json &steps);
 void PrintFailText(const Json &reply);
+void PrintSvcPortText(const Json &reply);
 
 /* "dump db": what a stored record of the daemon holds, null for others. */
 Json ReadStoredRecord(const std::string &db, const std::string &key, const std::string &rec);

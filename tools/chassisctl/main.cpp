@@ -259,6 +259,7 @@ struct Args {
     int board = -1;
     std::optional<int> optBoard;
     std::string ifName, state;
+    std::vector<std::string> moreIfNames; /* if set: further interfaces */
     std::optional<std::string> mode;
     std::optional<uint32_t> vrf;
     uint32_t vrfIndex = 0;
@@ -306,7 +307,9 @@ Json Done(const Answer &answer, const std::string &name, const char *action)
 {
     Json reply = Expect(answer);
     Json out = {{"interface", name}, {"action", action}};
-    if (reply.contains("interface") && reply["interface"].is_object()) {
+    if (reply.contains("interface") && reply["interface"].is_array()) {
+        out["interfaces"] = reply["interface"]; /* if set of several */
+    } else if (reply.contains("interface") && reply["interface"].is_object()) {
         for (const auto &[key, value] : reply["interface"].items()) {
             if (key != "name") {
                 out[key] = value;
@@ -320,6 +323,7 @@ tbdl::ctl::IfChange IfChangeOf(const Args &a, bool set)
 {
     tbdl::ctl::IfChange c;
     c.name = a.ifName;
+    c.more = a.moreIfNames;
     if (a.mode && *a.mode == "none" && set) {
         c.clearMode = true;
     } else if (a.mode) {
@@ -349,9 +353,22 @@ void IfOptions(CLI::App &c, Args &a)
     c.add_option("--vrf", a.vrf, "VRF index");
 }
 
+/* "if set" takes several interfaces: they change at once, and their events
+ * go out as one packet. */
+void IfSetOptions(CLI::App &c, Args &a)
+{
+    IfOptions(c, a);
+    c.add_option("MORE", a.moreIfNames, "further interfaces changed alike, at once");
+}
+
 void IfText(const Json &r, const Args &a)
 {
-    std::cout << "interface " << a.ifName << " " << r["action"].get<std::string>() << "\n";
+    std::string names = a.ifName;
+    for (const std::string &n : a.moreIfNames) {
+        names += ", " + n;
+    }
+    std::cout << (a.moreIfNames.empty() ? "interface " : "interfaces ") << names << " "
+              << r["action"].get<std::string>() << "\n";
 }
 
 void FailOptions(CLI::App &c, Args &a)
@@ -480,7 +497,7 @@ const Command kCommands[] = {
     {"if add", "add Tunnel<N>", IfOptions,
      [](const Args &a) -> std::optional<Json> { return Done(Ctl().IfAdd(IfChangeOf(a, false)), a.ifName, "added"); },
      IfText},
-    {"if set", "change an interface", IfOptions,
+    {"if set", "change one or more interfaces", IfSetOptions,
      [](const Args &a) -> std::optional<Json> { return Done(Ctl().IfSet(IfChangeOf(a, true)), a.ifName, "changed"); },
      IfText},
     {"if del", "delete an interface",
@@ -498,6 +515,24 @@ const Command kCommands[] = {
      [](CLI::App &c, Args &a) { c.add_option("IFNAME", a.ifName, "interface")->required(); },
      [](const Args &a) -> std::optional<Json> { return Done(Ctl().VrfUnbind(a.ifName), a.ifName, "unbound"); },
      [](const Json &, const Args &a) { std::cout << a.ifName << " unbound\n"; }},
+    {"if hangup", "close a board's interface-event channel (its daemon subscribes again)", BoardOption,
+     [](const Args &a) -> std::optional<Json> { return Expect(Ctl().IfHangup(a.board)); },
+     [](const Json &, const Args &a) { std::cout << "interface-event channel of board " << a.board << " closed\n"; }},
+    {"l3vpn stop", "hang up L3VPN's registrations on a board (or all) and refuse new ones", OptBoardOption,
+     [](const Args &a) -> std::optional<Json> { return Expect(Ctl().ServiceStop("vrf", a.optBoard)); },
+     ServiceText},
+    {"l3vpn start", "accept L3VPN registrations again", OptBoardOption,
+     [](const Args &a) -> std::optional<Json> { return Expect(Ctl().ServiceStart("vrf", a.optBoard)); },
+     ServiceText},
+    {"svcport", "the service behind port 2168: up, down or absent",
+     [](CLI::App &c, Args &a) {
+         c.add_option("STATE", a.state, "up, down or absent")->required()->check(CLI::IsMember({"up", "down", "absent"}));
+     },
+     [](const Args &a) -> std::optional<Json> { return Expect(Ctl().SvcPort(a.state)); },
+     [](const Json &, const Args &a) { std::cout << "service port 2168 " << a.state << "\n"; }},
+    {"dump svcport", "the service port's state and subscriptions", NoOptions,
+     [](const Args &) -> std::optional<Json> { return Expect(Ctl().Dump("svcport")); },
+     [](const Json &r, const Args &) { PrintSvcPortText(r); }},
     {"fail", "make a platform call fail on a board ('fail clear' clears all)", FailOptions, FailRun, FailText},
     {"ha event", "deliver HA event N to a board's daemon",
      [](CLI::App &c, Args &a) {
@@ -541,6 +576,7 @@ const Group kGroups[] = {
     {"board", "one board's daemon"}, {"dump", "show a service's state"}, {"if", "tunnel interfaces"},
     {"vrf", "L3VPN bindings"},       {"ha", "HA service"},
     {"lsm", "LSM service"},          {"ps", "PS service"},
+    {"l3vpn", "L3VPN service"},
 };
 
 CLI::App *GroupOf(CLI::App &app, const std::string &name)

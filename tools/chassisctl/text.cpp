@@ -85,9 +85,21 @@ void PrintIfText(const Json &r)
 {
     Table t({"IFINDEX", "NAME", "TYPE", "NUMBER", "MODE", "STATE", "VRF"});
     for (const Json &i : r["interfaces"]) {
-        t.Add({Hex(i["ifindex"]), S(i["name"]), S(i["type"]), S(i["number"]), S(i["mode"]), S(i["state"]), S(i["vrf"])});
+        t.Add({Hex(i["ifindex"]), S(i["name"]), S(i["type"]), S(i["number"]), S(i["mode"]),
+               i.value("deleting", false) ? "deleting" : S(i["state"]), S(i["vrf"])});
     }
     t.Print();
+    std::cout << "\ninterface events\n";
+    Table e({"BOARD", "SUBSCRIPTIONS (HANDLE/MASK/TYPE)", "PACKETS", "ENTRIES", "ACKS", "ACKED", "HANGUPS"});
+    for (const Json &b : r["events"]) {
+        std::string subs;
+        for (const Json &s : b["subscriptions"]) {
+            subs += (subs.empty() ? "" : " ") + S(s["handle"]) + "/" + Hex(s["mask"]) + "/" + S(s["type"]);
+        }
+        e.Add({S(b["board"]), subs.empty() ? "-" : subs, S(b["packets_sent"]), S(b["entries_sent"]), S(b["acks"]),
+               S(b["entries_acked"]), S(b["hangups"])});
+    }
+    e.Print();
 }
 
 void PrintVrfText(const Json &r)
@@ -95,6 +107,26 @@ void PrintVrfText(const Json &r)
     Table t({"NAME", "IFINDEX", "VRF"});
     for (const Json &i : r["bindings"]) {
         t.Add({S(i["name"]), Hex(i["ifindex"]), S(i["vrf"])});
+    }
+    t.Print();
+    std::cout << "\nL3VPN registrations\n";
+    Table g({"BOARD", "NAME", "MASK", "EVENTS SENT", "BATCHES", "ACKS"});
+    for (const Json &x : r["registrations"]) {
+        g.Add({S(x["board"]), S(x["name"]), Hex(x["mask"]), S(x["events_sent"]), S(x["batches"]), S(x["acks"])});
+    }
+    g.Print();
+    for (const Json &x : r["service"]) {
+        std::cout << "board " << S(x["board"]) << ": L3VPN " << (x["stopped"].get<bool>() ? "stopped" : "running")
+                  << ", " << S(x["refused"]) << " registrations refused\n";
+    }
+}
+
+void PrintSvcPortText(const Json &r)
+{
+    std::cout << "service port " << S(r["port"]) << ": " << S(r["state"]) << "\n";
+    Table t({"BOARD", "SUBSCRIPTIONS", "EVENTS SENT", "REFUSED"});
+    for (const Json &b : r["boards"]) {
+        t.Add({S(b["board"]), S(b["subscriptions"]), S(b["events_sent"]), S(b["refused"])});
     }
     t.Print();
 }

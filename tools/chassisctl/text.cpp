@@ -196,11 +196,12 @@ void PrintHaText(const Json &r)
 
 void PrintFailText(const Json &r)
 {
-    Table t({"BOARD", "CALL", "LEFT", "FAILED", "RESULT"});
+    Table t({"BOARD", "CALL", "KIND", "SKIP", "LEFT", "HITS", "RESULT"});
     for (const Json &b : r["boards"]) {
         for (const Json &c : b["calls"]) {
             int left = c["left"].get<int>();
-            t.Add({S(b["board"]), S(c["call"]), left < 0 ? "always" : std::to_string(left), S(c["hits"]), S(c["result"])});
+            t.Add({S(b["board"]), S(c["call"]), S(c["kind"]), S(c["skip"]), left < 0 ? "always" : std::to_string(left),
+                   S(c["hits"]), S(c["result"])});
         }
     }
     t.Print();

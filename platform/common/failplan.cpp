@@ -164,6 +164,7 @@ static void FillSlot(FailSlot &slot, const FailEntry &e)
     slot.uiHasResult = e.hasResult ? 1 : 0;
     slot.uiKind = static_cast<uint32_t>(e.kind);
     slot.iSkip.store(e.skip);
+    slot.uiHits.store(0); /* a new plan for the call counts anew */
     slot.iLeft.store(e.count);
 }
 
@@ -187,7 +188,6 @@ bool FailPlanSet(FailPlan *plan, const FailEntry &e)
     if (free == nullptr) {
         return false;
     }
-    free->uiHits.store(0);
     FillSlot(*free, e);
     /* The first byte goes last, so a reader never matches a name that is
      * still being written. */

@@ -200,7 +200,7 @@ void PrintFailText(const Json &r)
     for (const Json &b : r["boards"]) {
         for (const Json &c : b["calls"]) {
             int left = c["left"].get<int>();
-            t.Add({S(b["board"]), S(c["call"]), S(c["kind"]), S(c["skip"]), left < 0 ? "always" : std::to_string(left),
+            t.Add({S(b["board"]), S(c["call"]), c.value("kind", "fail"), std::to_string(c.value("skip", 0)), left < 0 ? "always" : std::to_string(left),
                    S(c["hits"]), S(c["result"])});
         }
     }

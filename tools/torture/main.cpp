@@ -16,6 +16,7 @@ int main(int argc, char **argv)
     app.add_option("--requests", opt.requests, "requests per crash point")->check(CLI::PositiveNumber);
     app.add_option("--skip-max", opt.skipMax, "the crash comes after 0..N calls let through")
         ->check(CLI::NonNegativeNumber);
+    app.add_option("--log", opt.log, "file that gets every request and its answer");
     app.add_option("--board", opt.board, "board whose daemon takes the requests (the master)");
     app.add_option("--points", points, "crash points CALL[:before|after] (default: the full list)")->delimiter(',');
     CLI11_PARSE(app, argc, argv);

@@ -11,8 +11,9 @@ const std::vector<CrashPoint> &DefaultPoints()
         {"DBM_InsertSortList", "crash-after", "request"},
         {"DBM_RemoveSortList", "crash-before", "request"},
         {"DBM_RemoveSortList", "crash-after", "request"},
-        {"DBM_Sync", "crash-before", "request"},
-        {"DBM_Sync", "crash-after", "request"},
+        {"DBM_IsKeyExist", "crash-before", "request"},
+        {"DBM_SetSortWord", "crash-after", "request"},
+        {"DBM_Len", "crash-after", "request"},
         {"CIOCTL", "crash-before", "request"},
         {"CIOCTL", "crash-after", "request"},
         {"DBM_DeleteKey", "crash-after", "request"},
@@ -28,13 +29,16 @@ const std::vector<CrashPoint> &DefaultPoints()
         {"HA_Init", "crash-after", "ha"},
         {"HA_SendMsgSync", "crash-before", "ha"},
         {"HA_SendMsgSync", "crash-after", "ha"},
+        {"DBM_Sync", "crash-after", "ha"}, /* on a change of master */
         /* download path: LSM and PS */
         {"LSM_RegProtocolHandler", "crash-after", "download"},
         {"LSM_AddLspEntry", "crash-before", "download"},
         {"LSM_AddLspEntry", "crash-after", "download"},
         {"LSM_DeleteLspEntry", "crash-after", "download"},
         {"PS_Register", "crash-after", "download"},
-        /* event path: registrations made today; events themselves join here */
+        /* event path: the registrations made today; the event calls join here
+         * (IF_ResponseEventPkt, L3VPN_FinalStatusNotify, ...) as their events
+         * come from the chassis */
         {"IF_RegIfEventEx", "crash-after", "event"},
         {"L3VPN_RegEvt", "crash-after", "event"},
     };

@@ -1,4 +1,7 @@
 /* The random request stream and what its acknowledged requests establish. */
+#include <cstdio>
+#include <tuple>
+
 #include "torture.h"
 
 namespace torture {
@@ -14,7 +17,7 @@ std::string MembSig(unsigned w, unsigned r) { return std::to_string(w) + "/" + s
 std::string AddrOf(uint8_t last) { return "10.0.0." + std::to_string(last); }
 } // namespace
 
-Request RandomRequest(std::mt19937 &rng, const Options &opt)
+Request RandomRequest(std::mt19937 &rng, const Options &opt, const Facts &facts)
 {
     auto pick = [&rng](uint32_t lo, uint32_t hi) { return std::uniform_int_distribution<uint32_t>(lo, hi)(rng); };
     /* Creates and member adds come more often than removals, so tables grow. */
@@ -29,7 +32,24 @@ Request RandomRequest(std::mt19937 &rng, const Options &opt)
     r.weight = static_cast<uint16_t>(pick(1, 4));
     r.role = static_cast<uint8_t>(pick(0, 1));
     r.addr = static_cast<uint8_t>(pick(1, 254));
+    const std::vector<std::pair<uint32_t, uint32_t>> members = facts.Members();
+    if (r.op == Request::Op::DEL_MEMB && !members.empty() && pick(0, 3) != 0) {
+        std::tie(r.bnd, r.tnl) = members[pick(0, static_cast<uint32_t>(members.size() - 1))];
+    }
     return r;
+}
+
+std::vector<std::pair<uint32_t, uint32_t>> Facts::Members() const
+{
+    std::vector<std::pair<uint32_t, uint32_t>> v;
+    for (const auto &[key, val] : m_facts) {
+        unsigned b = 0;
+        unsigned t = 0;
+        if (!val.empty() && std::sscanf(key.c_str(), "M%u/%u", &b, &t) == 2) {
+            v.emplace_back(b, t);
+        }
+    }
+    return v;
 }
 
 std::string Describe(const Request &r)

@@ -2,11 +2,13 @@
  * follow every restart, clear the plan and check the tables. */
 #include <chrono>
 #include <iomanip>
+#include <fstream>
 #include <iostream>
 #include <set>
 #include <thread>
 
 #include "chassis_env.h"
+#include "tbdl_errcode.h"
 #include "torture.h"
 
 namespace torture {
@@ -34,6 +36,13 @@ tc::Outcome<uint32_t> Send(tc::Client &c, const Request &r)
     case Request::Op::DEL_MEMB: return c.RemoveMember(r.bnd, r.tnl);
     }
     return tc::Fail("unknown request");
+}
+
+/* The request took effect: answered 0, or a delete answered "last bundle
+ * deleted" (the bundle is gone all the same). */
+bool Acknowledged(const Request &r, uint32_t result)
+{
+    return result == TBDL_OK || (r.op == Request::Op::DELETE && result == TBDL_E_LAST_BND_DELETED);
 }
 
 /* The board's status entry, null when chassisd does not answer. */
@@ -88,7 +97,8 @@ void NoteRecovery(PointReport &rep, Clock::time_point since)
     rep.recoveryMs = std::max(rep.recoveryMs, MsSince(since));
 }
 
-void RunPoint(const Options &opt, tbdl::ctl::Client &ctl, std::mt19937 &rng, Facts &facts, PointReport &rep)
+void RunPoint(const Options &opt, tbdl::ctl::Client &ctl, std::mt19937 &rng, Facts &facts, PointReport &rep,
+              std::ostream &log)
 {
     std::optional<tc::Client> cfg = WaitServing(opt, ctl);
     tbdl::ctl::FailSpec spec{opt.board, rep.point.call, false, 1, std::nullopt, rep.point.kind,
@@ -98,11 +108,13 @@ void RunPoint(const Options &opt, tbdl::ctl::Client &ctl, std::mt19937 &rng, Fac
         return;
     }
     for (int i = 0; i < opt.requests && cfg; i++) {
-        Request r = RandomRequest(rng, opt);
+        Request r = RandomRequest(rng, opt, facts);
         rep.sent++;
         tc::Outcome<uint32_t> got = Send(*cfg, r);
+        log << rep.point.call << ":" << rep.point.kind.substr(6) << " " << Describe(r) << " -> "
+            << (got ? tc::ResultHex(*got) : "no answer: " + got.error()) << "\n";
         if (got) {
-            *got == 0 ? (rep.acked++, facts.Acked(r)) : (void)rep.refused++;
+            Acknowledged(r, *got) ? (rep.acked++, facts.Acked(r)) : (void)rep.refused++;
             continue;
         }
         rep.lost++;
@@ -173,6 +185,11 @@ int Run(const Options &opt)
     for (uint32_t t = 1; t <= opt.tunnels; t++) {
         ctl.IfAdd({"Tunnel" + std::to_string(t), 0u, false, std::string("up"), std::nullopt}); /* may exist */
     }
+    std::ofstream logFile;
+    if (!opt.log.empty()) {
+        logFile.open(opt.log);
+    }
+    std::ostream log(logFile.is_open() ? logFile.rdbuf() : nullptr);
     std::mt19937 rng(opt.seed);
     Facts facts;
     std::set<std::string> known;
@@ -180,7 +197,7 @@ int Run(const Options &opt)
     for (const CrashPoint &p : opt.points) {
         reps.emplace_back();
         reps.back().point = p;
-        RunPoint(opt, ctl, rng, facts, reps.back());
+        RunPoint(opt, ctl, rng, facts, reps.back(), log);
         KeepNewFindings(reps.back(), known);
     }
     PrintSummary(reps);

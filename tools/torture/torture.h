@@ -44,6 +44,7 @@ struct Options {
     uint32_t tunnels = 8;
     uint32_t bundles = 6;
     std::vector<CrashPoint> points;
+    std::string log; /* every request and its answer, one line each; "" = none */
 };
 
 /* One configuration request of the stream. */
@@ -56,7 +57,9 @@ struct Request {
     uint8_t role = 0;
     uint8_t addr = 0; /* last byte of 10.0.0.x */
 };
-Request RandomRequest(std::mt19937 &rng, const Options &opt);
+class Facts;
+/* Removals mostly name a member known to exist, so they are not all refused. */
+Request RandomRequest(std::mt19937 &rng, const Options &opt, const Facts &facts);
 std::string Describe(const Request &r);
 
 /* What acknowledged requests established: key -> value, "" = absent.
@@ -69,6 +72,8 @@ public:
     void Unknown(const Request &r);
     /* Facts that the shown signatures contradict. */
     std::vector<std::string> Broken(const std::map<std::string, std::string> &shown) const;
+    /* Members acknowledged and not removed since: (bundle, tunnel). */
+    std::vector<std::pair<uint32_t, uint32_t>> Members() const;
 
 private:
     void Forget(uint32_t bnd);

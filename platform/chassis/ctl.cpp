@@ -182,6 +182,8 @@ bool VrfUnbindCmd(int, const Json &req, Json &reply)
     return true;
 }
 
+/* "fail": the next count calls (or every call) of a board's daemon to a
+ * platform call, after skip calls let through, fail or crash the daemon. */
 bool Fail(int, const Json &req, Json &reply)
 {
     std::string err;
@@ -190,20 +192,27 @@ bool Fail(int, const Json &req, Json &reply)
         reply = Error(err);
         return true;
     }
-    std::string call = req.at("call").get<std::string>();
-    int32_t count = req.value("always", false) ? -1 : req.value("count", 1);
-    if (count == 0 || count < -1) {
-        reply = Error("the count must be at least 1");
+    tbdl::rpc::FailEntry e;
+    e.call = req.at("call").get<std::string>();
+    e.count = req.value("always", false) ? -1 : req.value("count", 1);
+    e.skip = req.value("skip", 0);
+    std::optional<tbdl::rpc::FailKind> kind = tbdl::rpc::FailKindOf(req.value("kind", std::string("fail")));
+    e.hasResult = req.contains("result") && !req["result"].is_null();
+    e.result = e.hasResult ? req["result"].get<int64_t>() : 0;
+    if (e.count == 0 || e.count < -1 || e.skip < 0 || !kind) {
+        reply = Error(!kind ? "unknown kind '" + req.value("kind", std::string()) + "'"
+                            : "the count must be at least 1 and the skip at least 0");
         return true;
     }
-    bool hasResult = req.contains("result") && !req["result"].is_null();
-    int64_t result = hasResult ? req["result"].get<int64_t>() : 0;
-    if (!tbdl::rpc::FailPlanSet(g_boards[b].failPlan, call, count, hasResult, result)) {
-        reply = Error("cannot plan a failure of '" + call + "' (name too long or plan full)");
+    e.kind = *kind;
+    if (!tbdl::rpc::FailPlanSet(g_boards[b].failPlan, e)) {
+        reply = Error("cannot plan a failure of '" + e.call + "' (name too long or plan full)");
         return true;
     }
-    Log("board " + std::to_string(b) + ": platform call " + call + " fails " +
-        (count < 0 ? "always" : std::to_string(count) + " time(s)"));
+    Log("board " + std::to_string(b) + ": platform call " + e.call + " " +
+        (e.kind == tbdl::rpc::FailKind::FAIL ? "fails" : std::string(tbdl::rpc::FailKindName(e.kind))) + " " +
+        (e.count < 0 ? "always" : std::to_string(e.count) + " time(s)") +
+        (e.skip > 0 ? " after " + std::to_string(e.skip) + " call(s)" : ""));
     reply = Ok();
     return true;
 }

@@ -389,6 +389,13 @@ Json FailDumpJson()
             }
             Json j = {{"call", std::string(sl.acName)}, {"left", sl.iLeft.load()}, {"hits", sl.uiHits.load()}};
             j["result"] = sl.uiHasResult ? Json(sl.lResult) : Json(nullptr);
+            /* Crashes and skips only: a plain failure's entry reads as before. */
+            if (sl.uiKind != 0) {
+                j["kind"] = tbdl::rpc::FailKindName(static_cast<tbdl::rpc::FailKind>(sl.uiKind));
+            }
+            if (sl.iSkip.load() > 0) {
+                j["skip"] = sl.iSkip.load();
+            }
             calls.push_back(j);
         }
         boards.push_back({{"board", bd.num}, {"calls", calls}});

@@ -108,7 +108,7 @@ Answer Client::ServiceStart(const std::string &service, std::optional<int> board
 Answer Client::Fail(const FailSpec &spec)
 {
     Json req = {{"cmd", "fail"}, {"call", spec.call}, {"board", spec.board}, {"always", spec.always},
-                {"count", spec.count}};
+                {"count", spec.count}, {"kind", spec.kind}, {"skip", spec.skip}};
     if (spec.result) {
         req["result"] = *spec.result;
     }

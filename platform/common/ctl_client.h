@@ -48,6 +48,8 @@ struct FailSpec {
     bool always = false; /* else the next count calls fail */
     int count = 1;
     std::optional<int64_t> result; /* else the call's own failure value */
+    std::string kind = "fail";     /* or "crash-before", "crash-after" */
+    int skip = 0;                  /* calls let through before the first hit */
 };
 
 class Client {

@@ -6,9 +6,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstring>
 
 #include "chassis_env.h"
+#include "journal.h"
 
 namespace tbdl::rpc {
 
@@ -64,32 +66,85 @@ FailPlan *LibraryPlan()
 }
 } // namespace
 
-bool FailPlanHit(const char *call, int64_t *value, bool *hasValue)
+/* Takes one hit from the slot: false while calls are still let through or
+ * once the slot is spent. */
+static bool TakeHit(FailSlot &slot)
+{
+    int32_t skip = slot.iSkip.load();
+    while (skip > 0) {
+        if (slot.iSkip.compare_exchange_weak(skip, skip - 1)) {
+            return false;
+        }
+    }
+    int32_t left = slot.iLeft.load();
+    while (left != 0) {
+        if (left < 0 || slot.iLeft.compare_exchange_weak(left, left - 1)) {
+            slot.uiHits.fetch_add(1);
+            return true;
+        }
+    }
+    return false;
+}
+
+std::optional<FailKind> FailPlanHit(const char *call, int64_t *value, bool *hasValue)
 {
     FailPlan *plan = LibraryPlan();
     if (plan == nullptr || plan->uiActive.load(std::memory_order_acquire) == 0) {
-        return false;
+        return std::nullopt;
     }
     for (FailSlot &slot : plan->astSlot) {
         if (slot.acName[0] == '\0' || std::strncmp(slot.acName, call, kFailNameLen) != 0) {
             continue;
         }
-        int32_t left = slot.iLeft.load();
-        while (left != 0) {
-            if (left < 0 || slot.iLeft.compare_exchange_weak(left, left - 1)) {
-                slot.uiHits.fetch_add(1);
-                if (slot.uiHasResult != 0 && value != nullptr) {
-                    *value = slot.lResult;
-                }
-                if (hasValue != nullptr) {
-                    *hasValue = slot.uiHasResult != 0;
-                }
-                return true;
-            }
+        if (!TakeHit(slot)) {
+            return std::nullopt;
         }
-        return false;
+        if (slot.uiHasResult != 0 && value != nullptr) {
+            *value = slot.lResult;
+        }
+        if (hasValue != nullptr) {
+            *hasValue = slot.uiHasResult != 0;
+        }
+        return static_cast<FailKind>(slot.uiKind);
     }
-    return false;
+    return std::nullopt;
+}
+
+void FailPlanCrash(const char *call, FailKind kind)
+{
+    plat::JournalRecord("CRASH", {{"call", call}, {"when", kind == FailKind::CRASH_AFTER ? "after" : "before"}},
+                        nullptr);
+    raise(SIGKILL);
+    _exit(137); /* not reached: SIGKILL cannot be caught */
+}
+
+namespace {
+struct KindName {
+    FailKind kind;
+    const char *name;
+};
+constexpr KindName kKindNames[] = {
+    {FailKind::FAIL, "fail"}, {FailKind::CRASH_BEFORE, "crash-before"}, {FailKind::CRASH_AFTER, "crash-after"}};
+} // namespace
+
+const char *FailKindName(FailKind kind)
+{
+    for (const KindName &k : kKindNames) {
+        if (k.kind == kind) {
+            return k.name;
+        }
+    }
+    return "fail";
+}
+
+std::optional<FailKind> FailKindOf(const std::string &name)
+{
+    for (const KindName &k : kKindNames) {
+        if (name == k.name) {
+            return k.kind;
+        }
+    }
+    return std::nullopt;
 }
 
 void FailPlanReset()
@@ -103,17 +158,27 @@ void FailPlanReset()
 
 FailPlan *FailPlanCreate(const std::string &path) { return MapPlan(path, true); }
 
-bool FailPlanSet(FailPlan *plan, const std::string &call, int32_t count, bool hasResult, int64_t result)
+static void FillSlot(FailSlot &slot, const FailEntry &e)
 {
-    if (plan == nullptr || call.empty() || call.size() >= kFailNameLen || count == 0) {
+    slot.lResult = e.result;
+    slot.uiHasResult = e.hasResult ? 1 : 0;
+    slot.uiKind = static_cast<uint32_t>(e.kind);
+    slot.iSkip.store(e.skip);
+    slot.uiHits.store(0); /* a new plan for the call counts anew */
+    slot.iLeft.store(e.count);
+}
+
+bool FailPlanSet(FailPlan *plan, const FailEntry &e)
+{
+    if (plan == nullptr || e.call.empty() || e.call.size() >= kFailNameLen || e.count == 0 || e.count < -1 ||
+        e.skip < 0) {
         return false;
     }
     FailSlot *free = nullptr;
     for (FailSlot &slot : plan->astSlot) {
-        if (slot.acName[0] != '\0' && call == slot.acName) {
-            slot.lResult = result;
-            slot.uiHasResult = hasResult ? 1 : 0;
-            slot.iLeft.store(count);
+        if (slot.acName[0] != '\0' && e.call == slot.acName) {
+            slot.iLeft.store(0); /* no hit with half-written fields */
+            FillSlot(slot, e);
             return true;
         }
         if (slot.acName[0] == '\0' && free == nullptr) {
@@ -123,14 +188,11 @@ bool FailPlanSet(FailPlan *plan, const std::string &call, int32_t count, bool ha
     if (free == nullptr) {
         return false;
     }
-    free->lResult = result;
-    free->uiHasResult = hasResult ? 1 : 0;
-    free->uiHits.store(0);
-    free->iLeft.store(count);
+    FillSlot(*free, e);
     /* The first byte goes last, so a reader never matches a name that is
      * still being written. */
-    std::memcpy(free->acName + 1, call.c_str() + 1, call.size());
-    std::atomic_ref<char>(free->acName[0]).store(call[0], std::memory_order_release);
+    std::memcpy(free->acName + 1, e.call.c_str() + 1, e.call.size());
+    std::atomic_ref<char>(free->acName[0]).store(e.call[0], std::memory_order_release);
     plan->uiActive.fetch_add(1, std::memory_order_release);
     return true;
 }
@@ -148,6 +210,8 @@ void FailPlanClear(FailPlan *plan)
         slot.uiHits.store(0);
         slot.lResult = 0;
         slot.uiHasResult = 0;
+        slot.uiKind = 0;
+        slot.iSkip.store(0);
     }
 }
 

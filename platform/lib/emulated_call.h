@@ -70,18 +70,33 @@ template <class Body, class Args> auto Journaled(const char *call, Body &&body, 
 }
 
 /* Planned-failure check, body, journal line. A pointer-returning call
- * fails with failValue (a planned value has no meaning for it). */
+ * fails with failValue (a planned value has no meaning for it). A planned
+ * crash ends the process before the body runs, or after the body and its
+ * journal line. */
 template <class R, class Body, class Args> R Emulated(const char *call, R failValue, Body &&body, Args &&args)
 {
+    using tbdl::rpc::FailKind;
+    int64_t planned = 0;
+    if constexpr (!std::is_pointer_v<R>) {
+        planned = static_cast<int64_t>(failValue);
+    }
+    const std::optional<FailKind> hit = tbdl::rpc::FailPlanHit(call, &planned);
+    if (hit == FailKind::CRASH_BEFORE) {
+        tbdl::rpc::FailPlanCrash(call, *hit);
+    }
     R ret;
-    if constexpr (std::is_pointer_v<R>) {
-        ret = tbdl::rpc::FailPlanHit(call) ? failValue : body();
+    if (hit != FailKind::FAIL) {
+        ret = body();
+    } else if constexpr (std::is_pointer_v<R>) {
+        ret = failValue;
     } else {
-        int64_t planned = static_cast<int64_t>(failValue);
-        ret = tbdl::rpc::FailPlanHit(call, &planned) ? static_cast<R>(planned) : body();
+        ret = static_cast<R>(planned);
     }
     if (JournalEnabled()) {
         JournalRecord(call, detail::BuildArgs(args, ret), detail::JournalResult(ret));
+    }
+    if (hit == FailKind::CRASH_AFTER) {
+        tbdl::rpc::FailPlanCrash(call, *hit);
     }
     return ret;
 }

@@ -267,6 +267,9 @@ struct Args {
     int count = 1;
     bool always = false;
     std::optional<int64_t> result;
+    bool crashBefore = false; /* fail --crash */
+    bool crashAfter = false;  /* fail --crash-after */
+    int skip = 0;             /* fail --skip */
     uint32_t event = 0;
     bool sends = false;
 };
@@ -377,7 +380,20 @@ void FailOptions(CLI::App &c, Args &a)
     c.add_option("--board", a.optBoard, "board (default 0; all boards for clear)");
     auto *countOpt = c.add_option("--count", a.count, "fail the next K calls (default 1)");
     c.add_flag("--always", a.always, "fail every call until cleared")->excludes(countOpt);
-    c.add_option("--result", a.result, "value the call returns (default: the call's own failure)");
+    auto *resultOpt = c.add_option("--result", a.result, "value the call returns (default: the call's own failure)");
+    /* Crashes: the daemon dies as a kill -9 would, before or after the call takes effect. */
+    auto *crash = c.add_flag("--crash", a.crashBefore, "kill the daemon before the call takes effect");
+    c.add_flag("--crash-after", a.crashAfter, "kill the daemon once the call took effect")
+        ->excludes(crash)
+        ->excludes(resultOpt);
+    crash->excludes(resultOpt);
+    c.add_option("--skip", a.skip, "let N calls through before the first hit (default 0)")
+        ->check(CLI::NonNegativeNumber);
+}
+
+const char *FailKindArg(const Args &a)
+{
+    return a.crashBefore ? "crash-before" : a.crashAfter ? "crash-after" : "fail";
 }
 
 std::optional<Json> FailRun(const Args &a)
@@ -388,7 +404,7 @@ std::optional<Json> FailRun(const Args &a)
     if (!a.always && a.count < 1) {
         Die("--count must be at least 1");
     }
-    return Expect(Ctl().Fail({a.optBoard.value_or(0), a.call, a.always, a.count, a.result}));
+    return Expect(Ctl().Fail({a.optBoard.value_or(0), a.call, a.always, a.count, a.result, FailKindArg(a), a.skip}));
 }
 
 void FailText(const Json &, const Args &a)
@@ -397,8 +413,12 @@ void FailText(const Json &, const Args &a)
         std::cout << "planned failures cleared\n";
         return;
     }
-    std::cout << a.call << " fails on board " << a.optBoard.value_or(0) << " "
-              << (a.always ? std::string("always") : std::to_string(a.count) + " time(s)") << "\n";
+    std::cout << a.call << (a.crashBefore ? " crashes the daemon (before) on board "
+                            : a.crashAfter ? " crashes the daemon (after) on board "
+                                           : " fails on board ")
+              << a.optBoard.value_or(0) << " "
+              << (a.always ? std::string("always") : std::to_string(a.count) + " time(s)")
+              << (a.skip > 0 ? " after " + std::to_string(a.skip) + " call(s)" : "") << "\n";
 }
 
 const Command kCommands[] = {

@@ -245,11 +245,12 @@ void PrintStepsText(const std::string &what, const Json &steps)
 
 void PrintFailText(const Json &r)
 {
-    Table t({"BOARD", "CALL", "LEFT", "FAILED", "RESULT"});
+    Table t({"BOARD", "CALL", "KIND", "SKIP", "LEFT", "HITS", "RESULT"});
     for (const Json &b : r["boards"]) {
         for (const Json &c : b["calls"]) {
             int left = c["left"].get<int>();
-            t.Add({S(b["board"]), S(c["call"]), left < 0 ? "always" : std::to_string(left), S(c["hits"]), S(c["result"])});
+            t.Add({S(b["board"]), S(c["call"]), c.value("kind", "fail"), std::to_string(c.value("skip", 0)), left < 0 ? "always" : std::to_string(left),
+                   S(c["hits"]), S(c["result"])});
         }
     }
     t.Print();

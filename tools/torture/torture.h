@@ -1,0 +1,109 @@
+/* Torture run: a random stream of configuration requests while the board's
+ * daemon is made to die at chosen platform calls, then checks that nothing
+ * acknowledged was lost and that every table still agrees. */
+#ifndef TBDL_TORTURE_H
+#define TBDL_TORTURE_H
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "ctl_client.h"
+#include "tbdl_client.h"
+
+namespace torture {
+
+using Json = nlohmann::json;
+namespace tc = tbdl::client;
+
+/* Where the daemon dies: a platform call, before or after it takes effect,
+ * after `skip` calls let through (drawn at random up to the run's bound). */
+struct CrashPoint {
+    std::string call;
+    std::string kind; /* "crash-before" or "crash-after" */
+    std::string path; /* request, recovery, ha, download, event */
+};
+
+/* The points of a full run. Event-path points need a chassis that sends
+ * interface or VRF events; new calls go here. */
+const std::vector<CrashPoint> &DefaultPoints();
+/* "CALL[:before|after]" -> a point; nullopt when malformed. */
+std::optional<CrashPoint> ParsePoint(const std::string &text);
+
+struct Options {
+    std::string dir;
+    uint32_t seed = 1;
+    int requests = 20;  /* per crash point */
+    int skipMax = 3;    /* the crash comes after 0..skipMax calls let through */
+    int board = 0;
+    uint32_t tunnels = 8;
+    uint32_t bundles = 6;
+    std::vector<CrashPoint> points;
+    std::string log; /* every request and its answer, one line each; "" = none */
+};
+
+/* One configuration request of the stream. */
+struct Request {
+    enum class Op { CREATE, DELETE, SET_ADDR, DEL_ADDR, ADD_MEMB, DEL_MEMB } op;
+    uint32_t bnd = 0;
+    uint16_t mode = 0;
+    uint32_t tnl = 0;
+    uint16_t weight = 0;
+    uint8_t role = 0;
+    uint8_t addr = 0; /* last byte of 10.0.0.x */
+};
+class Facts;
+/* Removals mostly name a member known to exist, so they are not all refused. */
+Request RandomRequest(std::mt19937 &rng, const Options &opt, const Facts &facts);
+std::string Describe(const Request &r);
+
+/* What acknowledged requests established: key -> value, "" = absent.
+ * Keys: "B<n>" (mode/tunnel mode), "A<n>" (address), "M<n>/<t>"
+ * (weight/role). A request whose outcome is unknown (the daemon died
+ * before answering) makes its keys unknown. */
+class Facts {
+public:
+    void Acked(const Request &r);
+    void Unknown(const Request &r);
+    /* Facts that the shown signatures contradict. */
+    std::vector<std::string> Broken(const std::map<std::string, std::string> &shown) const;
+    /* Members acknowledged and not removed since: (bundle, tunnel). */
+    std::vector<std::pair<uint32_t, uint32_t>> Members() const;
+
+private:
+    void Forget(uint32_t bnd);
+    std::map<std::string, std::string> m_facts;
+};
+
+/* Signatures as Facts keys them, of the displayed table and of the stored
+ * records. */
+using Sigs = std::map<std::string, std::string>;
+std::optional<Sigs> ShownSigs(const std::vector<tc::BndDetail> &table);
+std::optional<Sigs> StoredSigs(const Json &dbDump); /* chassisctl --json dump db form */
+
+/* Result of one crash point. */
+struct PointReport {
+    CrashPoint point;
+    int sent = 0;
+    int acked = 0;
+    int refused = 0; /* answered with a nonzero result */
+    int lost = 0;    /* no answer: the daemon died with it */
+    int crashes = 0;
+    int64_t recoveryMs = -1; /* longest, from the lost answer to a display answered */
+    std::vector<std::string> failures;
+    std::vector<std::string> findings;
+};
+
+/* Cross-checks of the daemon's tables after recovery. */
+void CheckTables(const Options &opt, tbdl::ctl::Client &ctl, tc::Client &cfg, const Facts &facts, PointReport &rep);
+
+int Run(const Options &opt);
+
+} // namespace torture
+
+#endif

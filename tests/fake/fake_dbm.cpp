@@ -22,9 +22,12 @@ struct SortWord {
     uint32_t uiLen = 0;
 };
 
+/* A walk goes on after the sort word it handed out last, so records
+ * removed or added behind it do not shift it. */
 struct Iter {
     Bytes key;
-    size_t ulPos = 0;
+    bool bStarted = false;
+    Bytes last;
 };
 
 /* The lists, their sort words and the open state, cleared by Reset. */
@@ -77,16 +80,23 @@ void Insert(const Bytes &key, const Bytes &rec)
     }
 }
 
-/* Fills the block buffer from the iterator's position; the count read. */
+/* Fills the block buffer with the records after the iterator's last sort
+ * word; the count read. */
 u32 ReadBlock(Iter *pIter, u32 uiRecLen, u32 uiMaxRec, uint8_t *pucOut)
 {
     auto it = g_stDb.mapDb.find(pIter->key);
+    const SortWord sw = g_stDb.mapSort[pIter->key];
     u32 uiCount = 0;
-    for (; it != g_stDb.mapDb.end() && pIter->ulPos < it->second.size() && uiCount < uiMaxRec; uiCount++) {
-        const Bytes &rec = it->second[pIter->ulPos++];
-        uint8_t *pucDst = pucOut + static_cast<size_t>(uiCount) * uiRecLen;
+    for (size_t i = 0; it != g_stDb.mapDb.end() && i < it->second.size() && uiCount < uiMaxRec; i++) {
+        const Bytes &rec = it->second[i];
+        if (pIter->bStarted && !(pIter->last < SortBytes(rec, sw))) {
+            continue;
+        }
+        uint8_t *pucDst = pucOut + static_cast<size_t>(uiCount++) * uiRecLen;
         std::memset(pucDst, 0, uiRecLen);
         std::memcpy(pucDst, rec.data(), std::min<size_t>(rec.size(), uiRecLen));
+        pIter->bStarted = true;
+        pIter->last = SortBytes(rec, sw);
     }
     return uiCount;
 }
@@ -251,7 +261,7 @@ i32 DBM_BatchGetNextSortList(u64 ulHandle, const void *pvKey, u32 uiKeyLen, void
                             return S(-1);
                         }
                         if (*ppvIter == nullptr) {
-                            *ppvIter = new Iter{c.data, 0};
+                            *ppvIter = new Iter{c.data, false, {}};
                         }
                         u32 uiCount = ReadBlock(static_cast<Iter *>(*ppvIter), uiRecLen, uiMaxRec,
                                                 static_cast<uint8_t *>(pvBuf));

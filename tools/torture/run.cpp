@@ -183,7 +183,7 @@ int Run(const Options &opt)
 {
     tbdl::ctl::Client ctl(tbdl::plat::ChassisSocketPathOf(opt.dir));
     for (uint32_t t = 1; t <= opt.tunnels; t++) {
-        ctl.IfAdd({"Tunnel" + std::to_string(t), 0u, false, std::string("up"), std::nullopt}); /* may exist */
+        ctl.IfAdd({"Tunnel" + std::to_string(t), 0u, false, std::string("up"), std::nullopt, {}}); /* may exist */
     }
     std::ofstream logFile;
     if (!opt.log.empty()) {

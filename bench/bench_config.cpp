@@ -278,13 +278,17 @@ public:
             Die("cannot open the baseline store: " + err);
         }
     }
-    double Once()
+    double Once() { return Store(m_next++); }
+    /* Stores the last record again: bytes equal to the stored ones. */
+    double Again() { return Store(m_next - 1); }
+
+private:
+    double Store(std::uint32_t n)
     {
         std::string rec(12, '\0');
         for (int i = 0; i < 4; i++) {
-            rec[static_cast<std::size_t>(i)] = static_cast<char>(m_next >> (24 - 8 * i));
+            rec[static_cast<std::size_t>(i)] = static_cast<char>(n >> (24 - 8 * i));
         }
-        m_next++;
         Clock::time_point t0 = Clock::now();
         const tbdl::plat::DbmStatus st = m_store->Insert(m_key, rec);
         Clock::time_point t1 = Clock::now();
@@ -294,7 +298,6 @@ public:
         return Micros(t1 - t0);
     }
 
-private:
     std::unique_ptr<tbdl::plat::DbmStore> m_store;
     const std::string m_key = "\x02";
     std::uint32_t m_next = 0;
@@ -544,7 +547,7 @@ Options ParseOptions(int argc, char **argv)
 
 /* The closing table: each figure of this run beside its baseline. */
 struct Figures {
-    double echoUs = 0, createUs = 0, createBaseUs = 0, bindUs = 0, bindBaseUs = 0, commitUs = 0;
+    double echoUs = 0, createUs = 0, createBaseUs = 0, bindUs = 0, bindBaseUs = 0, commitUs = 0, sameUs = 0;
     double cpuCreateUs = 0, cpuBindUs = 0;
     double tripsCreate = 0, tripsDelete = 0, tripsBind = 0, tripsUnbind = 0, tripsPerMember = 0;
     double startToAnswerMs = 0;
@@ -586,6 +589,7 @@ void PrintTable(const Figures &f, const Options &opt)
     row("idle daemon wake-ups per second over " + std::to_string(f.idleSeconds) + " s",
         num("%.1f", static_cast<double>(f.idle.switches) * perSecond),
         num("goal 0; %.1f runs/s on a CPU", static_cast<double>(f.idle.runs) * perSecond));
+    row("storing bytes already stored (no commit)", num("%.1f us", f.sameUs), num("one commit %.1f us", f.commitUs));
     row("test command, total time", opt.testTime, "");
     row("(baselines: echo round trip, one commit)", num("%.1f us", f.echoUs), num("%.1f us", f.commitUs));
 }
@@ -628,12 +632,15 @@ int main(int argc, char **argv)
     Commit commit(dir);
     fig.echoUs = EchoMedianMicros(echo, opt.echoTrips);
     std::printf("SOCK_SEQPACKET echo round trip, median of %d     : %8.1f us\n", opt.echoTrips, fig.echoUs);
-    std::vector<double> commits;
+    std::vector<double> commits, sames;
     for (int i = 0; i < opt.interleaved; i++) {
         commits.push_back(commit.Once());
+        sames.push_back(commit.Again());
     }
     fig.commitUs = Median(commits);
+    fig.sameUs = Median(sames);
     std::printf("one database commit, median of %d               : %8.1f us\n", opt.interleaved, fig.commitUs);
+    std::printf("storing the stored bytes again, median of %d    : %8.1f us\n", opt.interleaved, fig.sameUs);
     const double echoUs = fig.echoUs;
 
     Bench bench(opt, dir);

@@ -2,10 +2,12 @@
 # Builds a Release tree of the daemon, the chassis, the PS library and the
 # tools, and runs the configuration benchmark, the download benchmark and the
 # HA pair benchmark, once each. Arguments go to bench_config (--pairs N,
-# --echo N, --bundles N, --members N, --keep); TBDL_BENCH_DOWNLOAD_ARGS to
-# bench_download (--bundles N, --members N, --pairs N, --resyncs N,
-# --changes N, --keep); TBDL_BENCH_HA_ARGS to bench_ha (--bundles N,
-# --members N, --switchovers N, --keep).
+# --echo N, --bundles N, --members N, --interleaved N, --counted N, --idle S,
+# --test-time TEXT, --keep; its closing table sets every figure beside its
+# baseline and goal); TBDL_BENCH_DOWNLOAD_ARGS to bench_download (--bundles N,
+# --members N, --pairs N, --resyncs N, --changes N, --keep);
+# TBDL_BENCH_HA_ARGS to bench_ha (--bundles N, --members N, --switchovers N,
+# --keep).
 set -eu
 here=$(cd "$(dirname "$0")/.." && pwd)
 build=${TBDL_BENCH_BUILD:-$here/build-bench}

@@ -95,6 +95,10 @@ struct Conn {
 bool PeerMaySpeakFor(pid_t pid, uid_t uid, int board);
 bool PeerMaySpeakFor(Conn &c, int board);
 
+/* Platform calls served to each board's library, in total and by
+ * operation: the round trips the daemon pays (chassisctl status). */
+Json LibCallCounts();
+
 bool LoopInit(const Options &opt, std::string &err);
 /* Runs until ExitLoop; returns the process exit status. */
 int LoopRun();

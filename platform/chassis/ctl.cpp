@@ -66,7 +66,8 @@ bool Status(int, const Json &, Json &reply)
                 {"master_board", HaMaster()},
                 {"busy", SvcBusy()},
                 {"settings", Json::parse(tbdl::plat::SettingsToJson(g_opt.settings))},
-                {"boards", SvcStatusJson()}});
+                {"boards", SvcStatusJson()},
+                {"lib_calls", LibCallCounts()}});
     return true;
 }
 

@@ -146,6 +146,9 @@ void Accept()
     }
 }
 
+/* Requests from each board's library, by operation. */
+std::map<int, std::map<uint16_t, uint64_t>> g_libCalls;
+
 /* One request from a board's platform library, to the service that serves
  * its operation. */
 void HandleLibRequest(Conn &c, const Hdr &h, const uint8_t *p, size_t len)
@@ -155,6 +158,7 @@ void HandleLibRequest(Conn &c, const Hdr &h, const uint8_t *p, size_t len)
         Reply(c, h, tbdl::rpc::kResultBadRequest);
         return;
     }
+    ++g_libCalls[h.usBoard][h.usOp];
     if (!PeerMaySpeakFor(c, h.usBoard)) {
         Log("refused a platform call (op " + std::to_string(h.usOp) + ") of board " + std::to_string(h.usBoard) +
             " from pid " + std::to_string(c.pid) + ", uid " + std::to_string(c.uid) +
@@ -371,6 +375,21 @@ uint64_t After(Clock::duration delay, std::function<void()> fn)
 }
 
 void Cancel(uint64_t id) { g_timers.erase(id); }
+
+Json LibCallCounts()
+{
+    Json out = Json::array();
+    for (const auto &[board, byOp] : g_libCalls) {
+        uint64_t total = 0;
+        Json ops = Json::object();
+        for (const auto &[op, n] : byOp) {
+            total += n;
+            ops[std::to_string(op)] = n;
+        }
+        out.push_back({{"board", board}, {"calls", total}, {"by_op", ops}});
+    }
+    return out;
+}
 
 void WatchFd(int fd, uint32_t events, std::function<void(uint32_t events)> cb)
 {

@@ -47,6 +47,10 @@ constexpr const char *kSql[] = {
     "INSERT OR REPLACE INTO dbm_records(db, key, sortword, rec)"
     " SELECT ?1, ?2, substr(?3, sort_off + 1, sort_len), ?3 FROM dbm_lists"
     " WHERE db=?1 AND key=?2 AND sort_off + sort_len <= length(?3)",
+    /* kSameRecord: the record stored under rec's sort word is rec itself */
+    "SELECT 1 FROM dbm_records AS r JOIN dbm_lists AS l ON l.db=r.db AND l.key=r.key"
+    " WHERE r.db=?1 AND r.key=?2 AND l.sort_off + l.sort_len <= length(?3)"
+    " AND r.sortword=substr(?3, l.sort_off + 1, l.sort_len) AND r.rec=?3",
     /* kRemove */
     "DELETE FROM dbm_records WHERE db=?1 AND key=?2 AND sortword="
     " (SELECT substr(?3, sort_off + 1, sort_len) FROM dbm_lists"
@@ -387,8 +391,33 @@ DbmStatus DbmStore::Rekey(std::string_view key, uint32_t offset, uint32_t length
     return st == DbmStatus::Ok ? DbmStatus::StoreError : st;
 }
 
+/* Whether rec is already stored, byte for byte, under its sort word. */
+DbmStatus DbmStore::IsStored(std::string_view key, std::string_view rec, bool &stored)
+{
+    sqlite3_stmt *stmt = Use(kSameRecord);
+    BindKey(stmt, key);
+    sqlite3_bind_blob(stmt, 3, rec.data(), static_cast<int>(rec.size()), SQLITE_STATIC);
+    int rc = sqlite3_step(stmt);
+    sqlite3_reset(stmt);
+    if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
+        return Fail("record lookup");
+    }
+    stored = rc == SQLITE_ROW;
+    return DbmStatus::Ok;
+}
+
+/* Writing what is already there would cost a commit (a WAL frame and, for
+ * the other board, a changed database) for nothing: the daemon rewrites
+ * every member it recovers, so look first. */
 DbmStatus DbmStore::Insert(std::string_view key, std::string_view rec)
 {
+    bool stored = false;
+    if (IsStored(key, rec, stored) != DbmStatus::Ok) {
+        return DbmStatus::StoreError;
+    }
+    if (stored) {
+        return DbmStatus::Ok;
+    }
     sqlite3_stmt *stmt = Use(kInsert);
     BindKey(stmt, key);
     sqlite3_bind_blob(stmt, 3, rec.data(), static_cast<int>(rec.size()), SQLITE_STATIC);

@@ -66,7 +66,8 @@ public:
      * existing one (its records are re-keyed; of records whose new sort words
      * are equal the last one read stays). */
     DbmStatus SetSortWord(std::string_view key, uint32_t offset, uint32_t length);
-    /* Inserts or replaces (equal sort word) a record. */
+    /* Inserts or replaces (equal sort word) a record. A record equal byte
+     * for byte to the stored one is left alone: one read, no commit. */
     DbmStatus Insert(std::string_view key, std::string_view rec);
     /* Removes the record whose sort word equals rec's. */
     DbmStatus Remove(std::string_view key, std::string_view rec);
@@ -85,6 +86,7 @@ private:
         kListInsert,
         kListUpdate,
         kInsert,
+        kSameRecord,
         kRemove,
         kCount,
         kDeleteRecords,
@@ -105,6 +107,7 @@ private:
     DbmStatus Fail(const char *what);
     DbmStatus Step(Stmt which); /* for statements without rows */
     DbmStatus Rekey(std::string_view key, uint32_t offset, uint32_t length);
+    DbmStatus IsStored(std::string_view key, std::string_view rec, bool &stored);
 
     sqlite3 *db_ = nullptr;
     std::string name_;

@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include <sqlite3.h>
+
 #include "dbm_store.h"
 #include "plat_dbm.h"
 #include "plat_test_env.h"
@@ -119,6 +121,34 @@ TEST_F(DbmTest, InsertNeedsASortWordAndReplacesOnAnEqualOne)
     /* A record too short to hold its sort word is refused. */
     EXPECT_NE(DBM_InsertSortList(h_, kBndKey.data(), 1, 23, rec.data(), 0), 0u);
     EXPECT_EQ(DBM_Len(h_, kBndKey.data(), 1), 1u);
+}
+
+/* Another connection's data_version moves on each commit: storing bytes
+ * already stored must not commit, storing any change must. */
+TEST_F(DbmTest, StoringTheStoredBytesAgainCommitsNothing)
+{
+    sqlite3 *peer = nullptr;
+    ASSERT_EQ(sqlite3_open(tbdl::plat::DatabasePathOf(chassis_.Dir()).c_str(), &peer), SQLITE_OK);
+    auto version = [peer] {
+        sqlite3_stmt *st = nullptr;
+        sqlite3_prepare_v2(peer, "PRAGMA data_version", -1, &st, nullptr);
+        sqlite3_int64 v = sqlite3_step(st) == SQLITE_ROW ? sqlite3_column_int64(st, 0) : -1;
+        sqlite3_finalize(st);
+        return v;
+    };
+    ASSERT_EQ(Store(h_, kBndKey, BndRec(5, 1), 20), 0u);
+    const struct {
+        Bytes rec;
+        bool commits;
+    } cases[] = {{BndRec(5, 1), false}, {BndRec(5, 4), true}, {BndRec(5, 4), false}, {BndRec(6, 4), true}};
+    for (const auto &c : cases) {
+        const sqlite3_int64 before = version();
+        ASSERT_EQ(Store(h_, kBndKey, c.rec, 20), 0u);
+        EXPECT_EQ(version() != before, c.commits) << Hex(c.rec);
+    }
+    EXPECT_EQ(BndNums(ReadList(h_, kBndKey, 32)), (std::vector<u32>{5, 6}));
+    EXPECT_EQ(ReadList(h_, kBndKey, 32)[0], BndRec(5, 4));
+    sqlite3_close(peer);
 }
 
 TEST_F(DbmTest, ListsComeBackInBigEndianSortWordOrderTenAtATimeAndBadReadsFail)

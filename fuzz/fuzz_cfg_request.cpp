@@ -20,6 +20,7 @@
 
 #include "cfg/tbdl_cfg_priv.h"
 #include "fake_platform.h"
+#include "fuzz_daemon.h"
 #include "plat_stlv.h"
 #include "tbdl_bnd.h"
 #include "tbdl_dbg.h"
@@ -28,24 +29,11 @@
 
 namespace {
 
+using fuzzd::Check;
+using fuzzd::Configure;
+
 int g_iEpfd = -1;
 bool g_bVerbose = false; /* TBDL_FUZZ_VERBOSE set: print each reply header */
-
-void Check(bool bOk, const char *pcWhat)
-{
-    if (!bOk) {
-        fprintf(stderr, "reply check failed: %s\n", pcWhat);
-        abort();
-    }
-}
-
-u32 Configure(TBDL_CFG_HANDLER_PF pfn, u32 uiBnd, u16 usOperType, const void *pData, size_t ulLen)
-{
-    alignas(8) TBDL_CFG_OPER_DATA_S stData = {};
-    memcpy(stData.aucData, pData, ulLen);
-    TBDL_CFG_KEY_S stKey = {uiBnd};
-    return pfn(0, &stKey, usOperType, &stData);
-}
 
 /* Bundle 1 (load balancing, address, two members), bundle 2 (1:1, one
  * member), bundle 3 (1+1, empty); tunnels 10-13 exist, 13 unbound. */
@@ -84,12 +72,7 @@ void Populate()
 
 void SetUp()
 {
-    fake::Reset();
-    TBDL_SPEC_S stSpec = {TBDL_SPEC_DEF_MAX_BND, TBDL_SPEC_DEF_MAX_MEMB, 1, 1, 1};
-    (void)TBDL_DBG_Init();
-    (void)TBDL_DBM_Init();
-    (void)TBDL_BND_Init(&stSpec, nullptr, g_iEpfd);
-    (void)TBDL_INTF_Init(g_iEpfd);
+    fuzzd::StartCore(fuzzd::kDefaultSpec, g_iEpfd);
     (void)TBDL_CFG_Init(static_cast<u32>(g_iEpfd));
     if (TBDL_CFG_Activate() != TBDL_OK) {
         fprintf(stderr, "configuration socket could not be opened\n");

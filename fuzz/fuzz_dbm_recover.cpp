@@ -32,6 +32,7 @@
 
 #include "bnd/tbdl_bnd_priv.h"
 #include "fake_platform.h"
+#include "fuzz_daemon.h"
 #include "intf/tbdl_intf_priv.h"
 #include "tbdl_cfg.h"
 #include "tbdl_dbg.h"
@@ -39,6 +40,8 @@
 #include "tbdl_intf.h"
 
 namespace {
+
+using fuzzd::Check;
 
 using Bytes = std::vector<uint8_t>;
 
@@ -63,14 +66,6 @@ constexpr Failure kFailures[] = {
 };
 
 int g_iEpfd = -1;
-
-void Check(bool bOk, const char *pcWhat)
-{
-    if (!bOk) {
-        fprintf(stderr, "recovery check failed: %s\n", pcWhat);
-        abort();
-    }
-}
 
 Bytes MembKey(u32 uiBnd)
 {

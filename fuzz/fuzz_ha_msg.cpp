@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "fake_platform.h"
+#include "fuzz_daemon.h"
 #include "ha/tbdl_ha_priv.h"
 #include "tbdl_bas.h"
 #include "tbdl_bnd.h"
@@ -32,34 +33,16 @@
 
 namespace {
 
+using fuzzd::Check;
+using fuzzd::Configure;
+
 using Bytes = std::vector<uint8_t>;
 
 int g_iEpfd = -1;
 
-void Check(bool bOk, const char *pcWhat)
-{
-    if (!bOk) {
-        fprintf(stderr, "HA receive check failed: %s\n", pcWhat);
-        abort();
-    }
-}
-
-void Configure(TBDL_CFG_HANDLER_PF pfn, u32 uiBnd, u16 usOperType, const void *pData, size_t ulLen)
-{
-    alignas(8) TBDL_CFG_OPER_DATA_S stData = {};
-    memcpy(stData.aucData, pData, ulLen);
-    TBDL_CFG_KEY_S stKey = {uiBnd};
-    (void)pfn(0, &stKey, usOperType, &stData);
-}
-
 void SetUp()
 {
-    fake::Reset();
-    TBDL_SPEC_S stSpec = {TBDL_SPEC_DEF_MAX_BND, TBDL_SPEC_DEF_MAX_MEMB, 1, 1, 1};
-    (void)TBDL_DBG_Init();
-    (void)TBDL_DBM_Init();
-    (void)TBDL_BND_Init(&stSpec, nullptr, g_iEpfd);
-    (void)TBDL_INTF_Init(g_iEpfd);
+    fuzzd::StartCore(fuzzd::kDefaultSpec, g_iEpfd);
     const u16 ausMode[2] = {1, 0};
     Configure(TBDL_BND_Configure, 1, TBDL_TLV_OP_BND, ausMode, sizeof(ausMode));
     Configure(TBDL_BND_Configure, 2, TBDL_TLV_OP_BND, ausMode, sizeof(ausMode));

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "fake_platform.h"
+#include "fuzz_daemon.h"
 #include "intf/tbdl_intf_priv.h"
 #include "tbdl_bnd.h"
 #include "tbdl_dbg.h"
@@ -28,23 +29,10 @@
 
 namespace {
 
+using fuzzd::Check;
+using fuzzd::Configure;
+
 int g_iEpfd = -1;
-
-void Check(bool bOk, const char *pcWhat)
-{
-    if (!bOk) {
-        fprintf(stderr, "event check failed: %s\n", pcWhat);
-        abort();
-    }
-}
-
-u32 Configure(TBDL_CFG_HANDLER_PF pfn, u32 uiBnd, u16 usOperType, const void *pData, size_t ulLen)
-{
-    alignas(8) TBDL_CFG_OPER_DATA_S stData = {};
-    memcpy(stData.aucData, pData, ulLen);
-    TBDL_CFG_KEY_S stKey = {uiBnd};
-    return pfn(0, &stKey, usOperType, &stData);
-}
 
 void Populate()
 {
@@ -66,12 +54,7 @@ void Populate()
 
 void SetUp()
 {
-    fake::Reset();
-    TBDL_SPEC_S stSpec = {TBDL_SPEC_DEF_MAX_BND, TBDL_SPEC_DEF_MAX_MEMB, 1, 1, 1};
-    (void)TBDL_DBG_Init();
-    (void)TBDL_DBM_Init();
-    (void)TBDL_BND_Init(&stSpec, nullptr, g_iEpfd);
-    (void)TBDL_INTF_Init(g_iEpfd);
+    fuzzd::StartCore(fuzzd::kDefaultSpec, g_iEpfd);
     if (TBDL_INTF_Activate() != TBDL_OK) {
         fprintf(stderr, "interface events could not be subscribed\n");
         abort();

@@ -17,6 +17,7 @@
 #include <cstring>
 
 #include "fake_platform.h"
+#include "fuzz_daemon.h"
 #include "l3v/tbdl_l3v_priv.h"
 #include "servicewatch/tbdl_servicewatch_priv.h"
 #include "tbdl_bnd.h"
@@ -26,6 +27,9 @@
 
 namespace {
 
+using fuzzd::Check;
+using fuzzd::Configure;
+
 /* One step: kind (bit 0: service port), event mask, then the record. */
 constexpr size_t kStepHead = 2;
 constexpr u32 kEvents[] = {TBDL_L3V_EV_VRF_BIND, TBDL_L3V_EV_VRF_UNBIND, TBDL_L3V_EV_BATCH_BEGIN,
@@ -33,36 +37,15 @@ constexpr u32 kEvents[] = {TBDL_L3V_EV_VRF_BIND, TBDL_L3V_EV_VRF_UNBIND, TBDL_L3
 
 int g_iEpfd = -1;
 
-void Check(bool bOk, const char *pcWhat)
-{
-    if (!bOk) {
-        fprintf(stderr, "watch check failed: %s\n", pcWhat);
-        abort();
-    }
-}
-
 /* Masks as the loop reports them: EPOLLIN, EPOLLERR and EPOLLHUP. */
 u32 Mask(u8 ucSel)
 {
     return (ucSel & 1u ? EPOLLIN : 0u) | (ucSel & 2u ? EPOLLERR : 0u) | (ucSel & 4u ? EPOLLHUP : 0u);
 }
 
-void Configure(TBDL_CFG_HANDLER_PF pfn, u32 uiBnd, u16 usOperType, const void *pData, size_t ulLen)
-{
-    alignas(8) TBDL_CFG_OPER_DATA_S stData = {};
-    memcpy(stData.aucData, pData, ulLen);
-    TBDL_CFG_KEY_S stKey = {uiBnd};
-    (void)pfn(0, &stKey, usOperType, &stData);
-}
-
 void SetUp()
 {
-    fake::Reset();
-    TBDL_SPEC_S stSpec = {TBDL_SPEC_DEF_MAX_BND, TBDL_SPEC_DEF_MAX_MEMB, 1, 1, 1};
-    (void)TBDL_DBG_Init();
-    (void)TBDL_DBM_Init();
-    (void)TBDL_BND_Init(&stSpec, nullptr, g_iEpfd);
-    (void)TBDL_INTF_Init(g_iEpfd);
+    fuzzd::StartCore(fuzzd::kDefaultSpec, g_iEpfd);
     TBDL_L3V_Init(g_iEpfd);
     (void)TBDL_SERVICEWATCH_Init(g_iEpfd);
     const u16 ausMode[2] = {1, 0};

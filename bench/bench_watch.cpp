@@ -346,8 +346,8 @@ Options ParseOptions(int argc, char **argv)
         } else if (a == "--keep") {
             opt.keep = true;
         } else {
-            Die("usage: bench_watch [--bin-dir DIR] [--bundles N] [--members N] [--burst N] [--pairs N] "
-                "[--rounds N] [--changes N] [--keep]");
+            Die("usage: bench_watch [--bin-dir DIR] [--bundles N] [--members N] [--burst N (at most about 4000 "
+                "names fit in one change)] [--pairs N] [--rounds N] [--changes N] [--keep]");
         }
     }
     return opt;

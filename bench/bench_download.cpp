@@ -13,7 +13,6 @@
  *     configuration socket to LSM and to PS counting the bundle's new
  *     download, with the counts one change costs.
  * Figures only: nothing here passes or fails on time. */
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,12 +27,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include "bench_util.h"
 #include "ctl_client.h"
-#include "tbdl_client.h"
-#include "tbdl_errcode.h"
 
 namespace tc = tbdl::client;
-using Clock = std::chrono::steady_clock;
+using namespace tbdl::bench;
 using Json = nlohmann::json;
 
 namespace {
@@ -50,62 +48,6 @@ struct Options {
 };
 
 constexpr std::uint32_t kFirstTunnel = 1000;
-
-std::function<void()> g_cleanup;
-
-[[noreturn]] void Die(const std::string &why)
-{
-    std::fprintf(stderr, "bench_download: %s\n", why.c_str());
-    if (g_cleanup) {
-        std::function<void()> cleanup = std::move(g_cleanup);
-        g_cleanup = nullptr;
-        cleanup();
-    }
-    std::exit(1);
-}
-
-double Micros(Clock::duration d) { return std::chrono::duration<double, std::micro>(d).count(); }
-
-double Percentile(std::vector<double> v, double p)
-{
-    if (v.empty()) {
-        return 0;
-    }
-    std::sort(v.begin(), v.end());
-    return v[std::min(v.size() - 1, static_cast<std::size_t>(p * static_cast<double>(v.size())))];
-}
-
-double Median(const std::vector<double> &v) { return Percentile(v, 0.5); }
-
-/* Runs a command line; its output is shown only when it fails. */
-int Run(const std::string &cmd)
-{
-    std::string out;
-    FILE *p = ::popen((cmd + " 2>&1").c_str(), "r");
-    if (p == nullptr) {
-        return -1;
-    }
-    char buf[512];
-    while (std::fgets(buf, sizeof(buf), p) != nullptr) {
-        out += buf;
-    }
-    const int status = ::pclose(p);
-    const int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    if (code != 0) {
-        std::fprintf(stderr, "%s\n%s", cmd.c_str(), out.c_str());
-    }
-    return code;
-}
-
-void Expect(const tc::Outcome<std::uint32_t> &r, const std::string &what)
-{
-    if (!r) {
-        Die(what + ": " + r.error());
-    }
-    if (*r != TBDL_OK) {
-        Die(what + ": " + tc::DescribeResult(*r));
-    }
-}
 
 /* The chassis of the run, its control client and a client of board 0. */
 class Bench {
@@ -210,19 +152,6 @@ private:
     std::optional<tc::Client> m_client;
 };
 
-double BaselineMicros(int n, const std::function<void()> &trip)
-{
-    std::vector<double> v;
-    for (int i = 0; i < n + n / 10; i++) {
-        const Clock::time_point t0 = Clock::now();
-        trip();
-        if (i >= n / 10) {
-            v.push_back(Micros(Clock::now() - t0));
-        }
-    }
-    return Median(v);
-}
-
 std::uint64_t U(const Json &j, const char *key) { return j.value(key, std::uint64_t{0}); }
 
 /* Stops and starts the service on board 0, then waits for the daemon's
@@ -314,13 +243,6 @@ void ChangeLatency(Bench &bench, double pollUs)
                 static_cast<double>(U(p9, "deletes") - U(p0, "deletes")) / n);
 }
 
-std::string DefaultBinDir()
-{
-    std::error_code ec;
-    std::filesystem::path exe = std::filesystem::read_symlink("/proc/self/exe", ec);
-    return ec ? "." : exe.parent_path().parent_path().string();
-}
-
 Options ParseOptions(int argc, char **argv)
 {
     Options opt;
@@ -359,6 +281,7 @@ Options ParseOptions(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
+    g_name = "bench_download";
     const Options opt = ParseOptions(argc, argv);
     std::setvbuf(stdout, nullptr, _IOLBF, 0); /* each figure as soon as it is known */
     char tmpl[] = "/tmp/tbdl-bench-dld-XXXXXX";
@@ -388,8 +311,6 @@ int main(int argc, char **argv)
     Resync(bench, "ps", "received", "updates", "sends", "bundle updates");
     ChangeLatency(bench, pollUs);
 
-    std::function<void()> cleanup = std::move(g_cleanup);
-    g_cleanup = nullptr;
-    cleanup();
+    CleanUp();
     return 0;
 }

@@ -146,6 +146,41 @@ TEST_F(Download, EachModeAndLosingMembers)
     EXPECT_EQ(m_chassis.CtlJson({"dump", "ps", "--board", "0"}).value("malformed", -1), 0);
 }
 
+TEST_F(Download, MemberStatesReachPsUpFlagsAndRefreshTheLsmEntry)
+{
+    Configure();
+    ASSERT_TRUE(Downloaded());
+    /* Each change re-sends the bundle's LSM entry, same paths, and its PS
+     * update when it is a pair. */
+    const struct {
+        std::vector<std::string> tunnels;
+        const char *state;
+        std::uint32_t bundle;
+        const char *ps; /* the pair's PS record after the change; "" when none */
+    } steps[] = {
+        {{"Tunnel20"}, "down", 2, "1:1 working Tunnel21 down, protection Tunnel20 down"},
+        {{"Tunnel21"}, "up", 2, "1:1 working Tunnel21 up, protection Tunnel20 down"},
+        {{"Tunnel41", "Tunnel40"}, "up", 4, "1+1 working Tunnel41 up, protection Tunnel40 up"},
+        {{"Tunnel40"}, "down", 4, "1+1 working Tunnel41 up, protection Tunnel40 down"},
+        {{"Tunnel10", "Tunnel11"}, "down", 1, ""},
+    };
+    auto lsmAdds = [&] { return m_chassis.CtlJson({"dump", "lsm", "--board", "0"}).value("adds", std::uint64_t{0}); };
+    auto psOf = [&](std::uint32_t n) {
+        Sigs ps = Held(m_chassis).second;
+        return ps.count(BndName(n)) != 0 ? ps[BndName(n)] : std::string();
+    };
+    for (const auto &s : steps) {
+        const std::uint64_t adds = lsmAdds();
+        std::vector<std::string> ctl = {"if", "set"};
+        ctl.insert(ctl.end(), s.tunnels.begin(), s.tunnels.end());
+        ctl.insert(ctl.end(), {"--state", s.state});
+        ASSERT_TRUE(Exited(m_chassis.Ctl(ctl), 0)) << s.tunnels[0];
+        EXPECT_TRUE(tbdl::systest::WaitUntil([&] { return lsmAdds() > adds && psOf(s.bundle) == s.ps; }))
+            << s.tunnels[0] << " " << s.state << ": PS holds '" << psOf(s.bundle) << "'";
+        EXPECT_TRUE(Downloaded()) << s.tunnels[0];
+    }
+}
+
 TEST_F(Download, StoppedServicesCatchUpWhenStarted)
 {
     Configure();

@@ -113,8 +113,19 @@ void CheckDownload(const Json &lsm, const Json &ps, const std::map<std::string, 
     }
 }
 
-/* What a full resynchronisation leaves: an LSM entry with one path per
- * member for every bundle with members, a PS entry for every protection
+/* Primary paths of a bundle's LSM entry: a lone member whatever its role,
+ * else one per member that is not a backup (role 1). */
+size_t LsmPaths(const tc::BndDetail &d)
+{
+    if (d.members.size() <= 1) {
+        return d.members.size();
+    }
+    return static_cast<size_t>(
+        std::count_if(d.members.begin(), d.members.end(), [](const tc::MembDetail &m) { return m.ucRole != 1; }));
+}
+
+/* What a full resynchronisation leaves: an LSM entry with its paths for
+ * every bundle with members, a PS entry for every protection
  * bundle with exactly two members, and nothing else. */
 void CheckResynced(const Json &lsm, const Json &ps, const std::map<std::string, tc::BndDetail> &table,
                    PointReport &rep)
@@ -131,9 +142,11 @@ void CheckResynced(const Json &lsm, const Json &ps, const std::map<std::string, 
         const bool wantLsm = !d.members.empty();
         const bool wantPs = d.ucMode != 1 && d.members.size() == 2;
         auto it = inLsm.find(name);
-        if (wantLsm != (it != inLsm.end()) || (wantLsm && it->second != d.members.size())) {
-            rep.failures.push_back("LSM " + std::string(it == inLsm.end() ? "lacks " : "holds ") + name + " (" +
-                                   std::to_string(d.members.size()) + " member(s))");
+        if (wantLsm != (it != inLsm.end())) {
+            rep.failures.push_back("LSM " + std::string(wantLsm ? "lacks " : "holds ") + name);
+        } else if (wantLsm && it->second != LsmPaths(d)) {
+            rep.failures.push_back("LSM entry of " + name + " has " + std::to_string(it->second) + " path(s), not " +
+                                   std::to_string(LsmPaths(d)));
         }
         if (wantPs != (inPs.count(name) != 0)) {
             rep.failures.push_back("PS " + std::string(wantPs ? "lacks " : "holds ") + name + " (mode " +

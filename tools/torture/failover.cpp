@@ -55,7 +55,7 @@ void RunRound(const Options &opt, tbdl::ctl::Client &ctl, std::mt19937 &rng, Fac
     Options on = opt;
     on.board = WaitMaster(ctl, -1);
     std::optional<tc::Client> cfg = on.board >= 0 ? WaitServing(on, ctl) : std::nullopt;
-    if (!cfg) {
+    if (!cfg || !SendFill(opt, *cfg, facts, rep, log)) {
         rep.failures.push_back("no master serves before the round");
         return;
     }

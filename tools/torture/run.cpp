@@ -114,6 +114,25 @@ bool SendAndBook(tc::Client &cfg, const Request &r, Facts &facts, PointReport &r
     return true;
 }
 
+bool SendFill(const Options &opt, tc::Client &cfg, Facts &facts, PointReport &rep, std::ostream &log)
+{
+    static const uint16_t kModes[] = {2, 4, 1}; /* 1:1, 1+1, load balancing */
+    std::vector<Request> fill;
+    for (uint32_t b = 1; b <= opt.bundles; b++) {
+        fill.push_back({Request::Op::CREATE, b, kModes[b % 3]});
+    }
+    for (uint32_t b = 1; b <= opt.bundles && 2 * b <= opt.tunnels; b++) {
+        fill.push_back({Request::Op::ADD_MEMB, b, 0, 2 * b - 1, 1, 0});
+        fill.push_back({Request::Op::ADD_MEMB, b, 0, 2 * b, 1, 1});
+    }
+    for (const Request &r : fill) {
+        if (!SendAndBook(cfg, r, facts, rep, log)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 namespace {
 
 /* Hits of the point's plan entry so far: one per crash. */

@@ -96,7 +96,9 @@ void Soak::Configure(std::ostream &log)
             return;
         }
     }
-    if (!SendAndBook(*m_cfg, RandomRequest(m_rng, m_opt, m_facts), m_facts, m_rep, log)) {
+    const bool sent = Pick(0, 199) == 0 ? SendFill(m_opt, *m_cfg, m_facts, m_rep, log)
+                                        : SendAndBook(*m_cfg, RandomRequest(m_rng, m_opt, m_facts), m_facts, m_rep, log);
+    if (!sent) {
         m_cfg.reset(); /* the master changed or its daemon went away: find it again */
     }
 }

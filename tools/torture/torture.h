@@ -128,6 +128,12 @@ void PrintSummary(const std::vector<PointReport> &reps);
  * false when no answer came (the daemon or its board went away). */
 bool SendAndBook(tc::Client &cfg, const Request &r, Facts &facts, PointReport &rep, std::ostream &log);
 
+/* Creates every bundle and gives the first ones a working and a protection
+ * member, so that LSM and PS have entries to lose; refusals (a bundle that
+ * exists, a hold after the last delete) are booked like any answer. False
+ * when an answer is lost. */
+bool SendFill(const Options &opt, tc::Client &cfg, Facts &facts, PointReport &rep, std::ostream &log);
+
 /* Rounds of --failover: the master fails while requests stream, then the
  * new master is checked and the failed board recovered. */
 void RunFailover(const Options &opt, tbdl::ctl::Client &ctl, std::mt19937 &rng, Facts &facts,

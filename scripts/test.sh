@@ -3,7 +3,8 @@
 #   1. a build with line coverage: unit, platform and system tests, then the
 #      line coverage of the daemon's code;
 #   2. a build with AddressSanitizer and UndefinedBehaviorSanitizer: the same
-#      tests again;
+#      tests again, then a 60-second soak against it (tests/soak.sh), counted
+#      as one result;
 #   3. a Release build (-O3) of the daemon and the tools, without tests and
 #      benchmarks: the optimiser's warnings fail it; counts as one result;
 #   4. a cross build for 64-bit Arm whose unit and platform tests run under
@@ -58,6 +59,13 @@ if scripts/build.sh build-asan -DCMAKE_BUILD_TYPE=Debug -DTBDL_SANITIZE=ON -DTBD
   run_ctest sanitizers build-asan
 else
   echo "sanitizer build failed"; status=1; failed=$((failed + 1))
+fi
+
+echo "== Soak (60 s) against the sanitizer build"
+if [ -x build-asan/tools/torture ] && tests/soak.sh --minutes 1 --build build-asan; then
+  passed=$((passed + 1))
+else
+  echo "the soak failed"; failed=$((failed + 1)); status=1
 fi
 
 echo "== Release build of the daemon and tools"

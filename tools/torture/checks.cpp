@@ -3,7 +3,9 @@
  * entry that no bundle explains is a finding (the daemon may leave one when
  * it dies between two steps); any other disagreement is a failure. */
 #include <algorithm>
+#include <chrono>
 #include <set>
+#include <thread>
 
 #include "chassis_env.h"
 #include "chassisctl.h"
@@ -111,9 +113,76 @@ void CheckDownload(const Json &lsm, const Json &ps, const std::map<std::string, 
     }
 }
 
+/* Primary paths of a bundle's LSM entry: a lone member whatever its role,
+ * else one per member that is not a backup (role 1). */
+size_t LsmPaths(const tc::BndDetail &d)
+{
+    if (d.members.size() <= 1) {
+        return d.members.size();
+    }
+    return static_cast<size_t>(
+        std::count_if(d.members.begin(), d.members.end(), [](const tc::MembDetail &m) { return m.ucRole != 1; }));
+}
+
+/* What a full resynchronisation leaves: an LSM entry with its paths for
+ * every bundle with members, a PS entry for every protection
+ * bundle with exactly two members, and nothing else. */
+void CheckResynced(const Json &lsm, const Json &ps, const std::map<std::string, tc::BndDetail> &table,
+                   PointReport &rep)
+{
+    std::map<std::string, size_t> inLsm;
+    for (const Json &e : lsm.value("entries", Json::array())) {
+        inLsm[e.value("name", "")] = e.value("path_count", 0u);
+    }
+    std::set<std::string> inPs;
+    for (const Json &b : ps.value("bundles", Json::array())) {
+        inPs.insert(Name(b.value("bundle", 0u)));
+    }
+    for (const auto &[name, d] : table) {
+        const bool wantLsm = !d.members.empty();
+        const bool wantPs = d.ucMode != 1 && d.members.size() == 2;
+        auto it = inLsm.find(name);
+        if (wantLsm != (it != inLsm.end())) {
+            rep.failures.push_back("LSM " + std::string(wantLsm ? "lacks " : "holds ") + name);
+        } else if (wantLsm && it->second != LsmPaths(d)) {
+            rep.failures.push_back("LSM entry of " + name + " has " + std::to_string(it->second) + " path(s), not " +
+                                   std::to_string(LsmPaths(d)));
+        }
+        if (wantPs != (inPs.count(name) != 0)) {
+            rep.failures.push_back("PS " + std::string(wantPs ? "lacks " : "holds ") + name + " (mode " +
+                                   std::to_string(d.ucMode) + ", " + std::to_string(d.members.size()) +
+                                   " member(s))");
+        }
+        inLsm.erase(name);
+        inPs.erase(name);
+    }
+    for (const auto &[name, paths] : inLsm) {
+        rep.failures.push_back("LSM holds a stale entry '" + name + "'");
+    }
+    for (const std::string &name : inPs) {
+        rep.failures.push_back("PS holds a stale entry of " + name);
+    }
+}
+
+bool DumpTables(tbdl::ctl::Client &ctl, int board, Json &k, Json &lsm, Json &ps)
+{
+    tbdl::ctl::Answer ka = ctl.Dump("ktbdl", board);
+    tbdl::ctl::Answer la = ctl.Dump("lsm", board);
+    tbdl::ctl::Answer pa = ctl.DumpPs(board, false);
+    k = ka.reply;
+    lsm = la.reply;
+    ps = pa.reply;
+    return ka && la && pa;
+}
+
 } // namespace
 
-void CheckTables(const Options &opt, tbdl::ctl::Client &ctl, tc::Client &cfg, const Facts &facts, PointReport &rep)
+namespace {
+
+/* settled: the download has had time to finish, so LSM and PS must be
+ * complete, not only free of contradictions. */
+void Check(const Options &opt, tbdl::ctl::Client &ctl, tc::Client &cfg, const Facts &facts, PointReport &rep,
+           bool settled)
 {
     tc::Outcome<tc::BndWalk> walk = cfg.WalkBundles();
     if (!walk) {
@@ -137,15 +206,41 @@ void CheckTables(const Options &opt, tbdl::ctl::Client &ctl, tc::Client &cfg, co
     for (const tc::BndDetail &d : walk->bundles) {
         table[Name(d.uiBndNum)] = d;
     }
-    tbdl::ctl::Answer k = ctl.Dump("ktbdl", opt.board);
-    tbdl::ctl::Answer lsm = ctl.Dump("lsm", opt.board);
-    tbdl::ctl::Answer ps = ctl.DumpPs(opt.board, false);
-    if (!k || !lsm || !ps) {
+    Json k;
+    Json lsm;
+    Json ps;
+    if (!DumpTables(ctl, opt.board, k, lsm, ps)) {
         rep.failures.push_back("chassisd does not dump its tables");
         return;
     }
-    CheckKernel(k.reply, table, rep);
-    CheckDownload(lsm.reply, ps.reply, table, rep);
+    CheckKernel(k, table, rep);
+    CheckDownload(lsm, ps, table, rep);
+    if (rep.failures.empty() && settled) {
+        CheckResynced(lsm, ps, table, rep);
+    }
+}
+
+} // namespace
+
+void CheckTables(const Options &opt, tbdl::ctl::Client &ctl, tc::Client &cfg, const Facts &facts, PointReport &rep)
+{
+    Check(opt, ctl, cfg, facts, rep, false);
+}
+
+void CheckSettled(const Options &opt, tbdl::ctl::Client &ctl, tc::Client &cfg, const Facts &facts, PointReport &rep,
+                  int timeoutMs)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        PointReport round;
+        Check(opt, ctl, cfg, facts, round, true);
+        if (round.failures.empty() || std::chrono::steady_clock::now() >= deadline) {
+            rep.failures.insert(rep.failures.end(), round.failures.begin(), round.failures.end());
+            rep.findings.insert(rep.findings.end(), round.findings.begin(), round.findings.end());
+            return;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50)); /* poll interval, bounded by the deadline */
+    }
 }
 
 } // namespace torture

@@ -19,6 +19,11 @@ int main(int argc, char **argv)
     app.add_option("--log", opt.log, "file that gets every request and its answer");
     app.add_option("--board", opt.board, "board whose daemon takes the requests (the master)");
     app.add_option("--points", points, "crash points CALL[:before|after] (default: the full list)")->delimiter(',');
+    app.add_option("--failover", opt.failover, "rounds in which the master board fails under the requests")
+        ->check(CLI::NonNegativeNumber);
+    app.add_option("--soak", opt.soakSeconds, "seconds of the soak mix (configuration, interface, VRF, LSM/PS, "
+                                              "switchover and board failure events) instead of crash points")
+        ->check(CLI::NonNegativeNumber);
     CLI11_PARSE(app, argc, argv);
     for (const std::string &t : points) {
         std::optional<torture::CrashPoint> p = torture::ParsePoint(t);
@@ -28,7 +33,7 @@ int main(int argc, char **argv)
         }
         opt.points.push_back(*p);
     }
-    if (opt.points.empty()) {
+    if (opt.points.empty() && opt.failover == 0) {
         opt.points = torture::DefaultPoints();
     }
     return torture::Run(opt);

@@ -22,6 +22,14 @@ int64_t MsSince(Clock::time_point t)
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count();
 }
 
+/* "CALL:before" for a crash point, "CALL KIND" for a failover round. */
+std::string Label(const CrashPoint &p)
+{
+    return p.kind.rfind("crash-", 0) == 0 ? p.call + ":" + p.kind.substr(6) : p.call + " " + p.kind;
+}
+
+} // namespace
+
 tc::Outcome<uint32_t> Send(tc::Client &c, const Request &r)
 {
     switch (r.op) {
@@ -38,14 +46,13 @@ tc::Outcome<uint32_t> Send(tc::Client &c, const Request &r)
     return tc::Fail("unknown request");
 }
 
-/* The request took effect: answered 0, or a delete answered "last bundle
- * deleted" (the bundle is gone all the same). */
+/* The request took effect: the bundle of a delete answered "last bundle
+ * deleted" is gone all the same. */
 bool Acknowledged(const Request &r, uint32_t result)
 {
     return result == TBDL_OK || (r.op == Request::Op::DELETE && result == TBDL_E_LAST_BND_DELETED);
 }
 
-/* The board's status entry, null when chassisd does not answer. */
 Json BoardStatus(tbdl::ctl::Client &ctl, int board)
 {
     tbdl::ctl::Answer a = ctl.Status();
@@ -60,7 +67,7 @@ Json BoardStatus(tbdl::ctl::Client &ctl, int board)
 /* A client of the board's daemon once it reported status 2 and answers a
  * display; nullopt after timeoutMs. A daemon that chassisd gave up on
  * (it died at start-up too often) is restarted. */
-std::optional<tc::Client> WaitServing(const Options &opt, tbdl::ctl::Client &ctl, int timeoutMs = 20000)
+std::optional<tc::Client> WaitServing(const Options &opt, tbdl::ctl::Client &ctl, int timeoutMs)
 {
     const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
     while (Clock::now() < deadline) {
@@ -77,6 +84,56 @@ std::optional<tc::Client> WaitServing(const Options &opt, tbdl::ctl::Client &ctl
     }
     return std::nullopt;
 }
+
+int WaitMaster(tbdl::ctl::Client &ctl, int notBoard, int timeoutMs)
+{
+    const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (Clock::now() < deadline) {
+        tbdl::ctl::Answer a = ctl.Role();
+        const int m = a ? a.reply.value("master", -1) : -1;
+        if (m >= 0 && m != notBoard) {
+            return m;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20)); /* poll interval, bounded by the deadline */
+    }
+    return -1;
+}
+
+bool SendAndBook(tc::Client &cfg, const Request &r, Facts &facts, PointReport &rep, std::ostream &log)
+{
+    rep.sent++;
+    tc::Outcome<uint32_t> got = Send(cfg, r);
+    log << Label(rep.point) << " " << Describe(r) << " -> "
+        << (got ? tc::ResultHex(*got) : "no answer: " + got.error()) << "\n";
+    if (!got) {
+        rep.lost++;
+        facts.Unknown(r);
+        return false;
+    }
+    Acknowledged(r, *got) ? (rep.acked++, facts.Acked(r)) : (void)rep.refused++;
+    return true;
+}
+
+bool SendFill(const Options &opt, tc::Client &cfg, Facts &facts, PointReport &rep, std::ostream &log)
+{
+    static const uint16_t kModes[] = {2, 4, 1}; /* 1:1, 1+1, load balancing */
+    std::vector<Request> fill;
+    for (uint32_t b = 1; b <= opt.bundles; b++) {
+        fill.push_back({Request::Op::CREATE, b, kModes[b % 3]});
+    }
+    for (uint32_t b = 1; b <= opt.bundles && 2 * b <= opt.tunnels; b++) {
+        fill.push_back({Request::Op::ADD_MEMB, b, 0, 2 * b - 1, 1, 0});
+        fill.push_back({Request::Op::ADD_MEMB, b, 0, 2 * b, 1, 1});
+    }
+    for (const Request &r : fill) {
+        if (!SendAndBook(cfg, r, facts, rep, log)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+namespace {
 
 /* Hits of the point's plan entry so far: one per crash. */
 int Hits(tbdl::ctl::Client &ctl, const Options &opt, const CrashPoint &p)
@@ -108,17 +165,9 @@ void RunPoint(const Options &opt, tbdl::ctl::Client &ctl, std::mt19937 &rng, Fac
         return;
     }
     for (int i = 0; i < opt.requests && cfg; i++) {
-        Request r = RandomRequest(rng, opt, facts);
-        rep.sent++;
-        tc::Outcome<uint32_t> got = Send(*cfg, r);
-        log << rep.point.call << ":" << rep.point.kind.substr(6) << " " << Describe(r) << " -> "
-            << (got ? tc::ResultHex(*got) : "no answer: " + got.error()) << "\n";
-        if (got) {
-            Acknowledged(r, *got) ? (rep.acked++, facts.Acked(r)) : (void)rep.refused++;
+        if (SendAndBook(*cfg, RandomRequest(rng, opt, facts), facts, rep, log)) {
             continue;
         }
-        rep.lost++;
-        facts.Unknown(r);
         const auto lostAt = Clock::now();
         cfg = WaitServing(opt, ctl);
         NoteRecovery(rep, lostAt);
@@ -156,12 +205,14 @@ void KeepNewFindings(PointReport &rep, std::set<std::string> &known)
     rep.findings = std::move(fresh);
 }
 
+} // namespace
+
 void PrintSummary(const std::vector<PointReport> &reps)
 {
     std::cout << std::left << std::setw(40) << "CRASH POINT" << std::setw(10) << "PATH" << "SENT ACKED REFUSED LOST "
               << "CRASHES RECOVERY_MS RESULT FINDINGS\n";
     for (const PointReport &r : reps) {
-        std::cout << std::left << std::setw(40) << r.point.call + ":" + r.point.kind.substr(6) << std::setw(10)
+        std::cout << std::left << std::setw(40) << Label(r.point) << std::setw(10)
                   << r.point.path << std::setw(5) << r.sent << std::setw(6) << r.acked << std::setw(8) << r.refused
                   << std::setw(5) << r.lost << std::setw(8) << r.crashes << std::setw(12) << r.recoveryMs
                   << std::setw(7) << (r.failures.empty() ? (r.crashes > 0 ? "ok" : "ok-not-reached") : "FAIL")
@@ -169,18 +220,19 @@ void PrintSummary(const std::vector<PointReport> &reps)
     }
     for (const PointReport &r : reps) {
         for (const std::string &f : r.failures) {
-            std::cout << "FAILURE " << r.point.call << ":" << r.point.kind.substr(6) << ": " << f << "\n";
+            std::cout << "FAILURE " << Label(r.point) << ": " << f << "\n";
         }
         for (const std::string &f : r.findings) {
-            std::cout << "FINDING " << r.point.call << ":" << r.point.kind.substr(6) << ": " << f << "\n";
+            std::cout << "FINDING " << Label(r.point) << ": " << f << "\n";
         }
     }
 }
 
-} // namespace
-
 int Run(const Options &opt)
 {
+    if (opt.soakSeconds > 0) {
+        return RunSoak(opt);
+    }
     tbdl::ctl::Client ctl(tbdl::plat::ChassisSocketPathOf(opt.dir));
     for (uint32_t t = 1; t <= opt.tunnels; t++) {
         ctl.IfAdd({"Tunnel" + std::to_string(t), 0u, false, std::string("up"), std::nullopt, {}}); /* may exist */
@@ -200,6 +252,7 @@ int Run(const Options &opt)
         RunPoint(opt, ctl, rng, facts, reps.back(), log);
         KeepNewFindings(reps.back(), known);
     }
+    RunFailover(opt, ctl, rng, facts, reps, log);
     PrintSummary(reps);
     size_t failed = 0;
     size_t findings = 0;
@@ -207,7 +260,7 @@ int Run(const Options &opt)
         failed += r.failures.empty() ? 0 : 1;
         findings += r.findings.size();
     }
-    std::cout << "torture: " << reps.size() << " crash points, " << failed << " failed, " << findings
+    std::cout << "torture: " << reps.size() << (opt.failover > 0 ? " rounds, " : " crash points, ") << failed << " failed, " << findings
               << " findings (seed " << opt.seed << ")\n";
     return failed == 0 ? 0 : 1;
 }

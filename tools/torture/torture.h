@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <ostream>
 #include <random>
 #include <string>
 #include <vector>
@@ -45,6 +46,8 @@ struct Options {
     uint32_t bundles = 6;
     std::vector<CrashPoint> points;
     std::string log; /* every request and its answer, one line each; "" = none */
+    int failover = 0;    /* rounds in which the master board fails under the stream */
+    int soakSeconds = 0; /* > 0: the soak mix instead of crash points */
 };
 
 /* One configuration request of the stream. */
@@ -70,6 +73,8 @@ class Facts {
 public:
     void Acked(const Request &r);
     void Unknown(const Request &r);
+    /* A VRF move of the bundle flushes its members. */
+    void MembersUnknown(uint32_t bnd) { Forget(bnd); }
     /* Facts that the shown signatures contradict. */
     std::vector<std::string> Broken(const std::map<std::string, std::string> &shown) const;
     /* Members acknowledged and not removed since: (bundle, tunnel). */
@@ -101,6 +106,40 @@ struct PointReport {
 
 /* Cross-checks of the daemon's tables after recovery. */
 void CheckTables(const Options &opt, tbdl::ctl::Client &ctl, tc::Client &cfg, const Facts &facts, PointReport &rep);
+/* CheckTables plus: LSM holds exactly the bundles with members and PS exactly
+ * the protection bundles with two members, as a full resynchronisation
+ * leaves them. Repeated until clean or timeoutMs (the download runs behind
+ * the display); the last round's result lands in rep. */
+void CheckSettled(const Options &opt, tbdl::ctl::Client &ctl, tc::Client &cfg, const Facts &facts, PointReport &rep,
+                  int timeoutMs = 15000);
+
+/* Shared by the crash, failover and soak runs. */
+tc::Outcome<uint32_t> Send(tc::Client &c, const Request &r);
+/* Answered 0, or a delete answered "last bundle deleted". */
+bool Acknowledged(const Request &r, uint32_t result);
+Json BoardStatus(tbdl::ctl::Client &ctl, int board); /* null when chassisd does not answer */
+std::optional<tc::Client> WaitServing(const Options &opt, tbdl::ctl::Client &ctl, int timeoutMs = 20000);
+/* The master board once it is not `not` (-1: any); -1 after timeoutMs. */
+int WaitMaster(tbdl::ctl::Client &ctl, int notBoard, int timeoutMs = 20000);
+/* The board serves again (status 2, state up), e.g. a recovered board as the standby. */
+bool WaitStandby(tbdl::ctl::Client &ctl, int board, int timeoutMs = 20000);
+void PrintSummary(const std::vector<PointReport> &reps);
+/* Sends the request, logs it and books the answer in rep and facts;
+ * false when no answer came (the daemon or its board went away). */
+bool SendAndBook(tc::Client &cfg, const Request &r, Facts &facts, PointReport &rep, std::ostream &log);
+
+/* Creates every bundle and gives the first ones a working and a protection
+ * member, so that LSM and PS have entries to lose; refusals (a bundle that
+ * exists, a hold after the last delete) are booked like any answer. False
+ * when an answer is lost. */
+bool SendFill(const Options &opt, tc::Client &cfg, Facts &facts, PointReport &rep, std::ostream &log);
+
+/* Rounds of --failover: the master fails while requests stream, then the
+ * new master is checked and the failed board recovered. */
+void RunFailover(const Options &opt, tbdl::ctl::Client &ctl, std::mt19937 &rng, Facts &facts,
+                 std::vector<PointReport> &reps, std::ostream &log);
+/* The soak mix for opt.soakSeconds; 0 when clean. */
+int RunSoak(const Options &opt);
 
 int Run(const Options &opt);
 

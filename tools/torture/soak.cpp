@@ -1,0 +1,288 @@
+/* The soak: for a set time, a random mix of configuration requests,
+ * interface state flips, VRF moves, LSM and PS restarts, switchovers and
+ * board failures against a running two-board chassis, with the resident
+ * memory of chassisd and of each board's daemon sampled every 10 s. At the
+ * end every board and service is brought back and the master's tables are
+ * checked as after a failover. Crashes (daemon restarts), memory that grows
+ * more than 5% after warm-up and failed checks fail the run. */
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <iomanip>
+#include <iostream>
+#include <set>
+
+#include "chassis_env.h"
+#include "torture.h"
+
+namespace torture {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kSampleEvery = std::chrono::seconds(10);
+constexpr auto kHaEventGap = std::chrono::seconds(4); /* switchovers and board events at most this often */
+constexpr double kRssGrowthLimit = 0.05;
+
+/* VmRSS of a process in kB, 0 when it is gone. */
+long RssKb(int pid)
+{
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    std::string key;
+    long kb = 0;
+    while (in >> key) {
+        if (key == "VmRSS:") {
+            in >> kb;
+            return kb;
+        }
+        in.ignore(4096, '\n');
+    }
+    return 0;
+}
+
+struct Sample {
+    double atS; /* seconds into the run */
+    long kb;
+};
+
+class Soak {
+public:
+    Soak(const Options &opt) : m_opt(opt), m_ctl(tbdl::plat::ChassisSocketPathOf(opt.dir)), m_rng(opt.seed)
+    {
+        m_rep.point = {"soak", std::to_string(opt.soakSeconds) + " s", "all"};
+    }
+    int Run(std::ostream &log);
+
+private:
+    void Step(std::ostream &log);
+    void Configure(std::ostream &log);
+    void FlipInterfaces();
+    void MoveVrf();
+    void ToggleService();
+    void HaEvent();
+    void SampleRss();
+    int Restarts();
+    void Restore();
+    bool MemoryFlat();
+
+    std::string Tunnel() { return "Tunnel" + std::to_string(Pick(1, m_opt.tunnels)); }
+    uint32_t Pick(uint32_t lo, uint32_t hi) { return std::uniform_int_distribution<uint32_t>(lo, hi)(m_rng); }
+    double Elapsed() const { return std::chrono::duration<double>(Clock::now() - m_start).count(); }
+    void Count(const std::string &what, const tbdl::ctl::Answer &a) { m_counts[what + (a ? "" : " refused")]++; }
+
+    Options m_opt;
+    tbdl::ctl::Client m_ctl;
+    std::mt19937 m_rng;
+    Facts m_facts;
+    PointReport m_rep;
+    std::optional<tc::Client> m_cfg;
+    int m_failed = -1;                     /* the board failed on purpose, -1 = none */
+    std::set<std::pair<std::string, int>> m_stopped; /* services stopped: (lsm|ps, board) */
+    std::map<std::string, int> m_counts;
+    std::map<std::string, std::vector<Sample>> m_rss; /* "board N pid P" / "chassisd pid P" */
+    Clock::time_point m_start = Clock::now();
+    Clock::time_point m_lastHa = Clock::now();
+};
+
+void Soak::Configure(std::ostream &log)
+{
+    if (!m_cfg) {
+        Options on = m_opt;
+        on.board = WaitMaster(m_ctl, -1);
+        m_cfg = on.board >= 0 ? WaitServing(on, m_ctl) : std::nullopt;
+        if (!m_cfg) {
+            m_rep.failures.push_back("no master serves at " + std::to_string(static_cast<int>(Elapsed())) + " s");
+            return;
+        }
+    }
+    const bool sent = Pick(0, 199) == 0 ? SendFill(m_opt, *m_cfg, m_facts, m_rep, log)
+                                        : SendAndBook(*m_cfg, RandomRequest(m_rng, m_opt, m_facts), m_facts, m_rep, log);
+    if (!sent) {
+        m_cfg.reset(); /* the master changed or its daemon went away: find it again */
+    }
+}
+
+/* One to three tunnels at once, all to the same state. */
+void Soak::FlipInterfaces()
+{
+    tbdl::ctl::IfChange c{Tunnel(), std::nullopt, false, Pick(0, 1) ? "up" : "down", std::nullopt, {}};
+    for (uint32_t n = Pick(0, 2); n > 0; n--) {
+        c.more.push_back(Tunnel());
+    }
+    Count("interface flips", m_ctl.IfSet(c));
+}
+
+void Soak::MoveVrf()
+{
+    const uint32_t bnd = Pick(1, m_opt.bundles);
+    const std::string name = "Tunnel-Bundle" + std::to_string(bnd);
+    m_facts.MembersUnknown(bnd);
+    Count("vrf moves", Pick(0, 2) ? m_ctl.VrfBind(name, Pick(1, 3)) : m_ctl.VrfUnbind(name));
+}
+
+void Soak::ToggleService()
+{
+    const std::pair<std::string, int> s{Pick(0, 1) ? "lsm" : "ps", static_cast<int>(Pick(0, 1))};
+    if (m_stopped.erase(s) != 0) {
+        Count(s.first + " starts", m_ctl.ServiceStart(s.first, s.second));
+    } else {
+        m_stopped.insert(s);
+        Count(s.first + " stops", m_ctl.ServiceStop(s.first, s.second));
+    }
+}
+
+/* A switchover, or a board failure, or the recovery of the failed board. */
+void Soak::HaEvent()
+{
+    m_lastHa = Clock::now();
+    m_cfg.reset();
+    if (m_failed >= 0) {
+        Count("board recoveries", m_ctl.BoardRecover(m_failed));
+        m_failed = -1;
+    } else if (Pick(0, 1)) {
+        Count("switchovers", m_ctl.Switchover());
+    } else if (tbdl::ctl::Answer r = m_ctl.Role(); r) {
+        m_failed = r.reply.value("master", -1);
+        Count("board failures", m_ctl.BoardFail(m_failed));
+    }
+}
+
+void Soak::Step(std::ostream &log)
+{
+    const uint32_t p = Pick(0, 19);
+    if (p < 12) {
+        Configure(log);
+    } else if (p < 15) {
+        FlipInterfaces();
+    } else if (p < 17) {
+        MoveVrf();
+    } else if (p < 19) {
+        ToggleService();
+    } else if (Clock::now() - m_lastHa >= kHaEventGap) {
+        HaEvent();
+    }
+}
+
+void Soak::SampleRss()
+{
+    tbdl::ctl::Answer st = m_ctl.Status();
+    if (!st) {
+        return;
+    }
+    const int cpid = st.reply.value("chassisd_pid", -1);
+    m_rss["chassisd pid " + std::to_string(cpid)].push_back({Elapsed(), RssKb(cpid)});
+    for (const Json &b : st.reply.value("boards", Json::array())) {
+        const int pid = b.value("pid", -1);
+        if (pid > 0) {
+            m_rss["board " + std::to_string(b.value("board", -1)) + " pid " + std::to_string(pid)].push_back(
+                {Elapsed(), RssKb(pid)});
+        }
+    }
+}
+
+int Soak::Restarts()
+{
+    int n = 0;
+    tbdl::ctl::Answer st = m_ctl.Status();
+    for (const Json &b : st ? st.reply.value("boards", Json::array()) : Json::array()) {
+        n += b.value("restarts", 0) + (b.value("state", "") == "failed" ? 1 : 0);
+    }
+    return n;
+}
+
+/* Every service started, the failed board back, both boards serving. */
+void Soak::Restore()
+{
+    for (const auto &[svc, board] : m_stopped) {
+        m_ctl.ServiceStart(svc, board);
+    }
+    if (m_failed >= 0) {
+        m_ctl.BoardRecover(m_failed);
+    }
+    for (int b = 0; b < 2; b++) {
+        if (!WaitStandby(m_ctl, b)) {
+            m_rep.failures.push_back("board " + std::to_string(b) + " does not serve at the end");
+        }
+    }
+}
+
+/* Per process: the first sample after warm-up (a third of the run, at
+ * least 20 s) against the last; a process must span two samples after it. */
+bool Soak::MemoryFlat()
+{
+    const double warmUp = std::max(20.0, m_opt.soakSeconds / 3.0);
+    bool flat = true;
+    std::cout << "RSS (kB, first after warm-up -> last)\n";
+    for (const auto &[who, samples] : m_rss) {
+        auto first = std::find_if(samples.begin(), samples.end(), [&](const Sample &s) { return s.atS >= warmUp; });
+        if (first == samples.end() || first == samples.end() - 1 || first->kb == 0 || samples.back().kb == 0) {
+            continue;
+        }
+        const double growth = double(samples.back().kb - first->kb) / double(first->kb);
+        const bool ok = growth <= kRssGrowthLimit;
+        flat = flat && ok;
+        std::cout << "  " << std::left << std::setw(22) << who << first->kb << " -> " << samples.back().kb << " ("
+                  << std::fixed << std::setprecision(1) << growth * 100 << "%)" << (ok ? "" : " GROWS") << "\n";
+    }
+    return flat;
+}
+
+int Soak::Run(std::ostream &log)
+{
+    for (uint32_t t = 1; t <= m_opt.tunnels; t++) {
+        m_ctl.IfAdd({"Tunnel" + std::to_string(t), 0u, false, std::string("up"), std::nullopt, {}}); /* may exist */
+    }
+    const int restartsBefore = Restarts();
+    const auto end = m_start + std::chrono::seconds(m_opt.soakSeconds);
+    auto nextSample = m_start;
+    while (Clock::now() < end && m_rep.failures.empty()) {
+        if (Clock::now() >= nextSample) {
+            SampleRss();
+            nextSample += kSampleEvery;
+        }
+        Step(log);
+    }
+    SampleRss();
+    Restore();
+    Options on = m_opt;
+    on.board = WaitMaster(m_ctl, -1);
+    std::optional<tc::Client> cfg = on.board >= 0 ? WaitServing(on, m_ctl) : std::nullopt;
+    if (cfg) {
+        CheckSettled(on, m_ctl, *cfg, m_facts, m_rep);
+    } else {
+        m_rep.failures.push_back("no master serves at the end");
+    }
+    const int crashes = Restarts() - restartsBefore;
+    std::cout << "soak actions:";
+    for (const auto &[what, n] : m_counts) {
+        std::cout << " " << what << " " << n << ";";
+    }
+    std::cout << "\n";
+    const bool flat = MemoryFlat();
+    std::cout << "requests: " << m_rep.sent << " sent, " << m_rep.acked << " acknowledged, " << m_rep.refused
+              << " refused, " << m_rep.lost << " lost\n";
+    for (const std::string &f : m_rep.failures) {
+        std::cout << "FAILURE " << f << "\n";
+    }
+    for (const std::string &f : m_rep.findings) {
+        std::cout << "FINDING " << f << "\n";
+    }
+    std::cout << "soak: " << m_opt.soakSeconds << " s, " << crashes << " crashes, " << m_rep.failures.size()
+              << " failed checks, memory " << (flat ? "flat" : "GROWS") << " (seed " << m_opt.seed << ")\n";
+    return crashes == 0 && m_rep.failures.empty() && flat ? 0 : 1;
+}
+
+} // namespace
+
+int RunSoak(const Options &opt)
+{
+    std::ofstream logFile;
+    if (!opt.log.empty()) {
+        logFile.open(opt.log);
+    }
+    std::ostream log(logFile.is_open() ? logFile.rdbuf() : nullptr);
+    return Soak(opt).Run(log);
+}
+
+} // namespace torture

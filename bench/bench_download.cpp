@@ -246,34 +246,16 @@ void ChangeLatency(Bench &bench, double pollUs)
 Options ParseOptions(int argc, char **argv)
 {
     Options opt;
-    opt.binDir = DefaultBinDir();
-    for (int i = 1; i < argc; i++) {
-        const std::string a = argv[i];
-        auto next = [&]() -> unsigned long {
-            if (i + 1 >= argc) {
-                Die("missing value after " + a);
-            }
-            return std::stoul(argv[++i]);
-        };
-        if (a == "--bin-dir" && i + 1 < argc) {
-            opt.binDir = argv[++i];
-        } else if (a == "--bundles") {
-            opt.bundles = static_cast<std::uint32_t>(next());
-        } else if (a == "--members") {
-            opt.members = static_cast<std::uint32_t>(next());
-        } else if (a == "--pairs") {
-            opt.pairs = static_cast<std::uint32_t>(std::max(1ul, next()));
-        } else if (a == "--resyncs") {
-            opt.resyncs = static_cast<int>(std::max(1ul, next()));
-        } else if (a == "--changes") {
-            opt.changes = static_cast<int>(next());
-        } else if (a == "--keep") {
-            opt.keep = true;
-        } else {
-            Die("usage: bench_download [--bin-dir DIR] [--bundles N] [--members N] [--pairs N] [--resyncs N] "
-                "[--changes N] [--keep]");
-        }
-    }
+    CLI::App app{"bench_download: times full resynchronisations and member changes reaching LSM and PS"};
+    AddCommonOptions(app, opt.binDir, opt.keep);
+    app.add_option("--bundles", opt.bundles, "load-balancing bundles")->capture_default_str();
+    app.add_option("--members", opt.members, "members of each load-balancing bundle")->capture_default_str();
+    app.add_option("--pairs", opt.pairs, "1:1 bundles of two members (at least 1)")->capture_default_str();
+    app.add_option("--resyncs", opt.resyncs, "stops and starts of each service (at least 1)")->capture_default_str();
+    app.add_option("--changes", opt.changes, "timed member changes")->capture_default_str();
+    ParseOrExit(app, argc, argv);
+    opt.pairs = std::max(1u, opt.pairs);
+    opt.resyncs = std::max(1, opt.resyncs);
     return opt;
 }
 

@@ -16,21 +16,18 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <future>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
+#include "bench_util.h"
 #include "ctl_client.h"
-#include "tbdl_client.h"
-#include "tbdl_errcode.h"
 
 namespace tc = tbdl::client;
-using Clock = std::chrono::steady_clock;
+using namespace tbdl::bench;
 using Json = nlohmann::json;
 
 namespace {
@@ -43,25 +40,7 @@ struct Options {
     bool keep = false;
 };
 
-std::function<void()> g_cleanup;
-
-[[noreturn]] void Die(const std::string &why)
-{
-    std::fprintf(stderr, "bench_ha: %s\n", why.c_str());
-    if (auto cleanup = std::move(g_cleanup)) {
-        g_cleanup = nullptr;
-        cleanup();
-    }
-    std::exit(1);
-}
-
 double Ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
-
-double Median(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    return v.empty() ? 0 : v[v.size() / 2];
-}
 
 class Chassis {
 public:
@@ -222,39 +201,16 @@ void Failover(const Chassis &ch)
                 from, to, answered, act, 100 * act / answered);
 }
 
-std::string DefaultBinDir()
-{
-    std::error_code ec;
-    std::filesystem::path exe = std::filesystem::read_symlink("/proc/self/exe", ec);
-    return ec ? "." : exe.parent_path().parent_path().string();
-}
-
 Options ParseOptions(int argc, char **argv)
 {
     Options opt;
-    opt.binDir = DefaultBinDir();
-    for (int i = 1; i < argc; i++) {
-        std::string a = argv[i];
-        auto next = [&]() -> std::string {
-            if (i + 1 >= argc) {
-                Die("missing value after " + a);
-            }
-            return argv[++i];
-        };
-        if (a == "--bin-dir") {
-            opt.binDir = next();
-        } else if (a == "--bundles") {
-            opt.bundles = static_cast<std::uint32_t>(std::stoul(next()));
-        } else if (a == "--members") {
-            opt.members = static_cast<std::uint32_t>(std::stoul(next()));
-        } else if (a == "--switchovers") {
-            opt.switchovers = std::max(1, std::stoi(next()));
-        } else if (a == "--keep") {
-            opt.keep = true;
-        } else {
-            Die("usage: bench_ha [--bin-dir DIR] [--bundles N] [--members N] [--switchovers N] [--keep]");
-        }
-    }
+    CLI::App app{"bench_ha: times planned switchovers and a master board failure on a two-board chassis"};
+    AddCommonOptions(app, opt.binDir, opt.keep);
+    app.add_option("--bundles", opt.bundles, "load-balancing bundles")->capture_default_str();
+    app.add_option("--members", opt.members, "members of each bundle")->capture_default_str();
+    app.add_option("--switchovers", opt.switchovers, "planned switchovers (at least 1)")->capture_default_str();
+    ParseOrExit(app, argc, argv);
+    opt.switchovers = std::max(1, opt.switchovers);
     return opt;
 }
 
@@ -262,6 +218,7 @@ Options ParseOptions(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
+    g_name = "bench_ha";
     const Options opt = ParseOptions(argc, argv);
     char tmpl[] = "/tmp/tbdl-bench-ha-XXXXXX";
     if (::mkdtemp(tmpl) == nullptr) {
@@ -300,8 +257,6 @@ int main(int argc, char **argv)
     }
     Switchovers(ch);
     Failover(ch);
-    auto cleanup = std::move(g_cleanup);
-    g_cleanup = nullptr;
-    cleanup();
+    CleanUp();
     return 0;
 }

@@ -320,36 +320,22 @@ void ChangeLatency(Bench &bench, double pollUs)
 Options ParseOptions(int argc, char **argv)
 {
     Options opt;
-    opt.binDir = DefaultBinDir();
-    for (int i = 1; i < argc; i++) {
-        const std::string a = argv[i];
-        auto next = [&]() -> std::uint32_t {
-            if (i + 1 >= argc) {
-                Die("missing value after " + a);
-            }
-            return static_cast<std::uint32_t>(std::max(1ul, std::stoul(argv[++i])));
-        };
-        if (a == "--bin-dir" && i + 1 < argc) {
-            opt.binDir = argv[++i];
-        } else if (a == "--bundles") {
-            opt.bundles = next();
-        } else if (a == "--members") {
-            opt.members = next();
-        } else if (a == "--burst") {
-            opt.burst = next();
-        } else if (a == "--pairs") {
-            opt.pairs = next();
-        } else if (a == "--rounds") {
-            opt.rounds = static_cast<int>(next());
-        } else if (a == "--changes") {
-            opt.changes = static_cast<int>(next());
-        } else if (a == "--keep") {
-            opt.keep = true;
-        } else {
-            Die("usage: bench_watch [--bin-dir DIR] [--bundles N] [--members N] [--burst N (at most about 4000 "
-                "names fit in one change)] [--pairs N] [--rounds N] [--changes N] [--keep]");
-        }
+    CLI::App app{"bench_watch: times interface events reaching the daemon, LSM and PS"};
+    AddCommonOptions(app, opt.binDir, opt.keep);
+    app.add_option("--bundles", opt.bundles, "load-balancing bundles")->capture_default_str();
+    app.add_option("--members", opt.members, "members of each load-balancing bundle")->capture_default_str();
+    app.add_option("--burst", opt.burst, "interfaces per state change sent (at most about 4000 names fit in one)")
+        ->capture_default_str();
+    app.add_option("--pairs", opt.pairs, "1:1 bundles of two members")->capture_default_str();
+    app.add_option("--rounds", opt.rounds, "rounds flipping every load-balancing member")->capture_default_str();
+    app.add_option("--changes", opt.changes, "timed member state changes")->capture_default_str();
+    ParseOrExit(app, argc, argv);
+    /* Every count is at least one. */
+    for (std::uint32_t *n : {&opt.bundles, &opt.members, &opt.burst, &opt.pairs}) {
+        *n = std::max(1u, *n);
     }
+    opt.rounds = std::max(1, opt.rounds);
+    opt.changes = std::max(1, opt.changes);
     return opt;
 }
 

@@ -38,8 +38,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "bench_util.h"
-#include "ctl_client.h"
+#include "bench_chassis.h"
 #include "dbm_store.h"
 
 namespace tc = tbdl::client;
@@ -258,14 +257,9 @@ public:
     void Start()
     {
         /* One board: no HA backups in these figures. */
-        if (Run(Ctl("start --chassisd " + m_opt.binDir + "/platform/chassisd --daemon " + m_opt.binDir +
-                    "/daemon/tbdld --boards 0")) != 0) {
-            Die("the chassis did not start");
-        }
+        StartChassis(m_opt.binDir, m_dir, "--boards 0", m_opt.keep);
         WaitAnswers();
     }
-
-    void Stop() { Run(Ctl("stop")); }
 
     pid_t DaemonPid() const
     {
@@ -281,44 +275,16 @@ public:
         Die("no board 0");
     }
 
-    /* Polls until board 0's configuration socket answers a display. */
-    Clock::time_point WaitAnswers()
-    {
-        const Clock::time_point deadline = Clock::now() + std::chrono::seconds(120);
-        while (Clock::now() < deadline) {
-            tc::Outcome<tc::Client> c = tc::Client::Connect(m_dir, 0, 1000);
-            if (c) {
-                tc::Outcome<tc::Shown<tc::Limits>> l = c->GetLimits();
-                if (l && l->uiResult == TBDL_OK) {
-                    return Clock::now();
-                }
-            }
-            ::poll(nullptr, 0, 1);
-        }
-        Die("the configuration socket does not answer");
-    }
+    Clock::time_point WaitAnswers() const { return tbdl::bench::WaitAnswers(m_dir, 0); }
 
-    tc::Client Connect() const
-    {
-        tc::Outcome<tc::Client> c = tc::Client::Connect(m_dir, 0, 10000);
-        if (!c) {
-            Die(c.error());
-        }
-        return std::move(*c);
-    }
+    tc::Client Connect() const { return ConnectBoard(m_dir, 0, 10000); }
 
     /* Interfaces through the chassis's control socket, without a process
      * per interface. */
     void AddTunnel(std::uint32_t n) const
     {
-        tbdl::ctl::IfChange change;
-        change.name = "Tunnel" + std::to_string(n);
-        change.mode = 0;
-        change.state = "up";
-        tbdl::ctl::Answer a = Control().IfAdd(change);
-        if (!a) {
-            Die("cannot add " + change.name + ": " + a.error);
-        }
+        tbdl::ctl::Client ctl = Control();
+        tbdl::bench::AddTunnel(ctl, n);
     }
 
     tbdl::ctl::Client Control() const { return tbdl::ctl::Client(m_dir + "/chassisd.sock"); }
@@ -547,13 +513,6 @@ int main(int argc, char **argv)
     const double echoUs = fig.echoUs;
 
     Bench bench(opt, dir);
-    g_cleanup = [&bench, &opt, &dir] {
-        bench.Stop();
-        if (!opt.keep) {
-            std::error_code ec;
-            std::filesystem::remove_all(dir, ec);
-        }
-    };
     bench.Start();
     tc::Client client = bench.Connect();
     const pid_t pid0 = bench.DaemonPid();

@@ -16,15 +16,13 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
 #include <future>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
-#include "bench_util.h"
-#include "ctl_client.h"
+#include "bench_chassis.h"
 
 namespace tc = tbdl::client;
 using namespace tbdl::bench;
@@ -48,16 +46,7 @@ public:
 
     void Start() const
     {
-        std::string cmd = m_opt.binDir + "/tools/chassisctl --dir " + m_dir + " start --chassisd " + m_opt.binDir +
-                          "/platform/chassisd --daemon " + m_opt.binDir +
-                          "/daemon/tbdld --boards 0,1 --ha-response-ms 60000 >/dev/null";
-        if (std::system(cmd.c_str()) != 0) {
-            Die("the chassis did not start");
-        }
-    }
-    void Stop() const
-    {
-        (void)!std::system((m_opt.binDir + "/tools/chassisctl --dir " + m_dir + " stop >/dev/null").c_str());
+        StartChassis(m_opt.binDir, m_dir, "--boards 0,1 --ha-response-ms 60000", m_opt.keep);
     }
 
     tbdl::ctl::Client Control(int timeoutMs = 60000) const
@@ -65,55 +54,28 @@ public:
         return tbdl::ctl::Client(m_dir + "/chassisd.sock", timeoutMs);
     }
 
-    Json Expect(const tbdl::ctl::Answer &a, const char *what) const
-    {
-        if (!a) {
-            Die(std::string(what) + ": " + a.error);
-        }
-        return a.reply;
-    }
-
-    /* Polls until the board's configuration socket answers a display. */
-    Clock::time_point WaitAnswers(int board) const
-    {
-        const Clock::time_point deadline = Clock::now() + std::chrono::seconds(120);
-        while (Clock::now() < deadline) {
-            tc::Outcome<tc::Client> c = tc::Client::Connect(m_dir, board, 1000);
-            if (c) {
-                tc::Outcome<tc::Shown<tc::Limits>> l = c->GetLimits();
-                if (l && l->uiResult == TBDL_OK) {
-                    return Clock::now();
-                }
-            }
-            ::poll(nullptr, 0, 1);
-        }
-        Die("board " + std::to_string(board) + "'s configuration socket does not answer");
-    }
+    Clock::time_point WaitAnswers(int board) const { return tbdl::bench::WaitAnswers(m_dir, board); }
 
     tc::Client Connect(int board) const
     {
         WaitAnswers(board);
-        tc::Outcome<tc::Client> c = tc::Client::Connect(m_dir, board, 10000);
-        if (!c) {
-            Die(c.error());
-        }
-        return std::move(*c);
+        return ConnectBoard(m_dir, board, 10000);
     }
 
-    int Master() const { return Expect(Control().Status(), "status").value("master_board", -1); }
+    int Master() const { return Reply(Control().Status(), "status").value("master_board", -1); }
 
     /* Member adds the board's kernel table holds. */
     std::size_t KernelMembers(int board) const
     {
         std::size_t n = 0;
-        const Json table = Expect(Control().Dump("ktbdl", board), "dump ktbdl");
+        const Json table = Reply(Control().Dump("ktbdl", board), "dump ktbdl");
         for (const Json &b : table["bundles"]) {
             n += b["members"].size();
         }
         return n;
     }
 
-    Json Ha() const { return Expect(Control().Dump("ha"), "dump ha"); }
+    Json Ha() const { return Reply(Control().Dump("ha"), "dump ha"); }
 
     const Options &opt() const { return m_opt; }
 
@@ -125,12 +87,9 @@ private:
 void Populate(const Chassis &ch, tc::Client &client)
 {
     const std::uint32_t n = ch.opt().bundles, m = ch.opt().members;
+    tbdl::ctl::Client ctl = ch.Control();
     for (std::uint32_t t = 0; t < n * m; t++) {
-        tbdl::ctl::IfChange change;
-        change.name = "Tunnel" + std::to_string(t + 1);
-        change.mode = 0;
-        change.state = "up";
-        ch.Expect(ch.Control().IfAdd(change), "if add");
+        AddTunnel(ctl, t + 1);
     }
     for (std::uint32_t b = 0; b < n; b++) {
         tc::Outcome<std::uint32_t> r = client.CreateBundle(b, TBDL_MODE_LOADBALANCING, 0);
@@ -164,7 +123,7 @@ void Switchovers(const Chassis &ch)
         const Clock::time_point t0 = Clock::now();
         auto reply = std::async(std::launch::async, [&ch] { return ch.Control().Switchover(); });
         const double answered = Ms(ch.WaitAnswers(to) - t0);
-        const Json steps = ch.Expect(reply.get(), "switchover")["steps"];
+        const Json steps = Reply(reply.get(), "switchover")["steps"];
         const std::string b1 = "board " + std::to_string(to);
         const double ev2 = StepMs(steps, "event 2 to"), ev1 = StepMs(steps, "event 1 to");
         answer.push_back(answered);
@@ -187,7 +146,7 @@ void Failover(const Chassis &ch)
 {
     const int from = ch.Master(), to = 1 - from;
     const Clock::time_point t0 = Clock::now();
-    ch.Expect(ch.Control().BoardFail(from), "board fail");
+    Reply(ch.Control().BoardFail(from), "board fail");
     const double answered = Ms(ch.WaitAnswers(to) - t0);
     Json steps;
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(120);
@@ -226,13 +185,6 @@ int main(int argc, char **argv)
     }
     const std::string dir = tmpl;
     Chassis ch(opt, dir);
-    g_cleanup = [&ch, &opt, &dir] {
-        ch.Stop();
-        if (!opt.keep) {
-            std::error_code ec;
-            std::filesystem::remove_all(dir, ec);
-        }
-    };
     std::printf("bench_ha: build %s, chassis %s, %u bundles x %u members\n", opt.binDir.c_str(), dir.c_str(),
                 opt.bundles, opt.members);
     ch.Start();

@@ -38,13 +38,11 @@
 
 #include <nlohmann/json.hpp>
 
-#include "ctl_client.h"
+#include "bench_chassis.h"
 #include "dbm_store.h"
-#include "tbdl_client.h"
-#include "tbdl_errcode.h"
 
 namespace tc = tbdl::client;
-using Clock = std::chrono::steady_clock;
+using namespace tbdl::bench;
 
 namespace {
 
@@ -60,64 +58,6 @@ struct Options {
     std::string testTime = "n/a";
     bool keep = false;
 };
-
-/* Stops the chassis and removes its directory; set once the chassis runs. */
-std::function<void()> g_cleanup;
-
-[[noreturn]] void Die(const std::string &why)
-{
-    std::fprintf(stderr, "bench_config: %s\n", why.c_str());
-    if (g_cleanup) {
-        std::function<void()> cleanup = std::move(g_cleanup);
-        g_cleanup = nullptr;
-        cleanup();
-    }
-    std::exit(1);
-}
-
-double Micros(Clock::duration d)
-{
-    return std::chrono::duration<double, std::micro>(d).count();
-}
-
-double Median(std::vector<double> v)
-{
-    if (v.empty()) {
-        return 0;
-    }
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
-
-double Percentile(std::vector<double> v, double p)
-{
-    if (v.empty()) {
-        return 0;
-    }
-    std::sort(v.begin(), v.end());
-    return v[std::min(v.size() - 1, static_cast<std::size_t>(p * static_cast<double>(v.size())))];
-}
-
-/* Runs a command line, returns its exit status; its output is shown only
- * when it fails. */
-int Run(const std::string &cmd)
-{
-    std::string out;
-    FILE *p = ::popen((cmd + " 2>&1").c_str(), "r");
-    if (p == nullptr) {
-        return -1;
-    }
-    char buf[512];
-    while (std::fgets(buf, sizeof(buf), p) != nullptr) {
-        out += buf;
-    }
-    int status = ::pclose(p);
-    int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    if (code != 0) {
-        std::fprintf(stderr, "%s\n%s", cmd.c_str(), out.c_str());
-    }
-    return code;
-}
 
 /* /proc/<pid>/stat fields after the command name: index 0 is field 3. */
 std::vector<std::string> StatFields(pid_t pid)
@@ -317,14 +257,9 @@ public:
     void Start()
     {
         /* One board: no HA backups in these figures. */
-        if (Run(Ctl("start --chassisd " + m_opt.binDir + "/platform/chassisd --daemon " + m_opt.binDir +
-                    "/daemon/tbdld --boards 0")) != 0) {
-            Die("the chassis did not start");
-        }
+        StartChassis(m_opt.binDir, m_dir, "--boards 0", m_opt.keep);
         WaitAnswers();
     }
-
-    void Stop() { Run(Ctl("stop")); }
 
     pid_t DaemonPid() const
     {
@@ -340,44 +275,16 @@ public:
         Die("no board 0");
     }
 
-    /* Polls until board 0's configuration socket answers a display. */
-    Clock::time_point WaitAnswers()
-    {
-        const Clock::time_point deadline = Clock::now() + std::chrono::seconds(120);
-        while (Clock::now() < deadline) {
-            tc::Outcome<tc::Client> c = tc::Client::Connect(m_dir, 0, 1000);
-            if (c) {
-                tc::Outcome<tc::Shown<tc::Limits>> l = c->GetLimits();
-                if (l && l->uiResult == TBDL_OK) {
-                    return Clock::now();
-                }
-            }
-            ::poll(nullptr, 0, 1);
-        }
-        Die("the configuration socket does not answer");
-    }
+    Clock::time_point WaitAnswers() const { return tbdl::bench::WaitAnswers(m_dir, 0); }
 
-    tc::Client Connect() const
-    {
-        tc::Outcome<tc::Client> c = tc::Client::Connect(m_dir, 0, 10000);
-        if (!c) {
-            Die(c.error());
-        }
-        return std::move(*c);
-    }
+    tc::Client Connect() const { return ConnectBoard(m_dir, 0, 10000); }
 
     /* Interfaces through the chassis's control socket, without a process
      * per interface. */
     void AddTunnel(std::uint32_t n) const
     {
-        tbdl::ctl::IfChange change;
-        change.name = "Tunnel" + std::to_string(n);
-        change.mode = 0;
-        change.state = "up";
-        tbdl::ctl::Answer a = Control().IfAdd(change);
-        if (!a) {
-            Die("cannot add " + change.name + ": " + a.error);
-        }
+        tbdl::ctl::Client ctl = Control();
+        tbdl::bench::AddTunnel(ctl, n);
     }
 
     tbdl::ctl::Client Control() const { return tbdl::ctl::Client(m_dir + "/chassisd.sock"); }
@@ -404,16 +311,6 @@ private:
     Options m_opt;
     std::string m_dir;
 };
-
-void Expect(const tc::Outcome<std::uint32_t> &r, std::uint32_t want, const char *what)
-{
-    if (!r) {
-        Die(std::string(what) + ": " + r.error());
-    }
-    if (*r != want) {
-        Die(std::string(what) + ": " + tc::DescribeResult(*r));
-    }
-}
 
 struct PairFigures {
     double medianUs = 0;
@@ -497,50 +394,20 @@ Idle IdleOver(pid_t pid, int seconds)
     return {switches() - s0, SchedStat(pid).second - r0};
 }
 
-std::string DefaultBinDir()
-{
-    std::error_code ec;
-    std::filesystem::path exe = std::filesystem::read_symlink("/proc/self/exe", ec);
-    return ec ? "." : exe.parent_path().parent_path().string();
-}
-
 Options ParseOptions(int argc, char **argv)
 {
     Options opt;
-    opt.binDir = DefaultBinDir();
-    for (int i = 1; i < argc; i++) {
-        std::string a = argv[i];
-        auto next = [&]() -> std::string {
-            if (i + 1 >= argc) {
-                Die("missing value after " + a);
-            }
-            return argv[++i];
-        };
-        if (a == "--bin-dir") {
-            opt.binDir = next();
-        } else if (a == "--pairs") {
-            opt.pairs = std::stoi(next());
-        } else if (a == "--echo") {
-            opt.echoTrips = std::stoi(next());
-        } else if (a == "--bundles") {
-            opt.bundles = static_cast<std::uint32_t>(std::stoul(next()));
-        } else if (a == "--members") {
-            opt.members = static_cast<std::uint32_t>(std::stoul(next()));
-        } else if (a == "--interleaved") {
-            opt.interleaved = std::stoi(next());
-        } else if (a == "--counted") {
-            opt.counted = std::stoi(next());
-        } else if (a == "--idle") {
-            opt.idleSeconds = std::stoi(next());
-        } else if (a == "--test-time") {
-            opt.testTime = next();
-        } else if (a == "--keep") {
-            opt.keep = true;
-        } else {
-            Die("usage: bench_config [--bin-dir DIR] [--pairs N] [--echo N] [--bundles N] [--members N]"
-                " [--interleaved N] [--counted N] [--idle S] [--test-time TEXT] [--keep]");
-        }
-    }
+    CLI::App app{"bench_config: times the configuration path, restart, recovery and idle daemon"};
+    AddCommonOptions(app, opt.binDir, opt.keep);
+    app.add_option("--pairs", opt.pairs, "timed create+delete and bind+unbind pairs")->capture_default_str();
+    app.add_option("--echo", opt.echoTrips, "timed echo round trips")->capture_default_str();
+    app.add_option("--bundles", opt.bundles, "bundles stored for the restart")->capture_default_str();
+    app.add_option("--members", opt.members, "members of each stored bundle")->capture_default_str();
+    app.add_option("--interleaved", opt.interleaved, "requests timed in turn with the baseline")->capture_default_str();
+    app.add_option("--counted", opt.counted, "requests whose chassis round trips are counted")->capture_default_str();
+    app.add_option("--idle", opt.idleSeconds, "seconds the idle daemon is watched")->capture_default_str();
+    app.add_option("--test-time", opt.testTime, "test suite time shown in the closing table")->capture_default_str();
+    ParseOrExit(app, argc, argv);
     return opt;
 }
 
@@ -599,10 +466,10 @@ void PrintTable(const Figures &f, const Options &opt)
  * must exist, bundle 1 must not, Tunnel1 must be free. */
 void CountRequests(const Bench &bench, tc::Client &client, int n, Figures &f)
 {
-    auto create = [&] { Expect(client.CreateBundle(1, TBDL_MODE_LOADBALANCING, 0), TBDL_OK, "create"); };
-    auto del = [&] { Expect(client.DeleteBundle(1), TBDL_OK, "delete"); };
-    auto bind = [&] { Expect(client.AddMember(0, {1, 1, 0}), TBDL_OK, "bind"); };
-    auto unbind = [&] { Expect(client.RemoveMember(0, 1), TBDL_OK, "unbind"); };
+    auto create = [&] { Expect(client.CreateBundle(1, TBDL_MODE_LOADBALANCING, 0), "create"); };
+    auto del = [&] { Expect(client.DeleteBundle(1), "delete"); };
+    auto bind = [&] { Expect(client.AddMember(0, {1, 1, 0}), "bind"); };
+    auto unbind = [&] { Expect(client.RemoveMember(0, 1), "unbind"); };
     f.tripsCreate = CallsPerRequest(bench, n, create, del);
     create();
     f.tripsDelete = CallsPerRequest(bench, n, del, create);
@@ -615,6 +482,7 @@ void CountRequests(const Bench &bench, tc::Client &client, int n, Figures &f)
 
 int main(int argc, char **argv)
 {
+    g_name = "bench_config";
     const Options opt = ParseOptions(argc, argv);
     char tmpl[] = "/tmp/tbdl-bench-XXXXXX";
     if (::mkdtemp(tmpl) == nullptr) {
@@ -645,28 +513,21 @@ int main(int argc, char **argv)
     const double echoUs = fig.echoUs;
 
     Bench bench(opt, dir);
-    g_cleanup = [&bench, &opt, &dir] {
-        bench.Stop();
-        if (!opt.keep) {
-            std::error_code ec;
-            std::filesystem::remove_all(dir, ec);
-        }
-    };
     bench.Start();
     tc::Client client = bench.Connect();
     const pid_t pid0 = bench.DaemonPid();
     fig.rssEmpty = StatusKb(pid0, "VmRSS:");
 
     /* Bundle 0 stays, so that deleting bundle 1 never starts the hold. */
-    Expect(client.CreateBundle(0, TBDL_MODE_LOADBALANCING, 0), TBDL_OK, "create keeper bundle");
+    Expect(client.CreateBundle(0, TBDL_MODE_LOADBALANCING, 0), "create keeper bundle");
     PairFigures bnd = TimePairs(bench, client, opt.pairs, [](tc::Client &c) {
-        Expect(c.CreateBundle(1, TBDL_MODE_LOADBALANCING, 0), TBDL_OK, "create");
-        Expect(c.DeleteBundle(1), TBDL_OK, "delete");
+        Expect(c.CreateBundle(1, TBDL_MODE_LOADBALANCING, 0), "create");
+        Expect(c.DeleteBundle(1), "delete");
     });
     bench.AddTunnel(1);
     PairFigures memb = TimePairs(bench, client, opt.pairs, [](tc::Client &c) {
-        Expect(c.AddMember(0, {1, 1, 0}), TBDL_OK, "bind");
-        Expect(c.RemoveMember(0, 1), TBDL_OK, "unbind");
+        Expect(c.AddMember(0, {1, 1, 0}), "bind");
+        Expect(c.RemoveMember(0, 1), "unbind");
     });
     fig.cpuCreateUs = bnd.cpuUsPerRequest;
     fig.cpuBindUs = memb.cpuUsPerRequest;
@@ -685,15 +546,15 @@ int main(int argc, char **argv)
     std::tie(fig.createUs, fig.createBaseUs) = Interleaved(
         opt.interleaved,
         [&] {
-            return TimedMicros([&] { Expect(client.CreateBundle(1, TBDL_MODE_LOADBALANCING, 0), TBDL_OK, "create"); },
-                               [&] { Expect(client.DeleteBundle(1), TBDL_OK, "delete"); });
+            return TimedMicros([&] { Expect(client.CreateBundle(1, TBDL_MODE_LOADBALANCING, 0), "create"); },
+                               [&] { Expect(client.DeleteBundle(1), "delete"); });
         },
         baseline);
     std::tie(fig.bindUs, fig.bindBaseUs) = Interleaved(
         opt.interleaved,
         [&] {
-            return TimedMicros([&] { Expect(client.AddMember(0, {1, 1, 0}), TBDL_OK, "bind"); },
-                               [&] { Expect(client.RemoveMember(0, 1), TBDL_OK, "unbind"); });
+            return TimedMicros([&] { Expect(client.AddMember(0, {1, 1, 0}), "bind"); },
+                               [&] { Expect(client.RemoveMember(0, 1), "unbind"); });
         },
         baseline);
     std::printf("create, interleaved with echo + commit, median %d : %8.1f us vs %.1f us\n", opt.interleaved,
@@ -715,11 +576,11 @@ int main(int argc, char **argv)
     for (std::uint32_t b = 0; b < opt.bundles; b++) {
         const std::string where = "seeding bundle " + std::to_string(b);
         if (b != 0) {
-            Expect(client.CreateBundle(b, TBDL_MODE_LOADBALANCING, 0), TBDL_OK, where.c_str());
+            Expect(client.CreateBundle(b, TBDL_MODE_LOADBALANCING, 0), where);
         }
         for (std::uint32_t m = 0; m < opt.members; m++) {
             const tc::MembOp memb{firstTnl + b * opt.members + m, static_cast<std::uint16_t>(m + 1), 0};
-            Expect(client.AddMember(b, memb), TBDL_OK, (where + ", member Tunnel" + std::to_string(memb.uiTnlNum)).c_str());
+            Expect(client.AddMember(b, memb), where + ", member Tunnel" + std::to_string(memb.uiTnlNum));
         }
     }
     Clock::time_point s2 = Clock::now();
@@ -800,9 +661,6 @@ int main(int argc, char **argv)
                 fig.idle.switches, fig.idle.runs);
     std::printf("planned switchover: see bench_ha\n");
     PrintTable(fig, opt);
-
-    std::function<void()> cleanup = std::move(g_cleanup);
-    g_cleanup = nullptr;
-    cleanup();
+    CleanUp();
     return 0;
 }

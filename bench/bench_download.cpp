@@ -18,8 +18,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <functional>
 #include <optional>
 #include <string>
@@ -27,8 +25,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "bench_util.h"
-#include "ctl_client.h"
+#include "bench_chassis.h"
 
 namespace tc = tbdl::client;
 using namespace tbdl::bench;
@@ -60,23 +57,8 @@ public:
     void Start()
     {
         const std::uint32_t slots = std::max<std::uint32_t>(1024, m_opt.bundles + m_opt.pairs);
-        const std::string ctl = m_opt.binDir + "/tools/chassisctl --dir " + m_dir;
-        if (Run(ctl + " start --chassisd " + m_opt.binDir + "/platform/chassisd --daemon " + m_opt.binDir +
-                "/daemon/tbdld --bundle-slots " + std::to_string(slots)) != 0) {
-            Die("the chassis did not start");
-        }
-        g_cleanup = [this, ctl] {
-            Run(ctl + " stop");
-            if (!m_opt.keep) {
-                std::error_code ec;
-                std::filesystem::remove_all(m_dir, ec);
-            }
-        };
-        tc::Outcome<tc::Client> c = tc::Client::Connect(m_dir, 0, 10000);
-        if (!c) {
-            Die(c.error());
-        }
-        m_client.emplace(std::move(*c));
+        StartChassis(m_opt.binDir, m_dir, "--bundle-slots " + std::to_string(slots), m_opt.keep);
+        m_client.emplace(ConnectBoard(m_dir, 0, 10000));
     }
 
     tc::Client &Client() { return *m_client; }
@@ -103,36 +85,10 @@ public:
         return Clock::now();
     }
 
-    void AddTunnel(std::uint32_t n)
-    {
-        tbdl::ctl::IfChange change;
-        change.name = "Tunnel" + std::to_string(n);
-        change.mode = 0;
-        change.state = "up";
-        tbdl::ctl::Answer a = m_ctl.IfAdd(change);
-        if (!a) {
-            Die("cannot add " + change.name + ": " + a.error);
-        }
-    }
-
-    /* Bundles 0..N-1 load balancing with M members, N..N+P-1 one-to-one
-     * with a working (role 0) and a protection (role 1) member. */
+    /* The seeded table (see SeedTable), once LSM and PS hold all of it. */
     void Seed()
     {
-        const std::uint32_t tunnels = m_opt.bundles * m_opt.members + 2 * m_opt.pairs;
-        for (std::uint32_t t = 0; t < tunnels; t++) {
-            AddTunnel(kFirstTunnel + t);
-        }
-        std::uint32_t tnl = kFirstTunnel;
-        for (std::uint32_t b = 0; b < m_opt.bundles + m_opt.pairs; b++) {
-            const bool lb = b < m_opt.bundles;
-            const std::string where = "seeding bundle " + std::to_string(b);
-            Expect(m_client->CreateBundle(b, lb ? TBDL_MODE_LOADBALANCING : TBDL_MODE_ONETOONE, 0), where);
-            for (std::uint32_t m = 0; m < (lb ? m_opt.members : 2); m++) {
-                Expect(m_client->AddMember(b, {tnl++, static_cast<std::uint16_t>(m + 1), static_cast<std::uint8_t>(lb ? 0 : m)}),
-                       where);
-            }
-        }
+        SeedTable(m_ctl, *m_client, kFirstTunnel, m_opt.bundles, m_opt.members, m_opt.pairs);
         WaitCounters("lsm", [&](const Json &j) { return j["entry_count"] == m_opt.bundles + m_opt.pairs; });
         WaitCounters("ps", [&](const Json &j) { return j["bundle_count"] == m_opt.pairs; });
     }
@@ -246,34 +202,16 @@ void ChangeLatency(Bench &bench, double pollUs)
 Options ParseOptions(int argc, char **argv)
 {
     Options opt;
-    opt.binDir = DefaultBinDir();
-    for (int i = 1; i < argc; i++) {
-        const std::string a = argv[i];
-        auto next = [&]() -> unsigned long {
-            if (i + 1 >= argc) {
-                Die("missing value after " + a);
-            }
-            return std::stoul(argv[++i]);
-        };
-        if (a == "--bin-dir" && i + 1 < argc) {
-            opt.binDir = argv[++i];
-        } else if (a == "--bundles") {
-            opt.bundles = static_cast<std::uint32_t>(next());
-        } else if (a == "--members") {
-            opt.members = static_cast<std::uint32_t>(next());
-        } else if (a == "--pairs") {
-            opt.pairs = static_cast<std::uint32_t>(std::max(1ul, next()));
-        } else if (a == "--resyncs") {
-            opt.resyncs = static_cast<int>(std::max(1ul, next()));
-        } else if (a == "--changes") {
-            opt.changes = static_cast<int>(next());
-        } else if (a == "--keep") {
-            opt.keep = true;
-        } else {
-            Die("usage: bench_download [--bin-dir DIR] [--bundles N] [--members N] [--pairs N] [--resyncs N] "
-                "[--changes N] [--keep]");
-        }
-    }
+    CLI::App app{"bench_download: times full resynchronisations and member changes reaching LSM and PS"};
+    AddCommonOptions(app, opt.binDir, opt.keep);
+    app.add_option("--bundles", opt.bundles, "load-balancing bundles")->capture_default_str();
+    app.add_option("--members", opt.members, "members of each load-balancing bundle")->capture_default_str();
+    app.add_option("--pairs", opt.pairs, "1:1 bundles of two members (at least 1)")->capture_default_str();
+    app.add_option("--resyncs", opt.resyncs, "stops and starts of each service (at least 1)")->capture_default_str();
+    app.add_option("--changes", opt.changes, "timed member changes")->capture_default_str();
+    ParseOrExit(app, argc, argv);
+    opt.pairs = std::max(1u, opt.pairs);
+    opt.resyncs = std::max(1, opt.resyncs);
     return opt;
 }
 

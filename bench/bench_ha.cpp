@@ -16,21 +16,16 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <functional>
 #include <future>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
-#include "ctl_client.h"
-#include "tbdl_client.h"
-#include "tbdl_errcode.h"
+#include "bench_chassis.h"
 
 namespace tc = tbdl::client;
-using Clock = std::chrono::steady_clock;
+using namespace tbdl::bench;
 using Json = nlohmann::json;
 
 namespace {
@@ -43,25 +38,7 @@ struct Options {
     bool keep = false;
 };
 
-std::function<void()> g_cleanup;
-
-[[noreturn]] void Die(const std::string &why)
-{
-    std::fprintf(stderr, "bench_ha: %s\n", why.c_str());
-    if (auto cleanup = std::move(g_cleanup)) {
-        g_cleanup = nullptr;
-        cleanup();
-    }
-    std::exit(1);
-}
-
 double Ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
-
-double Median(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    return v.empty() ? 0 : v[v.size() / 2];
-}
 
 class Chassis {
 public:
@@ -69,16 +46,7 @@ public:
 
     void Start() const
     {
-        std::string cmd = m_opt.binDir + "/tools/chassisctl --dir " + m_dir + " start --chassisd " + m_opt.binDir +
-                          "/platform/chassisd --daemon " + m_opt.binDir +
-                          "/daemon/tbdld --boards 0,1 --ha-response-ms 60000 >/dev/null";
-        if (std::system(cmd.c_str()) != 0) {
-            Die("the chassis did not start");
-        }
-    }
-    void Stop() const
-    {
-        (void)!std::system((m_opt.binDir + "/tools/chassisctl --dir " + m_dir + " stop >/dev/null").c_str());
+        StartChassis(m_opt.binDir, m_dir, "--boards 0,1 --ha-response-ms 60000", m_opt.keep);
     }
 
     tbdl::ctl::Client Control(int timeoutMs = 60000) const
@@ -86,55 +54,28 @@ public:
         return tbdl::ctl::Client(m_dir + "/chassisd.sock", timeoutMs);
     }
 
-    Json Expect(const tbdl::ctl::Answer &a, const char *what) const
-    {
-        if (!a) {
-            Die(std::string(what) + ": " + a.error);
-        }
-        return a.reply;
-    }
-
-    /* Polls until the board's configuration socket answers a display. */
-    Clock::time_point WaitAnswers(int board) const
-    {
-        const Clock::time_point deadline = Clock::now() + std::chrono::seconds(120);
-        while (Clock::now() < deadline) {
-            tc::Outcome<tc::Client> c = tc::Client::Connect(m_dir, board, 1000);
-            if (c) {
-                tc::Outcome<tc::Shown<tc::Limits>> l = c->GetLimits();
-                if (l && l->uiResult == TBDL_OK) {
-                    return Clock::now();
-                }
-            }
-            ::poll(nullptr, 0, 1);
-        }
-        Die("board " + std::to_string(board) + "'s configuration socket does not answer");
-    }
+    Clock::time_point WaitAnswers(int board) const { return tbdl::bench::WaitAnswers(m_dir, board); }
 
     tc::Client Connect(int board) const
     {
         WaitAnswers(board);
-        tc::Outcome<tc::Client> c = tc::Client::Connect(m_dir, board, 10000);
-        if (!c) {
-            Die(c.error());
-        }
-        return std::move(*c);
+        return ConnectBoard(m_dir, board, 10000);
     }
 
-    int Master() const { return Expect(Control().Status(), "status").value("master_board", -1); }
+    int Master() const { return Reply(Control().Status(), "status").value("master_board", -1); }
 
     /* Member adds the board's kernel table holds. */
     std::size_t KernelMembers(int board) const
     {
         std::size_t n = 0;
-        const Json table = Expect(Control().Dump("ktbdl", board), "dump ktbdl");
+        const Json table = Reply(Control().Dump("ktbdl", board), "dump ktbdl");
         for (const Json &b : table["bundles"]) {
             n += b["members"].size();
         }
         return n;
     }
 
-    Json Ha() const { return Expect(Control().Dump("ha"), "dump ha"); }
+    Json Ha() const { return Reply(Control().Dump("ha"), "dump ha"); }
 
     const Options &opt() const { return m_opt; }
 
@@ -146,12 +87,9 @@ private:
 void Populate(const Chassis &ch, tc::Client &client)
 {
     const std::uint32_t n = ch.opt().bundles, m = ch.opt().members;
+    tbdl::ctl::Client ctl = ch.Control();
     for (std::uint32_t t = 0; t < n * m; t++) {
-        tbdl::ctl::IfChange change;
-        change.name = "Tunnel" + std::to_string(t + 1);
-        change.mode = 0;
-        change.state = "up";
-        ch.Expect(ch.Control().IfAdd(change), "if add");
+        AddTunnel(ctl, t + 1);
     }
     for (std::uint32_t b = 0; b < n; b++) {
         tc::Outcome<std::uint32_t> r = client.CreateBundle(b, TBDL_MODE_LOADBALANCING, 0);
@@ -185,7 +123,7 @@ void Switchovers(const Chassis &ch)
         const Clock::time_point t0 = Clock::now();
         auto reply = std::async(std::launch::async, [&ch] { return ch.Control().Switchover(); });
         const double answered = Ms(ch.WaitAnswers(to) - t0);
-        const Json steps = ch.Expect(reply.get(), "switchover")["steps"];
+        const Json steps = Reply(reply.get(), "switchover")["steps"];
         const std::string b1 = "board " + std::to_string(to);
         const double ev2 = StepMs(steps, "event 2 to"), ev1 = StepMs(steps, "event 1 to");
         answer.push_back(answered);
@@ -208,7 +146,7 @@ void Failover(const Chassis &ch)
 {
     const int from = ch.Master(), to = 1 - from;
     const Clock::time_point t0 = Clock::now();
-    ch.Expect(ch.Control().BoardFail(from), "board fail");
+    Reply(ch.Control().BoardFail(from), "board fail");
     const double answered = Ms(ch.WaitAnswers(to) - t0);
     Json steps;
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(120);
@@ -222,39 +160,16 @@ void Failover(const Chassis &ch)
                 from, to, answered, act, 100 * act / answered);
 }
 
-std::string DefaultBinDir()
-{
-    std::error_code ec;
-    std::filesystem::path exe = std::filesystem::read_symlink("/proc/self/exe", ec);
-    return ec ? "." : exe.parent_path().parent_path().string();
-}
-
 Options ParseOptions(int argc, char **argv)
 {
     Options opt;
-    opt.binDir = DefaultBinDir();
-    for (int i = 1; i < argc; i++) {
-        std::string a = argv[i];
-        auto next = [&]() -> std::string {
-            if (i + 1 >= argc) {
-                Die("missing value after " + a);
-            }
-            return argv[++i];
-        };
-        if (a == "--bin-dir") {
-            opt.binDir = next();
-        } else if (a == "--bundles") {
-            opt.bundles = static_cast<std::uint32_t>(std::stoul(next()));
-        } else if (a == "--members") {
-            opt.members = static_cast<std::uint32_t>(std::stoul(next()));
-        } else if (a == "--switchovers") {
-            opt.switchovers = std::max(1, std::stoi(next()));
-        } else if (a == "--keep") {
-            opt.keep = true;
-        } else {
-            Die("usage: bench_ha [--bin-dir DIR] [--bundles N] [--members N] [--switchovers N] [--keep]");
-        }
-    }
+    CLI::App app{"bench_ha: times planned switchovers and a master board failure on a two-board chassis"};
+    AddCommonOptions(app, opt.binDir, opt.keep);
+    app.add_option("--bundles", opt.bundles, "load-balancing bundles")->capture_default_str();
+    app.add_option("--members", opt.members, "members of each bundle")->capture_default_str();
+    app.add_option("--switchovers", opt.switchovers, "planned switchovers (at least 1)")->capture_default_str();
+    ParseOrExit(app, argc, argv);
+    opt.switchovers = std::max(1, opt.switchovers);
     return opt;
 }
 
@@ -262,6 +177,7 @@ Options ParseOptions(int argc, char **argv)
 
 int main(int argc, char **argv)
 {
+    g_name = "bench_ha";
     const Options opt = ParseOptions(argc, argv);
     char tmpl[] = "/tmp/tbdl-bench-ha-XXXXXX";
     if (::mkdtemp(tmpl) == nullptr) {
@@ -269,13 +185,6 @@ int main(int argc, char **argv)
     }
     const std::string dir = tmpl;
     Chassis ch(opt, dir);
-    g_cleanup = [&ch, &opt, &dir] {
-        ch.Stop();
-        if (!opt.keep) {
-            std::error_code ec;
-            std::filesystem::remove_all(dir, ec);
-        }
-    };
     std::printf("bench_ha: build %s, chassis %s, %u bundles x %u members\n", opt.binDir.c_str(), dir.c_str(),
                 opt.bundles, opt.members);
     ch.Start();
@@ -300,8 +209,6 @@ int main(int argc, char **argv)
     }
     Switchovers(ch);
     Failover(ch);
-    auto cleanup = std::move(g_cleanup);
-    g_cleanup = nullptr;
-    cleanup();
+    CleanUp();
     return 0;
 }

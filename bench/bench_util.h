@@ -1,5 +1,6 @@
 /* Helpers the benchmarks share: dying with the chassis cleaned up, timing,
- * medians and percentiles, running a tool, checking a daemon answer. */
+ * medians and percentiles, running a tool, checking a daemon answer, and
+ * the options every benchmark takes. */
 #pragma once
 
 #include <sys/wait.h>
@@ -12,6 +13,8 @@
 #include <functional>
 #include <string>
 #include <vector>
+
+#include <CLI/CLI.hpp>
 
 #include "tbdl_client.h"
 #include "tbdl_errcode.h"
@@ -106,6 +109,26 @@ inline std::string DefaultBinDir()
     std::error_code ec;
     std::filesystem::path exe = std::filesystem::read_symlink("/proc/self/exe", ec);
     return ec ? "." : exe.parent_path().parent_path().string();
+}
+
+/* The options every benchmark takes: where the build is, and whether the
+ * chassis directory stays after the run. */
+inline void AddCommonOptions(CLI::App &app, std::string &binDir, bool &keep)
+{
+    binDir = DefaultBinDir();
+    app.add_option("--bin-dir", binDir, "build directory holding daemon/, platform/ and tools/")->capture_default_str();
+    app.add_flag("--keep", keep, "keep the chassis directory after the run");
+}
+
+/* Parses the command line; --help prints the options and exits 0, a wrong
+ * option is reported and exits 2. */
+inline void ParseOrExit(CLI::App &app, int argc, char **argv)
+{
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        std::exit(app.exit(e) == 0 ? 0 : 2);
+    }
 }
 
 } // namespace tbdl::bench

@@ -28,8 +28,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "bench_util.h"
-#include "ctl_client.h"
+#include "bench_chassis.h"
 
 namespace tc = tbdl::client;
 using namespace tbdl::bench;
@@ -79,24 +78,9 @@ public:
     void Start()
     {
         const std::uint32_t slots = std::max<std::uint32_t>(1024, m_opt.bundles + m_opt.pairs);
-        const std::string ctl = m_opt.binDir + "/tools/chassisctl --dir " + m_dir;
-        if (Run(ctl + " start --chassisd " + m_opt.binDir + "/platform/chassisd --daemon " + m_opt.binDir +
-                "/daemon/tbdld --bundle-slots " + std::to_string(slots)) != 0) {
-            Die("the chassis did not start");
-        }
-        g_cleanup = [this, ctl] {
-            Run(ctl + " stop");
-            if (!m_opt.keep) {
-                std::error_code ec;
-                std::filesystem::remove_all(m_dir, ec);
-            }
-        };
-        tc::Outcome<tc::Client> c = tc::Client::Connect(m_dir, 0, 60000);
-        if (!c) {
-            Die(c.error());
-        }
-        m_client.emplace(std::move(*c));
-        const Json status = Answer(m_ctl.Status(), "status");
+        StartChassis(m_opt.binDir, m_dir, "--bundle-slots " + std::to_string(slots), m_opt.keep);
+        m_client.emplace(ConnectBoard(m_dir, 0, 60000));
+        const Json status = Reply(m_ctl.Status(), "status");
         m_chassisdPid = status.value("chassisd_pid", 0);
         for (const Json &b : status["boards"]) {
             m_daemonPid = b["board"] == 0 ? b.value("pid", 0) : m_daemonPid;
@@ -110,16 +94,9 @@ public:
     tbdl::ctl::Client &Ctl() { return m_ctl; }
     const Options &opt() const { return m_opt; }
 
-    Json Answer(const tbdl::ctl::Answer &a, const std::string &what)
-    {
-        if (!a) {
-            Die(what + ": " + a.error);
-        }
-        return a.reply;
-    }
-    Json Counters(const char *service) { return Answer(m_ctl.DumpCounters(service, 0), service); }
-    Json Events() { return Answer(m_ctl.Dump("if"), "dump if")["events"][0]; }
-    Json Kernel() { return Answer(m_ctl.Dump("ktbdl", 0), "dump ktbdl"); }
+    Json Counters(const char *service) { return Reply(m_ctl.DumpCounters(service, 0), service); }
+    Json Events() { return Reply(m_ctl.Dump("if"), "dump if")["events"][0]; }
+    Json Kernel() { return Reply(m_ctl.Dump("ktbdl", 0), "dump ktbdl"); }
 
     /* Polls cond until it holds, pausing pauseMs between polls so that
      * costly dumps leave chassisd time for the work being measured. */
@@ -144,31 +121,13 @@ public:
         for (std::uint32_t t = first + 1; t < first + count; t++) {
             change.more.push_back(TunnelName(t));
         }
-        Answer(m_ctl.IfSet(change), "if set " + change.name);
+        Reply(m_ctl.IfSet(change), "if set " + change.name);
     }
 
-    /* Bundles 0..N-1 load balancing with M members, N..N+P-1 one-to-one
-     * with a working (role 0) and a protection (role 1) member. */
+    /* The seeded table (see SeedTable), once LSM and PS hold all of it. */
     void Seed()
     {
-        const std::uint32_t tunnels = m_opt.bundles * m_opt.members + 2 * m_opt.pairs;
-        for (std::uint32_t t = 0; t < tunnels; t++) {
-            tbdl::ctl::IfChange change;
-            change.name = TunnelName(kFirstTunnel + t);
-            change.mode = 0;
-            change.state = "up";
-            Answer(m_ctl.IfAdd(change), "if add " + change.name);
-        }
-        std::uint32_t tnl = kFirstTunnel;
-        for (std::uint32_t b = 0; b < m_opt.bundles + m_opt.pairs; b++) {
-            const bool lb = b < m_opt.bundles;
-            const std::string where = "seeding bundle " + std::to_string(b);
-            Expect(m_client->CreateBundle(b, lb ? TBDL_MODE_LOADBALANCING : TBDL_MODE_ONETOONE, 0), where);
-            for (std::uint32_t m = 0; m < (lb ? m_opt.members : 2); m++) {
-                Expect(m_client->AddMember(b, {tnl++, static_cast<std::uint16_t>(m + 1), static_cast<std::uint8_t>(lb ? 0 : m)}),
-                       where);
-            }
-        }
+        SeedTable(m_ctl, *m_client, kFirstTunnel, m_opt.bundles, m_opt.members, m_opt.pairs);
         WaitFor("the download of the seeded table", [&] {
             return U(Counters("lsm"), "entry_count") == m_opt.bundles + m_opt.pairs &&
                    U(Counters("ps"), "bundle_count") == m_opt.pairs;
@@ -306,7 +265,7 @@ void ChangeLatency(Bench &bench, double pollUs)
         ps.push_back(Micros(*psAt - answered));
     }
     std::size_t wrong = 0;
-    for (const Json &b : bench.Answer(bench.Ctl().Dump("ps", 0), "dump ps")["bundles"]) {
+    for (const Json &b : Reply(bench.Ctl().Dump("ps", 0), "dump ps")["bundles"]) {
         const std::uint32_t pair = b["bundle"].get<std::uint32_t>() - o.bundles;
         wrong += pair < o.pairs && b["protection"]["up"] == upNow[pair] && b["working"]["up"] == true ? 0 : 1;
     }
@@ -320,36 +279,22 @@ void ChangeLatency(Bench &bench, double pollUs)
 Options ParseOptions(int argc, char **argv)
 {
     Options opt;
-    opt.binDir = DefaultBinDir();
-    for (int i = 1; i < argc; i++) {
-        const std::string a = argv[i];
-        auto next = [&]() -> std::uint32_t {
-            if (i + 1 >= argc) {
-                Die("missing value after " + a);
-            }
-            return static_cast<std::uint32_t>(std::max(1ul, std::stoul(argv[++i])));
-        };
-        if (a == "--bin-dir" && i + 1 < argc) {
-            opt.binDir = argv[++i];
-        } else if (a == "--bundles") {
-            opt.bundles = next();
-        } else if (a == "--members") {
-            opt.members = next();
-        } else if (a == "--burst") {
-            opt.burst = next();
-        } else if (a == "--pairs") {
-            opt.pairs = next();
-        } else if (a == "--rounds") {
-            opt.rounds = static_cast<int>(next());
-        } else if (a == "--changes") {
-            opt.changes = static_cast<int>(next());
-        } else if (a == "--keep") {
-            opt.keep = true;
-        } else {
-            Die("usage: bench_watch [--bin-dir DIR] [--bundles N] [--members N] [--burst N (at most about 4000 "
-                "names fit in one change)] [--pairs N] [--rounds N] [--changes N] [--keep]");
-        }
+    CLI::App app{"bench_watch: times interface events reaching the daemon, LSM and PS"};
+    AddCommonOptions(app, opt.binDir, opt.keep);
+    app.add_option("--bundles", opt.bundles, "load-balancing bundles")->capture_default_str();
+    app.add_option("--members", opt.members, "members of each load-balancing bundle")->capture_default_str();
+    app.add_option("--burst", opt.burst, "interfaces per state change sent (at most about 4000 names fit in one)")
+        ->capture_default_str();
+    app.add_option("--pairs", opt.pairs, "1:1 bundles of two members")->capture_default_str();
+    app.add_option("--rounds", opt.rounds, "rounds flipping every load-balancing member")->capture_default_str();
+    app.add_option("--changes", opt.changes, "timed member state changes")->capture_default_str();
+    ParseOrExit(app, argc, argv);
+    /* Every count is at least one. */
+    for (std::uint32_t *n : {&opt.bundles, &opt.members, &opt.burst, &opt.pairs}) {
+        *n = std::max(1u, *n);
     }
+    opt.rounds = std::max(1, opt.rounds);
+    opt.changes = std::max(1, opt.changes);
     return opt;
 }
 

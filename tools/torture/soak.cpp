@@ -44,6 +44,7 @@ long RssKb(int pid)
 struct Sample {
     double atS; /* seconds into the run */
     long kb;
+    bool hasServed; /* the process has been master (held a table) by then */
 };
 
 class Soak {
@@ -171,12 +172,13 @@ void Soak::SampleRss()
         return;
     }
     const int cpid = st.reply.value("chassisd_pid", -1);
-    m_rss["chassisd pid " + std::to_string(cpid)].push_back({Elapsed(), RssKb(cpid)});
+    m_rss["chassisd pid " + std::to_string(cpid)].push_back({Elapsed(), RssKb(cpid), true});
     for (const Json &b : st.reply.value("boards", Json::array())) {
         const int pid = b.value("pid", -1);
         if (pid > 0) {
-            m_rss["board " + std::to_string(b.value("board", -1)) + " pid " + std::to_string(pid)].push_back(
-                {Elapsed(), RssKb(pid)});
+            std::vector<Sample> &v = m_rss["board " + std::to_string(b.value("board", -1)) + " pid " + std::to_string(pid)];
+            const bool served = b.value("role", "") == "master" || (!v.empty() && v.back().hasServed);
+            v.push_back({Elapsed(), RssKb(pid), served});
         }
     }
 }
@@ -208,14 +210,19 @@ void Soak::Restore()
 }
 
 /* Per process: the first sample after warm-up (a third of the run, at
- * least 20 s) against the last; a process must span two samples after it. */
+ * least 20 s) against the last; a process must span two samples after it.
+ * A daemon's memory reaches its level once it has held a table as master
+ * (a demoted daemon keeps what its allocator got), so a daemon that has
+ * been master is judged from its first sample as master on. */
 bool Soak::MemoryFlat()
 {
     const double warmUp = std::max(20.0, m_opt.soakSeconds / 3.0);
     bool flat = true;
     std::cout << "RSS (kB, first after warm-up -> last)\n";
     for (const auto &[who, samples] : m_rss) {
-        auto first = std::find_if(samples.begin(), samples.end(), [&](const Sample &s) { return s.atS >= warmUp; });
+        const bool served = samples.back().hasServed;
+        auto first = std::find_if(samples.begin(), samples.end(),
+                                  [&](const Sample &s) { return s.atS >= warmUp && (s.hasServed || !served); });
         if (first == samples.end() || first == samples.end() - 1 || first->kb == 0 || samples.back().kb == 0) {
             continue;
         }

@@ -1,16 +1,13 @@
 /* The shared-memory fault-injection plan (see failplan.h). */
 #include "failplan.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <cstring>
 
 #include "chassis_env.h"
 #include "journal.h"
+#include "shm_file.h"
 
 namespace tbdl::rpc {
 
@@ -21,27 +18,15 @@ std::string FailPlanPathOf(const std::string &dir, int board)
 
 static FailPlan *MapPlan(const std::string &path, bool create)
 {
-    int fd = open(path.c_str(), create ? (O_RDWR | O_CREAT | O_CLOEXEC) : (O_RDWR | O_CLOEXEC), 0644);
-    if (fd < 0) {
+    auto *plan = static_cast<FailPlan *>(plat::ShmMap(path, sizeof(FailPlan), create));
+    if (plan == nullptr) {
         return nullptr;
     }
-    struct stat st{};
-    if (fstat(fd, &st) != 0 || (!create && static_cast<size_t>(st.st_size) < sizeof(FailPlan)) ||
-        (create && ftruncate(fd, sizeof(FailPlan)) != 0)) {
-        close(fd);
-        return nullptr;
-    }
-    void *p = mmap(nullptr, sizeof(FailPlan), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    close(fd);
-    if (p == MAP_FAILED) {
-        return nullptr;
-    }
-    auto *plan = static_cast<FailPlan *>(p);
     if (create) {
         FailPlanClear(plan);
         plan->uiMagic = kFailPlanMagic;
     } else if (plan->uiMagic != kFailPlanMagic) {
-        munmap(p, sizeof(FailPlan));
+        plat::ShmUnmap(plan, sizeof(FailPlan));
         return nullptr;
     }
     return plan;
@@ -150,7 +135,7 @@ std::optional<FailKind> FailKindOf(const std::string &name)
 void FailPlanReset()
 {
     if (g_plan != nullptr) {
-        munmap(g_plan, sizeof(FailPlan));
+        plat::ShmUnmap(g_plan, sizeof(FailPlan));
         g_plan = nullptr;
     }
     g_planTried = false;

@@ -1,15 +1,14 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds and runs every test:
-#   1. a build with line coverage: unit, platform and system tests, then the
-#      line coverage of the daemon's code;
-#   2. a build with AddressSanitizer and UndefinedBehaviorSanitizer: the same
-#      tests again, then a 60-second soak against it (tests/soak.sh), counted
-#      as one result;
-#   3. a Release build (-O3) of the daemon and the tools, without tests and
+#   1. one build with AddressSanitizer, UndefinedBehaviorSanitizer and line
+#      coverage: unit, platform and system tests, the line coverage of the
+#      daemon's code, then a 60-second soak against it (tests/soak.sh),
+#      counted as one result;
+#   2. a Release build (-O3) of the daemon and the tools, without tests and
 #      benchmarks: the optimiser's warnings fail it; counts as one result;
-#   4. a cross build for 64-bit Arm whose unit and platform tests run under
+#   3. a cross build for 64-bit Arm whose unit and platform tests run under
 #      qemu-user;
-#   5. a bounded run of every fuzz target, plus every input that ever
+#   4. a bounded run of every fuzz target, plus every input that ever
 #      crashed one.
 # Ends with one line "tests: N passed, M failed" over all of them.
 set -uo pipefail
@@ -41,22 +40,18 @@ run_ctest() { # name build-dir [ctest options...]
   [ "$f" -eq 0 ] || status=1
 }
 
-echo "== Build with coverage"
-if scripts/build.sh build-cov -DCMAKE_BUILD_TYPE=Debug -DTBDL_COVERAGE=ON -DTBDL_BUILD_BENCH=OFF; then
-  find build-cov -name '*.gcda' -delete
-  run_ctest coverage build-cov
-  echo "== Line coverage of daemon/"
-  gcovr -r "$root" --filter "$root/daemon/" --object-directory build-cov build-cov 2>/dev/null | \
-    grep -E '^(TOTAL|daemon/|---|File)' || echo "coverage report unavailable"
-else
-  echo "coverage build failed"; status=1; failed=$((failed + 1))
-fi
-
-echo "== Build with AddressSanitizer and UndefinedBehaviorSanitizer"
-if scripts/build.sh build-asan -DCMAKE_BUILD_TYPE=Debug -DTBDL_SANITIZE=ON -DTBDL_BUILD_BENCH=OFF; then
+echo "== Build with AddressSanitizer, UndefinedBehaviorSanitizer and line coverage"
+# One instrumented build serves both purposes: every test runs once under the
+# sanitizers, and the same run gives the daemon's line coverage.
+if scripts/build.sh build-asan -DCMAKE_BUILD_TYPE=Debug -DTBDL_SANITIZE=ON -DTBDL_COVERAGE=ON \
+     -DTBDL_BUILD_BENCH=OFF; then
   export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
   export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+  find build-asan -name '*.gcda' -delete
   run_ctest sanitizers build-asan
+  echo "== Line coverage of daemon/"
+  gcovr -r "$root" --filter "$root/daemon/" --object-directory build-asan build-asan 2>/dev/null | \
+    grep -E '^(TOTAL|daemon/|---|File)' || echo "coverage report unavailable"
 else
   echo "sanitizer build failed"; status=1; failed=$((failed + 1))
 fi

@@ -81,6 +81,17 @@ TEST_F(Crash, TortureRunKeepsEveryAcknowledgedRequestAndAgreeingTables)
     EXPECT_TRUE(Answers(m_client->CreateBundle(40, 1, 0), TBDL_OK));
 }
 
+TEST_F(Crash, TortureRunFailsAPointWhoseLsmLacksABundle)
+{
+    /* LSM refuses the daemon: the fill's bundles never reach it. */
+    ASSERT_TRUE(Exited(m_chassis.Ctl({"lsm", "stop", "--board", "0"}), 0));
+    ProcRun run = RunProcess({BuildPath("tools/torture"), "--dir", m_chassis.dir(), "--requests", "2", "--points",
+                              "CIOCTL:before"},
+                             {}, 60000);
+    EXPECT_TRUE(Exited(run, 1));
+    EXPECT_NE(run.out.find("FAILURE CIOCTL:before: LSM lacks Tunnel-Bundle1 "), std::string::npos) << run.out;
+}
+
 TEST_F(Crash, MasterFailingUnderLoadLeavesTheNewMasterComplete)
 {
     /* Each round fails the master in the middle of the stream: a lost or

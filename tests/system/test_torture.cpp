@@ -1,7 +1,7 @@
 /* Planned crashes of the real daemon: a crash before a call leaves no trace
  * of it, a crash after it keeps its effect, and chassisd's status, log and
  * the journal tell of the crash and the restart. Then a short torture run
- * across the request, recovery, HA and download paths. */
+ * across the request, recovery, HA, download and standby paths. */
 #include <gtest/gtest.h>
 
 #include "cfg_checks.h"
@@ -53,8 +53,12 @@ TEST_F(Crash, BeforeLosesTheCallAfterKeepsItAndTheRestartIsReported)
 
 TEST_F(Crash, TortureRunKeepsEveryAcknowledgedRequestAndAgreeingTables)
 {
+    /* After each point LSM and PS must hold every bundle the table needs;
+     * after a standby point the standby's kernel table must hold the
+     * master's bundles and a switchover to it must serve them all. */
     const char *points[] = {"CIOCTL:before",       "DBM_InsertSortList:before", "SERVICE_GetStartCause:before",
-                            "DBM_BatchGetNextSortList:after", "HA_SendMsgSync:after", "LSM_AddLspEntry:after"};
+                            "DBM_BatchGetNextSortList:after", "HA_SendMsgSync:after", "LSM_AddLspEntry:after",
+                            "standby:HA_Dispatch:before", "standby:CIOCTL:after"};
     std::string list;
     for (const char *p : points) {
         list += (list.empty() ? "" : ",") + std::string(p);
@@ -63,7 +67,7 @@ TEST_F(Crash, TortureRunKeepsEveryAcknowledgedRequestAndAgreeingTables)
                               "--requests", "20", "--points", list},
                              {}, 120000);
     ASSERT_TRUE(Exited(run, 0));
-    EXPECT_NE(run.out.find("torture: 6 crash points, 0 failed"), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("torture: 8 crash points, 0 failed"), std::string::npos) << run.out;
     for (const char *p : points) {
         /* Each point crashed the daemon at least once and the checks passed. */
         const size_t at = run.out.find(std::string(p) + " ");
@@ -71,8 +75,21 @@ TEST_F(Crash, TortureRunKeepsEveryAcknowledgedRequestAndAgreeingTables)
         const std::string line = run.out.substr(at, run.out.find('\n', at) - at);
         EXPECT_NE(line.find(" ok "), std::string::npos) << line;
     }
+    EXPECT_GE(m_chassis.Board(1).value("restarts", 0), 2) << "the standby points crashed the standby's daemon";
+    EXPECT_EQ(m_chassis.Board(0).value("role", ""), "master") << "the roles were switched back";
     ASSERT_TRUE(Reconnect());
     EXPECT_TRUE(Answers(m_client->CreateBundle(40, 1, 0), TBDL_OK));
+}
+
+TEST_F(Crash, TortureRunFailsAPointWhoseLsmLacksABundle)
+{
+    /* LSM refuses the daemon: the fill's bundles never reach it. */
+    ASSERT_TRUE(Exited(m_chassis.Ctl({"lsm", "stop", "--board", "0"}), 0));
+    ProcRun run = RunProcess({BuildPath("tools/torture"), "--dir", m_chassis.dir(), "--requests", "2", "--points",
+                              "CIOCTL:before"},
+                             {}, 60000);
+    EXPECT_TRUE(Exited(run, 1));
+    EXPECT_NE(run.out.find("FAILURE CIOCTL:before: LSM lacks Tunnel-Bundle1 "), std::string::npos) << run.out;
 }
 
 TEST_F(Crash, MasterFailingUnderLoadLeavesTheNewMasterComplete)

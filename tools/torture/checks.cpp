@@ -43,7 +43,9 @@ std::set<std::string> MemberNames(const tc::BndDetail &d)
     return s;
 }
 
-void CheckKernel(const Json &k, const std::map<std::string, tc::BndDetail> &table, PointReport &rep)
+} // namespace
+
+void CheckKernel(const Json &k, const BndTable &table, PointReport &rep)
 {
     std::set<std::string> seen;
     for (const Json &e : k.value("bundles", Json::array())) {
@@ -85,9 +87,11 @@ void CheckKernel(const Json &k, const std::map<std::string, tc::BndDetail> &tabl
     }
 }
 
+namespace {
+
 /* LSM and PS entries: each must name a bundle of the table that has
  * members, and PS's pair must be members of that bundle. */
-void CheckDownload(const Json &lsm, const Json &ps, const std::map<std::string, tc::BndDetail> &table, PointReport &rep)
+void CheckDownload(const Json &lsm, const Json &ps, const BndTable &table, PointReport &rep)
 {
     for (const Json &e : lsm.value("entries", Json::array())) {
         auto it = table.find(e.value("name", ""));
@@ -113,54 +117,25 @@ void CheckDownload(const Json &lsm, const Json &ps, const std::map<std::string, 
     }
 }
 
-/* Primary paths of a bundle's LSM entry: a lone member whatever its role,
- * else one per member that is not a backup (role 1). */
-size_t LsmPaths(const tc::BndDetail &d)
+/* One target's entries against what the bundle table asks for: a missing
+ * or different entry fails; an entry nothing asks for fails only when
+ * strict (a full resynchronisation leaves none), else the stale check
+ * above reports it. */
+void CompareTarget(const char *target, const Sigs &want, const Sigs &held, bool strict, PointReport &rep)
 {
-    if (d.members.size() <= 1) {
-        return d.members.size();
-    }
-    return static_cast<size_t>(
-        std::count_if(d.members.begin(), d.members.end(), [](const tc::MembDetail &m) { return m.ucRole != 1; }));
-}
-
-/* What a full resynchronisation leaves: an LSM entry with its paths for
- * every bundle with members, a PS entry for every protection
- * bundle with exactly two members, and nothing else. */
-void CheckResynced(const Json &lsm, const Json &ps, const std::map<std::string, tc::BndDetail> &table,
-                   PointReport &rep)
-{
-    std::map<std::string, size_t> inLsm;
-    for (const Json &e : lsm.value("entries", Json::array())) {
-        inLsm[e.value("name", "")] = e.value("path_count", 0u);
-    }
-    std::set<std::string> inPs;
-    for (const Json &b : ps.value("bundles", Json::array())) {
-        inPs.insert(Name(b.value("bundle", 0u)));
-    }
-    for (const auto &[name, d] : table) {
-        const bool wantLsm = !d.members.empty();
-        const bool wantPs = d.ucMode != 1 && d.members.size() == 2;
-        auto it = inLsm.find(name);
-        if (wantLsm != (it != inLsm.end())) {
-            rep.failures.push_back("LSM " + std::string(wantLsm ? "lacks " : "holds ") + name);
-        } else if (wantLsm && it->second != LsmPaths(d)) {
-            rep.failures.push_back("LSM entry of " + name + " has " + std::to_string(it->second) + " path(s), not " +
-                                   std::to_string(LsmPaths(d)));
+    for (const auto &[name, sig] : want) {
+        auto it = held.find(name);
+        if (it == held.end()) {
+            rep.failures.push_back(std::string(target) + " lacks " + name + " ('" + sig + "')");
+        } else if (it->second != sig) {
+            rep.failures.push_back(std::string(target) + " entry of " + name + " is '" + it->second + "', not '" +
+                                   sig + "'");
         }
-        if (wantPs != (inPs.count(name) != 0)) {
-            rep.failures.push_back("PS " + std::string(wantPs ? "lacks " : "holds ") + name + " (mode " +
-                                   std::to_string(d.ucMode) + ", " + std::to_string(d.members.size()) +
-                                   " member(s))");
+    }
+    for (const auto &[name, sig] : held) {
+        if (strict && want.count(name) == 0) {
+            rep.failures.push_back(std::string(target) + " holds a stale entry of " + name + " ('" + sig + "')");
         }
-        inLsm.erase(name);
-        inPs.erase(name);
-    }
-    for (const auto &[name, paths] : inLsm) {
-        rep.failures.push_back("LSM holds a stale entry '" + name + "'");
-    }
-    for (const std::string &name : inPs) {
-        rep.failures.push_back("PS holds a stale entry of " + name);
     }
 }
 
@@ -179,10 +154,10 @@ bool DumpTables(tbdl::ctl::Client &ctl, int board, Json &k, Json &lsm, Json &ps)
 
 namespace {
 
-/* settled: the download has had time to finish, so LSM and PS must be
- * complete, not only free of contradictions. */
+/* The download has had time to finish: LSM and PS must be complete, not
+ * only free of contradictions. */
 void Check(const Options &opt, tbdl::ctl::Client &ctl, tc::Client &cfg, const Facts &facts, PointReport &rep,
-           bool settled)
+           Downloads want)
 {
     tc::Outcome<tc::BndWalk> walk = cfg.WalkBundles();
     if (!walk) {
@@ -202,10 +177,7 @@ void Check(const Options &opt, tbdl::ctl::Client &ctl, tc::Client &cfg, const Fa
     for (const std::string &b : facts.Broken(*shown)) {
         rep.failures.push_back("acknowledged request lost: " + b);
     }
-    std::map<std::string, tc::BndDetail> table;
-    for (const tc::BndDetail &d : walk->bundles) {
-        table[Name(d.uiBndNum)] = d;
-    }
+    const BndTable table = ByName(walk->bundles);
     Json k;
     Json lsm;
     Json ps;
@@ -215,25 +187,30 @@ void Check(const Options &opt, tbdl::ctl::Client &ctl, tc::Client &cfg, const Fa
     }
     CheckKernel(k, table, rep);
     CheckDownload(lsm, ps, table, rep);
-    if (rep.failures.empty() && settled) {
-        CheckResynced(lsm, ps, table, rep);
-    }
+    const DownloadSigs wanted = WantedDownloads(walk->bundles);
+    const DownloadSigs held = HeldDownloads(lsm, ps);
+    CompareTarget("LSM", wanted.lsm, held.lsm, want == Downloads::EXACT, rep);
+    CompareTarget("PS", wanted.ps, held.ps, want == Downloads::EXACT, rep);
 }
 
 } // namespace
 
-void CheckTables(const Options &opt, tbdl::ctl::Client &ctl, tc::Client &cfg, const Facts &facts, PointReport &rep)
+BndTable ByName(const std::vector<tc::BndDetail> &bundles)
 {
-    Check(opt, ctl, cfg, facts, rep, false);
+    BndTable table;
+    for (const tc::BndDetail &d : bundles) {
+        table[Name(d.uiBndNum)] = d;
+    }
+    return table;
 }
 
 void CheckSettled(const Options &opt, tbdl::ctl::Client &ctl, tc::Client &cfg, const Facts &facts, PointReport &rep,
-                  int timeoutMs)
+                  Downloads want, int timeoutMs)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
         PointReport round;
-        Check(opt, ctl, cfg, facts, round, true);
+        Check(opt, ctl, cfg, facts, round, want);
         if (round.failures.empty() || std::chrono::steady_clock::now() >= deadline) {
             rep.failures.insert(rep.failures.end(), round.failures.begin(), round.failures.end());
             rep.findings.insert(rep.findings.end(), round.findings.begin(), round.findings.end());

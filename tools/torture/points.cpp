@@ -41,13 +41,24 @@ const std::vector<CrashPoint> &DefaultPoints()
          * come from the chassis */
         {"IF_RegIfEventEx", "crash-after", "event"},
         {"L3VPN_RegEvt", "crash-after", "event"},
+        /* standby path: the standby's daemon receiving backups from the
+         * master (the HA push, the copy of a message, the kernel commands
+         * that apply it) */
+        {"HA_Dispatch", "crash-before", "standby", true},
+        {"HA_Dispatch", "crash-after", "standby", true},
+        {"HA_AllocMsg", "crash-after", "standby", true},
+        {"CIOCTL", "crash-before", "standby", true},
+        {"CIOCTL", "crash-after", "standby", true},
     };
     return points;
 }
 
-std::optional<CrashPoint> ParsePoint(const std::string &text)
+std::optional<CrashPoint> ParsePoint(const std::string &given)
 {
-    CrashPoint p{text, "crash-before", "given"};
+    static const std::string kStandby = "standby:";
+    const bool standby = given.rfind(kStandby, 0) == 0;
+    const std::string text = standby ? given.substr(kStandby.size()) : given;
+    CrashPoint p{text, "crash-before", standby ? "standby" : "given", standby};
     size_t colon = text.find(':');
     if (colon != std::string::npos) {
         p.call = text.substr(0, colon);
@@ -61,7 +72,7 @@ std::optional<CrashPoint> ParsePoint(const std::string &text)
         return std::nullopt;
     }
     for (const CrashPoint &d : DefaultPoints()) {
-        if (d.call == p.call) {
+        if (d.call == p.call && d.standby == p.standby) {
             p.path = d.path;
         }
     }

@@ -22,10 +22,11 @@ int64_t MsSince(Clock::time_point t)
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count();
 }
 
-/* "CALL:before" for a crash point, "CALL KIND" for a failover round. */
+/* "[standby:]CALL:before" for a crash point, "CALL KIND" for a failover round. */
 std::string Label(const CrashPoint &p)
 {
-    return p.kind.rfind("crash-", 0) == 0 ? p.call + ":" + p.kind.substr(6) : p.call + " " + p.kind;
+    const std::string call = (p.standby ? "standby:" : "") + p.call;
+    return p.kind.rfind("crash-", 0) == 0 ? call + ":" + p.kind.substr(6) : call + " " + p.kind;
 }
 
 } // namespace
@@ -114,6 +115,13 @@ bool SendAndBook(tc::Client &cfg, const Request &r, Facts &facts, PointReport &r
     return true;
 }
 
+bool Refill(const Options &opt, tc::Client &cfg, Facts &facts, std::ostream &log)
+{
+    PointReport scratch; /* the point's counts are those of its own stream */
+    scratch.point = {"fill", "before the point", ""};
+    return SendFill(opt, cfg, facts, scratch, log);
+}
+
 bool SendFill(const Options &opt, tc::Client &cfg, Facts &facts, PointReport &rep, std::ostream &log)
 {
     static const uint16_t kModes[] = {2, 4, 1}; /* 1:1, 1+1, load balancing */
@@ -133,14 +141,12 @@ bool SendFill(const Options &opt, tc::Client &cfg, Facts &facts, PointReport &re
     return true;
 }
 
-namespace {
-
-/* Hits of the point's plan entry so far: one per crash. */
-int Hits(tbdl::ctl::Client &ctl, const Options &opt, const CrashPoint &p)
+/* One hit per crash. */
+int Hits(tbdl::ctl::Client &ctl, int board, const CrashPoint &p)
 {
     tbdl::ctl::Answer a = ctl.Dump("fail");
     for (const Json &b : a ? a.reply.value("boards", Json::array()) : Json::array()) {
-        for (const Json &c : b.value("board", -1) == opt.board ? b["calls"] : Json::array()) {
+        for (const Json &c : b.value("board", -1) == board ? b["calls"] : Json::array()) {
             if (c.value("call", "") == p.call) {
                 return c.value("hits", 0);
             }
@@ -154,16 +160,9 @@ void NoteRecovery(PointReport &rep, Clock::time_point since)
     rep.recoveryMs = std::max(rep.recoveryMs, MsSince(since));
 }
 
-void RunPoint(const Options &opt, tbdl::ctl::Client &ctl, std::mt19937 &rng, Facts &facts, PointReport &rep,
-              std::ostream &log)
+void SendStream(const Options &opt, tbdl::ctl::Client &ctl, std::mt19937 &rng, Facts &facts, PointReport &rep,
+                std::ostream &log, std::optional<tc::Client> &cfg)
 {
-    std::optional<tc::Client> cfg = WaitServing(opt, ctl);
-    tbdl::ctl::FailSpec spec{opt.board, rep.point.call, false, 1, std::nullopt, rep.point.kind,
-                             static_cast<int>(std::uniform_int_distribution<int>(0, opt.skipMax)(rng))};
-    if (!cfg || !ctl.Fail(spec)) {
-        rep.failures.push_back(!cfg ? "the daemon does not serve before the point" : "cannot plan the crash");
-        return;
-    }
     for (int i = 0; i < opt.requests && cfg; i++) {
         if (SendAndBook(*cfg, RandomRequest(rng, opt, facts), facts, rep, log)) {
             continue;
@@ -172,24 +171,41 @@ void RunPoint(const Options &opt, tbdl::ctl::Client &ctl, std::mt19937 &rng, Fac
         cfg = WaitServing(opt, ctl);
         NoteRecovery(rep, lostAt);
     }
+}
+
+namespace {
+
+void RunPoint(const Options &opt, tbdl::ctl::Client &ctl, std::mt19937 &rng, Facts &facts, PointReport &rep,
+              std::ostream &log)
+{
+    std::optional<tc::Client> cfg = WaitServing(opt, ctl);
+    tbdl::ctl::FailSpec spec{opt.board, rep.point.call, false, 1, std::nullopt, rep.point.kind,
+                             static_cast<int>(std::uniform_int_distribution<int>(0, opt.skipMax)(rng))};
+    if (!cfg || !Refill(opt, *cfg, facts, log) || !ctl.Fail(spec)) {
+        rep.failures.push_back(!cfg ? "the daemon does not serve before the point" : "cannot plan the crash");
+        return;
+    }
+    SendStream(opt, ctl, rng, facts, rep, log, cfg);
     /* Not reached by requests: restarts run recovery, download and HA
      * start-up, where the other points are; the calls let through first
      * may take one restart each. */
-    for (int k = 0; k <= spec.skip && cfg && Hits(ctl, opt, rep.point) == 0; k++) {
+    for (int k = 0; k <= spec.skip && cfg && Hits(ctl, opt.board, rep.point) == 0; k++) {
         const auto killedAt = Clock::now();
         cfg.reset();
         ctl.BoardKill(opt.board);
         cfg = WaitServing(opt, ctl);
         NoteRecovery(rep, killedAt);
     }
-    rep.crashes = Hits(ctl, opt, rep.point);
+    rep.crashes = Hits(ctl, opt.board, rep.point);
     ctl.FailClear(opt.board);
     cfg = WaitServing(opt, ctl);
     if (!cfg) {
         rep.failures.push_back("the daemon does not serve after the point");
         return;
     }
-    CheckTables(opt, ctl, *cfg, facts, rep);
+    /* The restarted daemon resynchronised LSM and PS: nothing the table
+     * needs may be missing from them. */
+    CheckSettled(opt, ctl, *cfg, facts, rep, Downloads::COMPLETE);
 }
 
 /* A finding is reported at the first point that shows it; the entry stays
@@ -249,7 +265,8 @@ int Run(const Options &opt)
     for (const CrashPoint &p : opt.points) {
         reps.emplace_back();
         reps.back().point = p;
-        RunPoint(opt, ctl, rng, facts, reps.back(), log);
+        p.standby ? RunStandbyPoint(opt, ctl, rng, facts, reps.back(), log)
+                  : RunPoint(opt, ctl, rng, facts, reps.back(), log);
         KeepNewFindings(reps.back(), known);
     }
     RunFailover(opt, ctl, rng, facts, reps, log);

@@ -4,6 +4,7 @@
 #ifndef TBDL_TORTURE_H
 #define TBDL_TORTURE_H
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -27,13 +28,14 @@ namespace tc = tbdl::client;
 struct CrashPoint {
     std::string call;
     std::string kind; /* "crash-before" or "crash-after" */
-    std::string path; /* request, recovery, ha, download, event */
+    std::string path; /* request, recovery, ha, download, event, standby */
+    bool standby = false; /* the standby board's daemon dies, not the master's */
 };
 
 /* The points of a full run. Event-path points need a chassis that sends
  * interface or VRF events; new calls go here. */
 const std::vector<CrashPoint> &DefaultPoints();
-/* "CALL[:before|after]" -> a point; nullopt when malformed. */
+/* "[standby:]CALL[:before|after]" -> a point; nullopt when malformed. */
 std::optional<CrashPoint> ParsePoint(const std::string &text);
 
 struct Options {
@@ -104,14 +106,38 @@ struct PointReport {
     std::vector<std::string> findings;
 };
 
-/* Cross-checks of the daemon's tables after recovery. */
-void CheckTables(const Options &opt, tbdl::ctl::Client &ctl, tc::Client &cfg, const Facts &facts, PointReport &rep);
-/* CheckTables plus: LSM holds exactly the bundles with members and PS exactly
- * the protection bundles with two members, as a full resynchronisation
- * leaves them. Repeated until clean or timeoutMs (the download runs behind
- * the display); the last round's result lands in rep. */
+/* What LSM and PS hold, or must hold, as one signature per bundle name
+ * (mode and paths of the LSP entry; kind, working and protection member of
+ * the PS pair). */
+struct DownloadSigs {
+    Sigs lsm;
+    Sigs ps;
+};
+DownloadSigs WantedDownloads(const std::vector<tc::BndDetail> &table);
+DownloadSigs HeldDownloads(const Json &lsm, const Json &ps); /* chassisctl --json dump lsm / ps forms */
+
+/* The bundle table by interface name ("Tunnel-Bundle<n>"). */
+using BndTable = std::map<std::string, tc::BndDetail>;
+BndTable ByName(const std::vector<tc::BndDetail> &bundles);
+/* A board's kernel table (dump ktbdl form) against the bundle table: a
+ * bundle without its entry, state, address or members fails; members no
+ * bundle explains are findings. */
+void CheckKernel(const Json &k, const BndTable &table, PointReport &rep);
+
+/* What LSM and PS must hold after their resynchronisation: every entry the
+ * table needs (stale ones stay findings), or exactly those entries. */
+enum class Downloads { COMPLETE, EXACT };
+
+/* Cross-checks of the daemon's tables after recovery: the display, the
+ * stored records, the facts and the board's kernel table agree, and LSM and
+ * PS hold nothing that contradicts the table; besides, LSM holds an
+ * entry for every bundle with members and PS one for every protection
+ * bundle with two members, each with the content the bundle asks for (and,
+ * with EXACT, nothing else), as a full resynchronisation leaves them.
+ * Repeated until clean or timeoutMs (the download runs behind the
+ * display); the last round's result lands in rep. */
 void CheckSettled(const Options &opt, tbdl::ctl::Client &ctl, tc::Client &cfg, const Facts &facts, PointReport &rep,
-                  int timeoutMs = 15000);
+                  Downloads want = Downloads::EXACT, int timeoutMs = 15000);
 
 /* Shared by the crash, failover and soak runs. */
 tc::Outcome<uint32_t> Send(tc::Client &c, const Request &r);
@@ -133,6 +159,25 @@ bool SendAndBook(tc::Client &cfg, const Request &r, Facts &facts, PointReport &r
  * exists, a hold after the last delete) are booked like any answer. False
  * when an answer is lost. */
 bool SendFill(const Options &opt, tc::Client &cfg, Facts &facts, PointReport &rep, std::ostream &log);
+
+/* opt.requests random requests to opt.board's daemon, following its
+ * restarts; cfg is empty when it no longer serves. */
+void SendStream(const Options &opt, tbdl::ctl::Client &ctl, std::mt19937 &rng, Facts &facts, PointReport &rep,
+                std::ostream &log, std::optional<tc::Client> &cfg);
+/* The longest recovery of the point so far, from since to now. */
+void NoteRecovery(PointReport &rep, std::chrono::steady_clock::time_point since);
+/* Calls of the point's plan entry on the board that died of it so far. */
+int Hits(tbdl::ctl::Client &ctl, int board, const CrashPoint &p);
+/* A point of the standby's daemon: it dies under the request stream (or
+ * the batch backup that follows its restart); then its kernel table must
+ * hold the master's bundle table, and a planned switchover to it must serve
+ * everything acknowledged. The roles are switched back at the end. */
+void RunStandbyPoint(const Options &opt, tbdl::ctl::Client &ctl, std::mt19937 &rng, Facts &facts, PointReport &rep,
+                     std::ostream &log);
+
+/* SendFill before a crash point is planned, so that every point starts with
+ * LSM and PS entries to lose; its answers count in facts only. */
+bool Refill(const Options &opt, tc::Client &cfg, Facts &facts, std::ostream &log);
 
 /* Rounds of --failover: the master fails while requests stream, then the
  * new master is checked and the failed board recovered. */

@@ -14,7 +14,6 @@
 #include <cstddef>
 #include <cstring>
 
-#include "chassis_env.h"
 #include "chassisd.h"
 #include "ktable.h"
 

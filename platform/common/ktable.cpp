@@ -15,7 +15,7 @@ namespace tbdl::plat {
 
 namespace {
 
-static_assert(kKtSlots == (1u << 13) && kKtBundles < kKtSlots, "a free slot always ends a search");
+static_assert(kKtSlots == (1u << 13) && kKtBundles < kKtSlots, "a free entry always ends a search");
 
 /* The pending flag is the commit point: the writes before it stay before
  * it and the writes after it stay after it, even for a holder killed
@@ -30,11 +30,11 @@ void SetPending(KtRedo &r, uint32_t v)
 uint32_t Home(uint32_t ifIndex) { return (ifIndex * 2654435761u) >> 19; }
 uint32_t Next(uint32_t i) { return (i + 1) & (kKtSlots - 1); }
 
-/* The slot of ifIndex, or the free slot where it would go. */
+/* The index entry of ifIndex, or the free entry where it would go. */
 uint32_t Probe(const KtTable &t, uint32_t ifIndex)
 {
     uint32_t i = Home(ifIndex);
-    while (t.astSlot[i].uiSlotState == KT_SLOT_USED && t.astSlot[i].uiIfIndex != ifIndex) {
+    while (t.auiIndex[i] != 0 && t.astBnd[t.auiIndex[i] - 1].uiIfIndex != ifIndex) {
         i = Next(i);
     }
     return i;
@@ -44,7 +44,9 @@ uint32_t Probe(const KtTable &t, uint32_t ifIndex)
 KtRedo &Begin(KtTable &t)
 {
     KtRedo &r = t.stRedo;
+    r.uiBnd = kKtNoSlot;
     r.uiSlot = kKtNoSlot;
+    r.uiSlotValue = 0;
     r.uiUsed = t.uiUsed;
     r.uiCounter = KT_CNT_NUM;
     r.ulCount = 0;
@@ -57,54 +59,55 @@ void Count(const KtTable &t, KtRedo &r, KtCounter c)
     r.ulCount = t.aulCount[c] + 1;
 }
 
-uint32_t Refuse(const KtTable &t, KtRedo &r, uint32_t rc)
+uint32_t Refuse(KtTable &t, uint32_t rc)
 {
-    r.uiSlot = kKtNoSlot;
-    r.uiUsed = t.uiUsed;
+    KtRedo &r = Begin(t);
     Count(t, r, KT_CNT_REFUSED);
     return rc;
 }
 
-/* Puts the bundle's slot in the record: as it is, or new (a member may
- * come before its bundle's first update). false when the table is full. */
+/* Puts the bundle in the record: as it is, or new at the end of the array
+ * with its index entry (a member may come before its bundle's first
+ * update). false when the table is full. */
 bool TakeBundle(const KtTable &t, KtRedo &r, uint32_t ifIndex)
 {
-    uint32_t at = Probe(t, ifIndex);
-    if (t.astSlot[at].uiSlotState == KT_SLOT_USED) {
-        r.uiSlot = at;
-        r.stSlot = t.astSlot[at];
+    uint32_t i = Probe(t, ifIndex);
+    if (t.auiIndex[i] != 0) {
+        r.uiBnd = t.auiIndex[i] - 1;
+        r.stBnd = t.astBnd[r.uiBnd];
         return true;
     }
     if (t.uiUsed >= kKtBundles) {
         return false;
     }
-    r.uiSlot = at;
-    r.stSlot = KtBundle{};
-    r.stSlot.uiSlotState = KT_SLOT_USED;
-    r.stSlot.uiIfIndex = ifIndex;
+    r.uiBnd = t.uiUsed;
+    r.stBnd = KtBundle{};
+    r.stBnd.uiIfIndex = ifIndex;
+    r.uiSlot = i;
+    r.uiSlotValue = t.uiUsed + 1;
     r.uiUsed = t.uiUsed + 1;
     return true;
 }
 
-uint32_t StageUpdate(const KtTable &t, KtRedo &r, const TBDL_KBND_S &b)
+uint32_t StageUpdate(KtTable &t, KtRedo &r, const TBDL_KBND_S &b)
 {
     if (!TakeBundle(t, r, b.uiIfIndex)) {
-        return Refuse(t, r, kKtNoSpace);
+        return Refuse(t, kKtNoSpace);
     }
-    r.stSlot.uiUpdated = 1;
-    r.stSlot.stLast = b;
+    r.stBnd.uiUpdated = 1;
+    r.stBnd.stLast = b;
     Count(t, r, KT_CNT_UPDATE);
     return 0;
 }
 
 /* Member add is idempotent and keeps the order added; deleting an absent
  * member is taken too. */
-uint32_t StageMember(const KtTable &t, KtRedo &r, uint32_t cmd, const TBDL_KMEMB_S &m)
+uint32_t StageMember(KtTable &t, KtRedo &r, uint32_t cmd, const TBDL_KMEMB_S &m)
 {
     if (!TakeBundle(t, r, m.uiBndIfIndex)) {
-        return Refuse(t, r, kKtNoSpace);
+        return Refuse(t, kKtNoSpace);
     }
-    KtBundle &s = r.stSlot;
+    KtBundle &s = r.stBnd;
     uint32_t *end = s.auiMemb + s.uiMembCnt;
     uint32_t *it = std::find(s.auiMemb, end, m.uiMembIfIndex);
     if (cmd == TBDL_KCMD_MEMB_DEL) {
@@ -117,7 +120,7 @@ uint32_t StageMember(const KtTable &t, KtRedo &r, uint32_t cmd, const TBDL_KMEMB
     }
     if (it == end) {
         if (s.uiMembCnt == kKtMembers) {
-            return Refuse(t, r, kKtNoSpace);
+            return Refuse(t, kKtNoSpace);
         }
         s.auiMemb[s.uiMembCnt++] = m.uiMembIfIndex;
     }
@@ -125,10 +128,10 @@ uint32_t StageMember(const KtTable &t, KtRedo &r, uint32_t cmd, const TBDL_KMEMB
     return 0;
 }
 
-uint32_t Decide(const KtTable &t, KtRedo &r, uint32_t dev, uint32_t cmd, const void *buf, size_t len)
+uint32_t Decide(KtTable &t, KtRedo &r, uint32_t dev, uint32_t cmd, const void *buf, size_t len)
 {
     if (dev != TBDL_KTBDL_DEV) {
-        return Refuse(t, r, kKtNoDevice);
+        return Refuse(t, kKtNoDevice);
     }
     TBDL_KBND_S b;
     if (cmd == TBDL_KCMD_BND_UPDATE && rpc::Decode(buf, len, b)) {
@@ -138,22 +141,35 @@ uint32_t Decide(const KtTable &t, KtRedo &r, uint32_t dev, uint32_t cmd, const v
     if ((cmd == TBDL_KCMD_MEMB_ADD || cmd == TBDL_KCMD_MEMB_DEL) && rpc::Decode(buf, len, m)) {
         return StageMember(t, r, cmd, m);
     }
-    return Refuse(t, r, kKtInvalid);
+    return Refuse(t, kKtInvalid);
 }
 
-/* Removes slot i and moves up the entries after it that would no longer
- * be found from their home slot. */
-void RemoveSlot(KtTable &t, uint32_t i)
+/* Frees index entry i and moves up the entries after it that would no
+ * longer be found from their home entry. */
+void RemoveEntry(KtTable &t, uint32_t i)
 {
-    for (uint32_t j = Next(i); t.astSlot[j].uiSlotState == KT_SLOT_USED; j = Next(j)) {
-        uint32_t k = Home(t.astSlot[j].uiIfIndex);
+    for (uint32_t j = Next(i); t.auiIndex[j] != 0; j = Next(j)) {
+        uint32_t k = Home(t.astBnd[t.auiIndex[j] - 1].uiIfIndex);
         bool stays = i <= j ? (i < k && k <= j) : (i < k || k <= j);
         if (!stays) {
-            t.astSlot[i] = t.astSlot[j];
+            t.auiIndex[i] = t.auiIndex[j];
             i = j;
         }
     }
-    t.astSlot[i] = KtBundle{};
+    t.auiIndex[i] = 0;
+}
+
+/* Frees the bundle at pos; the last bundle takes its place, so the array
+ * stays packed. */
+void RemoveBundle(KtTable &t, uint32_t pos)
+{
+    uint32_t last = t.uiUsed - 1;
+    if (pos != last) {
+        t.astBnd[pos] = t.astBnd[last];
+        t.auiIndex[Probe(t, t.astBnd[pos].uiIfIndex)] = pos + 1;
+    }
+    t.astBnd[last] = KtBundle{};
+    t.uiUsed = last;
 }
 
 } // namespace
@@ -219,8 +235,11 @@ void KtApply(KtTable *t)
     if (r.uiPending == 0) {
         return;
     }
+    if (r.uiBnd < kKtBundles) {
+        t->astBnd[r.uiBnd] = r.stBnd;
+    }
     if (r.uiSlot < kKtSlots) {
-        t->astSlot[r.uiSlot] = r.stSlot;
+        t->auiIndex[r.uiSlot] = r.uiSlotValue;
     }
     if (r.uiCounter < KT_CNT_NUM) {
         t->aulCount[r.uiCounter] = r.ulCount;
@@ -256,7 +275,8 @@ void KtClear(KtTable *t)
     if (!KtLockTable(t)) {
         return;
     }
-    std::memset(static_cast<void *>(t->astSlot), 0, sizeof(t->astSlot));
+    std::memset(t->auiIndex, 0, sizeof(t->auiIndex));
+    std::memset(static_cast<void *>(t->astBnd), 0, t->uiUsed * sizeof(KtBundle));
     std::memset(t->aulCount, 0, sizeof(t->aulCount));
     t->uiUsed = 0;
     KtUnlockTable(t);
@@ -267,10 +287,11 @@ void KtForget(KtTable *t, uint32_t ifIndex)
     if (!KtLockTable(t)) {
         return;
     }
-    uint32_t at = Probe(*t, ifIndex);
-    if (t->astSlot[at].uiSlotState == KT_SLOT_USED) {
-        RemoveSlot(*t, at);
-        t->uiUsed--;
+    uint32_t i = Probe(*t, ifIndex);
+    if (t->auiIndex[i] != 0) {
+        uint32_t pos = t->auiIndex[i] - 1;
+        RemoveEntry(*t, i);
+        RemoveBundle(*t, pos);
     }
     KtUnlockTable(t);
 }
@@ -282,11 +303,7 @@ bool KtRead(KtTable *t, KtSnapshot &out)
     if (!KtLockTable(t)) {
         return false;
     }
-    for (const KtBundle &s : t->astSlot) {
-        if (s.uiSlotState == KT_SLOT_USED) {
-            out.bundles.push_back(s);
-        }
-    }
+    out.bundles.assign(t->astBnd, t->astBnd + t->uiUsed);
     std::copy(std::begin(t->aulCount), std::end(t->aulCount), out.counts);
     KtUnlockTable(t);
     std::sort(out.bundles.begin(), out.bundles.end(),

@@ -5,12 +5,13 @@
  * library, whose CIOCTL applies the daemon's command in place, as the one
  * system call it is on the device.
  *
- * The table holds bundles by interface index in open-addressing slots,
- * each with its last bundle update (TBDL_KBND_S) and its members in the
- * order added. Every change is made under a process-shared robust mutex
- * and is crash-atomic: the whole change (the one slot it rewrites and the
- * counters it sets) is written to the redo record first and then applied;
- * a locker that finds the previous holder dead applies a pending record
+ * Bundles sit packed at the front of their array, each with its last
+ * bundle update (TBDL_KBND_S) and its members in the order added; an
+ * open-addressing index by interface index finds them. Every change is
+ * made under a process-shared robust mutex and is crash-atomic: the whole
+ * change (the bundle it rewrites, the index entry it sets, the totals and
+ * the counter) is written to the redo record first and then applied; a
+ * locker that finds the previous holder dead applies a pending record
  * again, so a daemon killed in the middle leaves the command either not
  * made or fully made. */
 #ifndef TBDL_PLAT_KTABLE_H
@@ -29,7 +30,7 @@ namespace tbdl::plat {
 
 inline constexpr uint32_t kKtMagic = 0x4b54424cu; /* "KTBL" */
 inline constexpr size_t kKtBundles = 4096;        /* bundles the table takes */
-inline constexpr size_t kKtSlots = 8192;          /* index slots, a power of two */
+inline constexpr size_t kKtSlots = 8192;          /* index entries, a power of two */
 inline constexpr size_t kKtMembers = 64;          /* members per bundle */
 inline constexpr uint32_t kKtMaxPayload = 4096;   /* longest command buffer */
 inline constexpr uint32_t kKtNoSlot = 0xFFFFFFFFu;
@@ -41,34 +42,36 @@ inline constexpr uint32_t kKtNoSpace = 28; /* table or member list full */
 
 inline constexpr uint32_t kKtBroken = 5;  /* the lock cannot be had */
 
-enum KtSlotState : uint32_t { KT_SLOT_FREE = 0, KT_SLOT_USED = 1 };
 enum KtCounter : uint32_t { KT_CNT_UPDATE, KT_CNT_ADD, KT_CNT_DEL, KT_CNT_REFUSED, KT_CNT_NUM };
 
 struct KtBundle {
-    uint32_t uiSlotState; /* KtSlotState */
     uint32_t uiIfIndex;
     uint32_t uiUpdated; /* 1 once a bundle update came */
     uint32_t uiMembCnt;
-    TBDL_KBND_S stLast; /* the last bundle update */
     uint32_t uiResv;
+    TBDL_KBND_S stLast; /* the last bundle update */
+    uint32_t uiResv2;
     uint32_t auiMemb[kKtMembers]; /* in the order added */
 };
-static_assert(sizeof(KtBundle) == 312, "a bundle slot is 312 bytes");
+static_assert(sizeof(KtBundle) == 312, "a bundle is 312 bytes");
 static_assert(offsetof(KtBundle, stLast) == 16 && offsetof(KtBundle, auiMemb) == 56, "head, update, members");
 
-/* The change being made: the slot's new content (uiSlot kKtNoSlot: none),
- * the number of bundles after it and the new value of one counter
- * (uiCounter KT_CNT_NUM: none). */
+/* The change being made: the bundle's new content at its position (uiBnd
+ * kKtNoSlot: none), the index entry it sets (uiSlot kKtNoSlot: none), the
+ * number of bundles after it and the new value of one counter (uiCounter
+ * KT_CNT_NUM: none). */
 struct KtRedo {
     uint32_t uiPending; /* 1 from the moment the record is complete until the change is made */
+    uint32_t uiBnd;
     uint32_t uiSlot;
+    uint32_t uiSlotValue;
     uint32_t uiUsed;
     uint32_t uiCounter;
     uint64_t ulCount;
-    KtBundle stSlot;
+    KtBundle stBnd;
 };
-static_assert(sizeof(KtRedo) == 336, "the redo record is 336 bytes");
-static_assert(offsetof(KtRedo, ulCount) == 16 && offsetof(KtRedo, stSlot) == 24, "totals, counter, slot");
+static_assert(sizeof(KtRedo) == 344, "the redo record is 344 bytes");
+static_assert(offsetof(KtRedo, ulCount) == 24 && offsetof(KtRedo, stBnd) == 32, "places, counter, bundle");
 
 union KtLock {
     pthread_mutex_t stMutex;
@@ -78,16 +81,18 @@ static_assert(sizeof(pthread_mutex_t) <= 64, "the mutex fits its 64 bytes");
 
 struct KtTable {
     uint32_t uiMagic;
-    uint32_t uiUsed; /* slots KT_SLOT_USED, at most kKtBundles */
+    uint32_t uiUsed; /* bundles, in astBnd[0, uiUsed) */
     uint32_t auiResv[2];
     KtLock unLock;
     uint64_t aulCount[KT_CNT_NUM]; /* commands taken, by kind, and refused */
     KtRedo stRedo;
-    KtBundle astSlot[kKtSlots];
+    uint32_t auiIndex[kKtSlots]; /* 0 free, else the bundle's position + 1 */
+    KtBundle astBnd[kKtBundles];
 };
 static_assert(offsetof(KtTable, unLock) == 16 && offsetof(KtTable, aulCount) == 80, "head, lock, counters");
-static_assert(offsetof(KtTable, stRedo) == 112 && offsetof(KtTable, astSlot) == 448, "redo record, then slots");
-static_assert(sizeof(KtTable) == 448 + kKtSlots * sizeof(KtBundle), "the table is its head and slots");
+static_assert(offsetof(KtTable, stRedo) == 112 && offsetof(KtTable, auiIndex) == 456, "redo record, then index");
+static_assert(offsetof(KtTable, astBnd) == 456 + kKtSlots * 4, "bundles after the index");
+static_assert(sizeof(KtTable) == offsetof(KtTable, astBnd) + kKtBundles * sizeof(KtBundle), "nothing after");
 
 /* Path of a board's table file. */
 std::string KtPathOf(const std::string &dir, int board);

@@ -98,8 +98,8 @@ TEST_F(Ktable, ForgottenBundlesLeaveTheOthersFoundAndTheirRoomFree)
 }
 
 /* A process that dies or exits holding the lock: the next locker gets a
- * usable table in which the dead holder's member add is either not made
- * or made exactly once. */
+ * usable table in which the dead holder's first member add to a new
+ * bundle is either not made or made exactly once. */
 TEST_F(Ktable, HolderThatDiesLeavesTheCommandUndoneOrDoneOnce)
 {
     enum Stage { LOCKED, RECORD_INCOMPLETE, RECORD_PENDING, HALF_MADE, MADE_NOT_CLEARED };
@@ -113,15 +113,15 @@ TEST_F(Ktable, HolderThatDiesLeavesTheCommandUndoneOrDoneOnce)
         {"exited holding the lock", LOCKED, false, false},
         {"killed before its record was complete", RECORD_INCOMPLETE, true, false},
         {"killed with its record pending", RECORD_PENDING, true, true},
-        {"killed with the slot written, not the counter", HALF_MADE, true, true},
+        {"killed with the bundle written, not its index entry", HALF_MADE, true, true},
         {"killed after the change, record still pending", MADE_NOT_CLEARED, true, true},
     };
     uint32_t bnd = 100;
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
         ++bnd;
-        ASSERT_EQ(Memb(TBDL_KCMD_MEMB_ADD, bnd, 1), 0u);
-        uint64_t adds = Read().counts[KT_CNT_ADD];
+        ASSERT_EQ(Update(bnd + 1000), 0u);
+        KtSnapshot before = Read();
         pid_t pid = fork();
         ASSERT_GE(pid, 0);
         if (pid == 0) {
@@ -133,9 +133,11 @@ TEST_F(Ktable, HolderThatDiesLeavesTheCommandUndoneOrDoneOnce)
             KtRedo &r = t->stRedo;
             r.uiPending = c.stage == RECORD_INCOMPLETE ? 0 : r.uiPending;
             if (c.stage >= HALF_MADE) {
-                t->astSlot[r.uiSlot] = r.stSlot;
+                t->astBnd[r.uiBnd] = r.stBnd;
             }
             if (c.stage == MADE_NOT_CLEARED) {
+                t->auiIndex[r.uiSlot] = r.uiSlotValue;
+                t->uiUsed = r.uiUsed;
                 t->aulCount[r.uiCounter] = r.ulCount;
             }
             (void)(c.kill ? raise(SIGKILL) : 0);
@@ -144,8 +146,9 @@ TEST_F(Ktable, HolderThatDiesLeavesTheCommandUndoneOrDoneOnce)
         int status = 0;
         ASSERT_EQ(waitpid(pid, &status, 0), pid);
         KtSnapshot s = Read();
-        EXPECT_EQ(s.counts[KT_CNT_ADD], adds + (c.made ? 1 : 0));
-        EXPECT_EQ(Members(s, bnd), c.made ? std::vector<uint32_t>({1, 2}) : std::vector<uint32_t>({1}));
+        EXPECT_EQ(s.counts[KT_CNT_ADD], before.counts[KT_CNT_ADD] + (c.made ? 1 : 0));
+        EXPECT_EQ(s.bundles.size(), before.bundles.size() + (c.made ? 1 : 0));
+        EXPECT_EQ(Members(s, bnd), c.made ? std::vector<uint32_t>({2}) : std::vector<uint32_t>());
         EXPECT_EQ(Memb(TBDL_KCMD_MEMB_ADD, bnd, 3), 0u) << "the table is usable after";
         EXPECT_EQ(Members(Read(), bnd).back(), 3u);
     }

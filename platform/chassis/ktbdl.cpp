@@ -2,39 +2,29 @@
  * index and their members, changed by the three commands a daemon sends
  * with CIOCTL to TBDL_KTBDL_DEV: bundle update (TBDL_KBND_S), member add
  * and member delete (TBDL_KMEMB_S).
- * A member may be added before the bundle's first update (recovery pushes
- * members first); the bundle then shows no update yet. The table lives as
- * long as the board's kernel: a daemon restart keeps it, a chassis reboot
- * clears it. */
+ * The table is a shared file per board (ktable.h): the board's library
+ * applies its daemon's commands in place, chassisd creates it, clears it,
+ * forgets destroyed bundle interfaces and dumps it. Commands that reach
+ * chassisd (a library that could not map the table) are applied the same
+ * way here. The table lives as long as the board's kernel: a daemon
+ * restart keeps it, a chassis reboot clears it. */
 #include <arpa/inet.h>
 
-#include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 
 #include "chassisd.h"
-#include "tbdl_ktbdl.h"
+#include "ktable.h"
 
 namespace chassis {
 
 namespace {
 
-/* Answers for commands the module does not take (errno-like values). */
-constexpr uint32_t kNoDevice = 19;
-constexpr uint32_t kInvalid = 22;
-
-struct KBundle {
-    bool updated = false;
-    TBDL_KBND_S last{};
-    std::vector<uint32_t> members; /* in the order added */
-};
-
-struct Table {
-    std::map<uint32_t, KBundle> bundles;
-    uint64_t counts[3] = {};
-    uint64_t refused = 0;
-};
-Table g_tables[tbdl::plat::kMaxBoards];
+/* Each present board's mapped table (null for a board not in the chassis). */
+struct Ktbdl {
+    tbdl::plat::KtTable *tables[tbdl::plat::kMaxBoards] = {};
+} g_ktbdl;
 
 std::string AddrText(const TBDL_KBND_S &b)
 {
@@ -63,40 +53,24 @@ std::string Hex(const void *p, size_t n)
 
 namespace {
 
+/* chassisd starts the chassis: every board's table starts empty. */
+bool Init(std::string &err)
+{
+    for (int b : g_opt.settings.boards) {
+        std::string path = tbdl::plat::KtPathOf(g_opt.dir, b);
+        g_ktbdl.tables[b] = tbdl::plat::KtCreate(path);
+        if (g_ktbdl.tables[b] == nullptr) {
+            err = "cannot create " + path + ": " + std::strerror(errno);
+            return false;
+        }
+    }
+    return true;
+}
+
 uint32_t Command(int board, uint32_t dev, uint32_t cmd, const uint8_t *p, size_t len)
 {
-    Table &t = g_tables[board];
-    if (dev != TBDL_KTBDL_DEV) {
-        t.refused++;
-        return kNoDevice;
-    }
-    TBDL_KBND_S b;
-    if (cmd == TBDL_KCMD_BND_UPDATE && tbdl::rpc::Decode(p, len, b)) {
-        KBundle &kb = t.bundles[b.uiIfIndex];
-        kb.updated = true;
-        kb.last = b;
-        t.counts[0]++;
-        return 0;
-    }
-    TBDL_KMEMB_S m;
-    if ((cmd == TBDL_KCMD_MEMB_ADD || cmd == TBDL_KCMD_MEMB_DEL) && tbdl::rpc::Decode(p, len, m)) {
-        auto &members = t.bundles[m.uiBndIfIndex].members;
-        auto it = std::find(members.begin(), members.end(), m.uiMembIfIndex);
-        if (cmd == TBDL_KCMD_MEMB_ADD) {
-            if (it == members.end()) {
-                members.push_back(m.uiMembIfIndex);
-            }
-            t.counts[1]++;
-        } else {
-            if (it != members.end()) {
-                members.erase(it);
-            }
-            t.counts[2]++;
-        }
-        return 0;
-    }
-    t.refused++;
-    return kInvalid;
+    tbdl::plat::KtTable *t = g_ktbdl.tables[board];
+    return t != nullptr ? tbdl::plat::KtCommand(t, dev, cmd, p, len) : tbdl::plat::kKtNoDevice;
 }
 
 void OnCioctl(Conn &c, const tbdl::rpc::Hdr &h, const uint8_t *p, size_t len)
@@ -113,14 +87,21 @@ void OnCioctl(Conn &c, const tbdl::rpc::Hdr &h, const uint8_t *p, size_t len)
 
 /* The table lives as long as the board's kernel: gone at a reboot or a
  * board failure. */
-void Clear(int board, ClearReason) { g_tables[board] = Table{}; }
+void Clear(int board, ClearReason)
+{
+    if (g_ktbdl.tables[board] != nullptr) {
+        tbdl::plat::KtClear(g_ktbdl.tables[board]);
+    }
+}
 
 } // namespace
 
 void KtbdlForgetIndex(uint32_t ifIndex)
 {
-    for (Table &t : g_tables) {
-        t.bundles.erase(ifIndex);
+    for (tbdl::plat::KtTable *t : g_ktbdl.tables) {
+        if (t != nullptr) {
+            tbdl::plat::KtForget(t, ifIndex);
+        }
     }
 }
 
@@ -138,32 +119,36 @@ std::string NameOf(uint32_t ifIndex)
  * in the same order. */
 Json Dump(int board)
 {
-    const Table &t = g_tables[board];
+    tbdl::plat::KtSnapshot t;
+    if (g_ktbdl.tables[board] != nullptr) {
+        tbdl::plat::KtRead(g_ktbdl.tables[board], t);
+    }
     Json bundles = Json::array();
-    for (const auto &[idx, kb] : t.bundles) {
+    for (const tbdl::plat::KtBundle &kb : t.bundles) {
+        std::vector<uint32_t> members(kb.auiMemb, kb.auiMemb + kb.uiMembCnt);
         Json names = Json::array();
-        for (uint32_t m : kb.members) {
+        for (uint32_t m : members) {
             names.push_back(NameOf(m));
         }
-        Json j = {{"ifindex", idx}, {"name", NameOf(idx)}, {"updated", kb.updated},
-                  {"members", kb.members}, {"member_names", names}};
-        if (kb.updated) {
-            j["family"] = kb.last.stAddr.usFamily;
-            j["address"] = AddrText(kb.last);
-            j["tnl_mode"] = kb.last.uiTnlMode;
-            j["state"] = kb.last.uiState;
-            j["vrf"] = kb.last.usVrfIndex;
-            j["payload"] = Hex(&kb.last, sizeof(kb.last));
+        Json j = {{"ifindex", kb.uiIfIndex}, {"name", NameOf(kb.uiIfIndex)}, {"updated", kb.uiUpdated != 0},
+                  {"members", members}, {"member_names", names}};
+        if (kb.uiUpdated != 0) {
+            j["family"] = kb.stLast.stAddr.usFamily;
+            j["address"] = AddrText(kb.stLast);
+            j["tnl_mode"] = kb.stLast.uiTnlMode;
+            j["state"] = kb.stLast.uiState;
+            j["vrf"] = kb.stLast.usVrfIndex;
+            j["payload"] = Hex(&kb.stLast, sizeof(kb.stLast));
         }
         bundles.push_back(j);
     }
     return {{"board", board},
             {"bundles", bundles},
             {"commands",
-             {{"bundle_update", t.counts[0]},
-              {"member_add", t.counts[1]},
-              {"member_delete", t.counts[2]},
-              {"refused", t.refused}}}};
+             {{"bundle_update", t.counts[tbdl::plat::KT_CNT_UPDATE]},
+              {"member_add", t.counts[tbdl::plat::KT_CNT_ADD]},
+              {"member_delete", t.counts[tbdl::plat::KT_CNT_DEL]},
+              {"refused", t.counts[tbdl::plat::KT_CNT_REFUSED]}}}};
 }
 
 } // namespace
@@ -175,7 +160,8 @@ const Service &KtbdlService()
                            .clearBoard = Clear,
                            .dumpName = "ktbdl",
                            .dumpNeedsBoard = true,
-                           .dump = Dump};
+                           .dump = Dump,
+                           .init = Init};
     return s;
 }
 

@@ -7,6 +7,7 @@
 #include <signal.h>
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <thread>
 
@@ -67,6 +68,15 @@ private:
             const std::uint32_t n = m_base + i;
             if (!Ack(n, 0, m_client.CreateBundle(n, TBDL_MODE_LOADBALANCING, 0)) ||
                 (i <= kTunnels && !Ack(n, n, m_client.AddMember(n, {n, 1, 0})))) {
+                m_endedEarly = true;
+                return;
+            }
+        }
+        /* Every bundle is made: displays keep the connection busy until the
+         * kill ends it, however fast the daemon went. */
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (std::chrono::steady_clock::now() < deadline) {
+            if (!m_client.ShowBundle(m_base + 1)) {
                 m_endedEarly = true;
                 return;
             }

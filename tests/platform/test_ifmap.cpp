@@ -1,0 +1,110 @@
+/* The shared interface table: its two indexes through fills, colliding
+ * keys and removals in several orders, and a reader that keeps its mapping
+ * while the writer starts over. */
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+
+#include "ifmap.h"
+#include "plat_test_env.h"
+
+namespace {
+
+using namespace tbdl::plat;
+
+IfMapSlot Tunnel(uint32_t n)
+{
+    IfMapSlot s{};
+    std::snprintf(s.acName, sizeof(s.acName), "Tunnel%u", n);
+    s.uiIfIndex = 0x100 + n;
+    s.uiNumber = n;
+    s.usVrf = static_cast<uint16_t>(n);
+    return s;
+}
+
+/* Tunnel n is found by name and by index with its own record, or by
+ * neither. */
+testing::AssertionResult Holds(const IfMapFile *m, uint32_t n, bool want)
+{
+    IfMapSlot a{}, b{};
+    IfMapRead byName = IfMapFindName(m, Tunnel(n).acName, a);
+    IfMapRead byIndex = IfMapFindIndex(m, Tunnel(n).uiIfIndex, b);
+    IfMapRead expect = want ? IfMapRead::FOUND : IfMapRead::ABSENT;
+    if (byName == expect && byIndex == expect && (!want || (a.uiNumber == n && b.uiNumber == n && a.usVrf == n))) {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure() << "Tunnel" << n << ": by name " << static_cast<int>(byName) << " number "
+                                       << a.uiNumber << ", by index " << static_cast<int>(byIndex) << " number "
+                                       << b.uiNumber;
+}
+
+class IfMapTable : public testing::Test {
+protected:
+    plattest::TempChassis chassis;
+    std::string path = IfMapPathOf(chassis.Dir());
+    IfMapFile *w = IfMapCreate(path);
+    const IfMapFile *r = IfMapOpen(path);
+    void TearDown() override
+    {
+        IfMapClose(r);
+        IfMapClose(w);
+    }
+};
+
+TEST_F(IfMapTable, FullTableThenRemovalsInSeveralOrders)
+{
+    ASSERT_NE(w, nullptr);
+    ASSERT_NE(r, nullptr);
+    for (uint32_t n = 0; n < kIfMapCapacity; ++n) {
+        ASSERT_TRUE(IfMapPut(w, Tunnel(n)));
+    }
+    EXPECT_FALSE(IfMapPut(w, Tunnel(kIfMapCapacity))) << "one more than the capacity";
+    const struct {
+        const char *what;
+        bool (*removed)(uint32_t n);
+    } phases[] = {
+        {"every third", [](uint32_t n) { return n % 3 == 0; }},
+        {"then the upper half", [](uint32_t n) { return n % 3 == 0 || n >= kIfMapCapacity / 2; }},
+        {"then all", [](uint32_t) { return true; }},
+    };
+    for (const auto &p : phases) {
+        uint32_t left = 0;
+        for (uint32_t n = kIfMapCapacity; n-- > 0;) {
+            if (p.removed(n)) {
+                IfMapRemove(w, Tunnel(n).uiIfIndex);
+            }
+        }
+        for (uint32_t n = 0; n < kIfMapCapacity; ++n) {
+            ASSERT_TRUE(Holds(r, n, !p.removed(n))) << p.what;
+            left += p.removed(n) ? 0 : 1;
+        }
+        EXPECT_EQ(r->stHdr.uiCount, left) << p.what;
+    }
+    ASSERT_TRUE(IfMapPut(w, Tunnel(7)));
+    EXPECT_TRUE(Holds(r, 7, true)) << "a slot freed by removals is used again";
+}
+
+TEST_F(IfMapTable, ReplacedRecordsAndAReaderAcrossARestartOfTheWriter)
+{
+    ASSERT_TRUE(IfMapPut(w, Tunnel(1)));
+    IfMapSlot renamed = Tunnel(2);
+    renamed.uiIfIndex = Tunnel(1).uiIfIndex;
+    renamed.usVrf = 2;
+    renamed.uiNumber = 2;
+    ASSERT_TRUE(IfMapPut(w, renamed));
+    IfMapSlot got{};
+    EXPECT_EQ(IfMapFindName(r, "Tunnel1", got), IfMapRead::ABSENT);
+    EXPECT_EQ(IfMapFindName(r, "Tunnel2", got), IfMapRead::FOUND);
+    EXPECT_EQ(got.uiIfIndex, Tunnel(1).uiIfIndex);
+
+    IfMapFile *again = IfMapCreate(path); /* chassisd starting again */
+    ASSERT_NE(again, nullptr);
+    EXPECT_EQ(IfMapFindName(r, "Tunnel2", got), IfMapRead::ABSENT);
+    ASSERT_TRUE(IfMapPut(again, Tunnel(3)));
+    EXPECT_TRUE(Holds(r, 3, true));
+    EXPECT_EQ(r->stHdr.uiSeq.load() % 2, 0u);
+    IfMapClose(again);
+}
+
+} // namespace

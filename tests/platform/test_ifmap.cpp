@@ -3,8 +3,10 @@
  * while the writer starts over. */
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdio>
 #include <string>
+#include <thread>
 
 #include "ifmap.h"
 #include "plat_test_env.h"
@@ -105,6 +107,35 @@ TEST_F(IfMapTable, ReplacedRecordsAndAReaderAcrossARestartOfTheWriter)
     EXPECT_TRUE(Holds(r, 3, true));
     EXPECT_EQ(r->stHdr.uiSeq.load() % 2, 0u);
     IfMapClose(again);
+}
+
+/* Removing Tunnel0 or Tunnel1 moves another record into its slot, so a
+ * reader that trusted a copy taken during a change would get another
+ * interface's record. */
+TEST_F(IfMapTable, ReadersNeverKeepACopyTakenDuringAChange)
+{
+    for (uint32_t n = 0; n < 4; ++n) {
+        ASSERT_TRUE(IfMapPut(w, Tunnel(n)));
+    }
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        for (uint32_t k = 0; !stop.load(); ++k) {
+            IfMapRemove(w, Tunnel(k % 2).uiIfIndex);
+            IfMapPut(w, Tunnel(k % 2));
+        }
+    });
+    uint32_t found = 0, wrong = 0;
+    for (uint32_t i = 0; i < 200000; ++i) {
+        IfMapSlot s{};
+        if (IfMapFindIndex(r, Tunnel(i % 4).uiIfIndex, s) == IfMapRead::FOUND) {
+            ++found;
+            wrong += s.uiNumber == i % 4 && s.usVrf == i % 4 ? 0 : 1;
+        }
+    }
+    stop = true;
+    writer.join();
+    EXPECT_EQ(wrong, 0u) << "of " << found << " records found";
+    EXPECT_GT(found, 0u);
 }
 
 } // namespace

@@ -67,6 +67,9 @@ void IndexAdd(IfMapIdx *tab, uint32_t key, uint32_t slot)
  * in it move back, so every entry stays reachable from its home. */
 void IndexErase(IfMapIdx *tab, uint32_t hole)
 {
+    if (hole == kIfMapIndexSize) {
+        return; /* not indexed: nothing to erase */
+    }
     for (uint32_t pos = (hole + 1) & kIndexMask; tab[pos].uiSlot != 0; pos = (pos + 1) & kIndexMask) {
         uint32_t home = Home(tab[pos].uiKey);
         bool stays = hole <= pos ? (hole < home && home <= pos) : (hole < home || home <= pos);
@@ -97,6 +100,15 @@ uint32_t EntryOf(const IfMapIdx *tab, uint32_t key, uint32_t slot)
     return Probe(tab, key, [&](uint32_t s) { return s == slot; });
 }
 
+/* Makes the entry of key that names slot from name slot to. */
+void Repoint(IfMapIdx *tab, uint32_t key, uint32_t from, uint32_t to)
+{
+    uint32_t pos = EntryOf(tab, key, from);
+    if (pos != kIfMapIndexSize) {
+        tab[pos].uiSlot = to + 1;
+    }
+}
+
 /* A write section: the counter is odd from the first change to the last. */
 class Writing {
 public:
@@ -119,8 +131,8 @@ void FillHole(IfMapFile *m, uint32_t slot)
     uint32_t last = m->stHdr.uiCount - 1;
     if (slot != last) {
         const IfMapSlot &moved = m->astSlot[last];
-        m->astByIndex[EntryOf(m->astByIndex, moved.uiIfIndex, last)].uiSlot = slot + 1;
-        m->astByName[EntryOf(m->astByName, NameHash(moved), last)].uiSlot = slot + 1;
+        Repoint(m->astByIndex, moved.uiIfIndex, last, slot);
+        Repoint(m->astByName, NameHash(moved), last, slot);
         m->astSlot[slot] = moved;
     }
     m->astSlot[last] = IfMapSlot{};

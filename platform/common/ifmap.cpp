@@ -221,12 +221,8 @@ bool IfMapPut(IfMapFile *m, const IfMapSlot &slot)
     Writing w(m);
     uint32_t pos = FindByIndex(m, slot.uiIfIndex);
     if (pos != kIfMapIndexSize) {
-        IfMapSlot &cur = m->astSlot[m->astByIndex[pos].uiSlot - 1];
-        if (std::strncmp(cur.acName, slot.acName, kIfMapNameLen) == 0) {
-            cur = slot;
-            return true;
-        }
-        RemoveLocked(m, slot.uiIfIndex); /* renamed: indexed again below */
+        m->astSlot[m->astByIndex[pos].uiSlot - 1] = slot;
+        return true;
     }
     if (m->stHdr.uiCount == kIfMapCapacity) {
         return false;

@@ -77,8 +77,9 @@ std::string IfMapPathOf(const std::string &dir); /* dir/interfaces.map */
  * reader that mapped it before keeps a valid mapping. nullptr on failure. */
 IfMapFile *IfMapCreate(const std::string &path);
 void IfMapClear(IfMapFile *m);
-/* Adds the interface or replaces the one with its index. false when the
- * table is full or the name too long. */
+/* Adds the interface or replaces the record with its index (an interface
+ * keeps its name for life). false when the table is full or the name too
+ * long. */
 bool IfMapPut(IfMapFile *m, const IfMapSlot &slot);
 void IfMapRemove(IfMapFile *m, uint32_t ifIndex);
 

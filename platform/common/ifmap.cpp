@@ -37,17 +37,19 @@ uint32_t NameHash(const IfMapSlot &s)
     return NameHash(s.acName, strnlen(s.acName, kIfMapNameLen));
 }
 
-/* Position of the entry with key whose slot satisfies match, or
- * kIfMapIndexSize. Bounded, and slot numbers are checked, so a reader
+/* Position of the entry of key whose slot satisfies match, or
+ * kIfMapIndexSize. Only entries with key's home position are matched
+ * against their slot. Bounded, and slot numbers are checked, so a reader
  * racing a writer cannot run away; its copy is discarded anyway. */
 template <class Match> uint32_t Probe(const IfMapIdx *tab, uint32_t key, Match match)
 {
-    for (uint32_t n = 0, pos = Home(key); n < kIfMapIndexSize; ++n, pos = (pos + 1) & kIndexMask) {
+    uint32_t home = Home(key);
+    for (uint32_t n = 0, pos = home; n < kIfMapIndexSize; ++n, pos = (pos + 1) & kIndexMask) {
         const IfMapIdx e = tab[pos];
-        if (e.uiSlot == 0) {
+        if (e.usSlot == 0) {
             break;
         }
-        if (e.uiKey == key && e.uiSlot <= kIfMapCapacity && match(e.uiSlot - 1)) {
+        if (e.usHome == home && e.usSlot <= kIfMapCapacity && match(e.usSlot - 1u)) {
             return pos;
         }
     }
@@ -57,10 +59,10 @@ template <class Match> uint32_t Probe(const IfMapIdx *tab, uint32_t key, Match m
 void IndexAdd(IfMapIdx *tab, uint32_t key, uint32_t slot)
 {
     uint32_t pos = Home(key);
-    while (tab[pos].uiSlot != 0) {
+    while (tab[pos].usSlot != 0) {
         pos = (pos + 1) & kIndexMask;
     }
-    tab[pos] = IfMapIdx{key, slot + 1};
+    tab[pos] = IfMapIdx{static_cast<uint16_t>(slot + 1), static_cast<uint16_t>(Home(key))};
 }
 
 /* Linear probing without tombstones: entries after the hole that may sit
@@ -70,8 +72,8 @@ void IndexErase(IfMapIdx *tab, uint32_t hole)
     if (hole == kIfMapIndexSize) {
         return; /* not indexed: nothing to erase */
     }
-    for (uint32_t pos = (hole + 1) & kIndexMask; tab[pos].uiSlot != 0; pos = (pos + 1) & kIndexMask) {
-        uint32_t home = Home(tab[pos].uiKey);
+    for (uint32_t pos = (hole + 1) & kIndexMask; tab[pos].usSlot != 0; pos = (pos + 1) & kIndexMask) {
+        uint32_t home = tab[pos].usHome;
         bool stays = hole <= pos ? (hole < home && home <= pos) : (hole < home || home <= pos);
         if (!stays) {
             tab[hole] = tab[pos];
@@ -83,7 +85,7 @@ void IndexErase(IfMapIdx *tab, uint32_t hole)
 
 uint32_t FindByIndex(const IfMapFile *m, uint32_t ifIndex)
 {
-    return Probe(m->astByIndex, ifIndex, [](uint32_t) { return true; });
+    return Probe(m->astByIndex, ifIndex, [&](uint32_t slot) { return m->astSlot[slot].uiIfIndex == ifIndex; });
 }
 
 uint32_t FindByName(const IfMapFile *m, const char *name, size_t len)
@@ -105,7 +107,7 @@ void Repoint(IfMapIdx *tab, uint32_t key, uint32_t from, uint32_t to)
 {
     uint32_t pos = EntryOf(tab, key, from);
     if (pos != kIfMapIndexSize) {
-        tab[pos].uiSlot = to + 1;
+        tab[pos].usSlot = static_cast<uint16_t>(to + 1);
     }
 }
 
@@ -145,7 +147,7 @@ void RemoveLocked(IfMapFile *m, uint32_t ifIndex)
     if (pos == kIfMapIndexSize) {
         return;
     }
-    uint32_t slot = m->astByIndex[pos].uiSlot - 1;
+    uint32_t slot = m->astByIndex[pos].usSlot - 1u;
     IndexErase(m->astByIndex, pos);
     IndexErase(m->astByName, EntryOf(m->astByName, NameHash(m->astSlot[slot]), slot));
     FillHole(m, slot);
@@ -155,7 +157,7 @@ void RemoveLocked(IfMapFile *m, uint32_t ifIndex)
  * because a writer may be changing the entry under a reader. */
 uint32_t SlotAt(const IfMapIdx *tab, uint32_t pos)
 {
-    uint32_t slot = pos < kIfMapIndexSize ? tab[pos].uiSlot - 1 : kIfMapCapacity;
+    uint32_t slot = pos < kIfMapIndexSize ? tab[pos].usSlot - 1u : kIfMapCapacity;
     return slot < kIfMapCapacity ? slot : kIfMapCapacity;
 }
 
@@ -221,7 +223,7 @@ bool IfMapPut(IfMapFile *m, const IfMapSlot &slot)
     Writing w(m);
     uint32_t pos = FindByIndex(m, slot.uiIfIndex);
     if (pos != kIfMapIndexSize) {
-        m->astSlot[m->astByIndex[pos].uiSlot - 1] = slot;
+        m->astSlot[m->astByIndex[pos].usSlot - 1u] = slot;
         return true;
     }
     if (m->stHdr.uiCount == kIfMapCapacity) {

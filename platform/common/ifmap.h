@@ -41,13 +41,16 @@ static_assert(sizeof(IfMapSlot) == 48);
 static_assert(offsetof(IfMapSlot, uiIfIndex) == 24 && offsetof(IfMapSlot, uiTnlMode) == 40);
 static_assert(offsetof(IfMapSlot, usVrf) == 44 && offsetof(IfMapSlot, ucDeleting) == 47);
 
-/* One index entry: the key (name hash or interface index) and the slot
- * number plus one; 0 marks an empty entry. */
+/* One index entry: the slot number plus one (0 marks an empty entry) and
+ * the home position of its key (name hash or interface index), which
+ * spares a lookup the slots of other keys and lets a removal move entries
+ * back without reading slots. Four bytes, so the indexes take few pages. */
 struct IfMapIdx {
-    uint32_t uiKey;
-    uint32_t uiSlot;
+    uint16_t usSlot;
+    uint16_t usHome;
 };
-static_assert(sizeof(IfMapIdx) == 8);
+static_assert(sizeof(IfMapIdx) == 4);
+static_assert(kIfMapCapacity < UINT16_MAX && kIfMapIndexBits <= 16);
 
 struct IfMapHeader {
     uint32_t uiMagic;
@@ -68,7 +71,7 @@ struct IfMapFile {
 };
 static_assert(offsetof(IfMapFile, astSlot) == 64);
 static_assert(offsetof(IfMapFile, astByName) == 64 + 48 * kIfMapCapacity);
-static_assert(sizeof(IfMapFile) == 64 + 48 * kIfMapCapacity + 2 * 8 * kIfMapIndexSize);
+static_assert(sizeof(IfMapFile) == 64 + 48 * kIfMapCapacity + 2 * 4 * kIfMapIndexSize);
 
 std::string IfMapPathOf(const std::string &dir); /* dir/interfaces.map */
 

@@ -11,7 +11,13 @@
  * asks on receipt reads the new values. Interfaces, their VRF
  * bindings and the counters are kept in DIR/interfaces.json (rewritten
  * atomically shortly after a change and when chassisd exits), so a restart
- * of chassisd keeps them and their indexes. */
+ * of chassisd keeps them and their indexes.
+ *
+ * Every change also goes at once into DIR/interfaces.map (ifmap.h), which
+ * the boards' libraries read instead of asking: it is made before the
+ * command is answered or any event about the change is pushed, so whoever
+ * is told of a change reads it. The mapping holds at most kIfMapCapacity
+ * interfaces, and so does the chassis. */
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -21,6 +27,7 @@
 #include <sstream>
 
 #include "chassisd.h"
+#include "ifmap.h"
 
 namespace chassis {
 
@@ -42,7 +49,32 @@ std::map<std::string, uint32_t> g_byName;
 uint32_t g_nextTunnel = kFirstTunnelIndex;
 uint32_t g_nextBundle = kFirstBundleIndex;
 
+tbdl::plat::IfMapFile *g_ifMap = nullptr; /* nullptr when it could not be made */
+
 std::string StorePath() { return g_opt.dir + "/interfaces.json"; }
+
+bool TableFull() { return g_ifs.size() >= tbdl::plat::kIfMapCapacity; }
+
+/* The interface's record in the shared mapping, replaced or added. */
+void Publish(const Interface &i)
+{
+    if (g_ifMap == nullptr) {
+        return;
+    }
+    tbdl::plat::IfMapSlot s{};
+    std::strncpy(s.acName, i.name.c_str(), sizeof(s.acName) - 1);
+    s.uiIfIndex = i.ifIndex;
+    s.uiType = i.type;
+    s.uiNumber = i.number;
+    s.uiState = i.state;
+    s.uiTnlMode = i.tnlMode.value_or(0);
+    s.ucHasMode = i.tnlMode ? 1 : 0;
+    s.usVrf = i.vrf;
+    s.ucDeleting = i.deleting ? 1 : 0;
+    if (!tbdl::plat::IfMapPut(g_ifMap, s)) {
+        Log("interface " + i.name + " is missing from the shared interface table");
+    }
+}
 
 } // namespace
 
@@ -111,6 +143,7 @@ void Insert(const Interface &i)
 {
     g_ifs[i.ifIndex] = i;
     g_byName[i.name] = i.ifIndex;
+    Publish(i);
 }
 
 void Erase(uint32_t idx)
@@ -119,6 +152,9 @@ void Erase(uint32_t idx)
     if (it != g_ifs.end()) {
         g_byName.erase(it->second.name);
         g_ifs.erase(it);
+    }
+    if (g_ifMap != nullptr) {
+        tbdl::plat::IfMapRemove(g_ifMap, idx);
     }
 }
 
@@ -178,7 +214,18 @@ bool ParseIfName(const std::string &name, uint32_t &type, uint32_t &number)
     return false;
 }
 
-void IfLoad()
+namespace {
+
+void MapOpen()
+{
+    std::string path = tbdl::plat::IfMapPathOf(g_opt.dir);
+    g_ifMap = tbdl::plat::IfMapCreate(path);
+    if (g_ifMap == nullptr) {
+        Log("cannot map " + path + ": " + std::strerror(errno) + "; the boards will ask for every interface");
+    }
+}
+
+void LoadStore()
 {
     std::ifstream in(StorePath());
     if (!in) {
@@ -195,6 +242,11 @@ void IfLoad()
         g_nextTunnel = all.value("next_tunnel", kFirstTunnelIndex);
         g_nextBundle = all.value("next_bundle", kFirstBundleIndex);
         for (const Json &j : all.at("interfaces")) {
+            if (TableFull()) {
+                Log("interfaces beyond " + std::to_string(tbdl::plat::kIfMapCapacity) + " in " + StorePath() +
+                    " ignored");
+                break;
+            }
             Interface i;
             i.name = j.at("name").get<std::string>();
             i.ifIndex = j.at("ifindex").get<uint32_t>();
@@ -211,8 +263,19 @@ void IfLoad()
         Log("ignoring damaged " + StorePath() + ": " + e.what());
         g_ifs.clear();
         g_byName.clear();
+        if (g_ifMap != nullptr) {
+            tbdl::plat::IfMapClear(g_ifMap);
+        }
     }
     Log("loaded " + std::to_string(g_ifs.size()) + " interfaces from " + StorePath());
+}
+
+} // namespace
+
+void IfLoad()
+{
+    MapOpen();
+    LoadStore();
 }
 
 Interface *IfFind(uint32_t ifIndex)
@@ -237,7 +300,7 @@ uint32_t IfIndexByName(const std::string &name)
         return it->second;
     }
     uint32_t type, number;
-    if (!ParseIfName(name, type, number) || type != IF_TYPE_TUNNEL_BUNDLE) {
+    if (!ParseIfName(name, type, number) || type != IF_TYPE_TUNNEL_BUNDLE || TableFull()) {
         return 0;
     }
     Interface i;
@@ -327,6 +390,10 @@ bool IfAdd(const Json &req, Json &out, std::string &err)
         err = "interface " + name + " already exists";
         return false;
     }
+    if (TableFull()) {
+        err = "interface table full: at most " + std::to_string(tbdl::plat::kIfMapCapacity) + " interfaces";
+        return false;
+    }
     Interface i;
     i.name = name;
     i.type = IF_TYPE_TUNNEL;
@@ -407,6 +474,7 @@ bool IfSet(const Json &req, Json &out, std::string &err)
         Interface &i = *IfFind(n.ifIndex);
         Interface old = i;
         i = n;
+        Publish(i);
         if (old.state != n.state) {
             events[{n.state == kIfStateUp ? IF_EV_UP : IF_EV_DOWN, n.type}].push_back(n.ifIndex);
         }
@@ -454,6 +522,7 @@ bool IfDel(const std::string &name, Json &out, std::string &err)
     }
     uint32_t idx = i->ifIndex;
     i->deleting = true;
+    Publish(*i);
     out = IfToJson(*i);
     out.erase("deleting");
     IfevAwaitAcks(IfevSend(IF_EV_DELETE, i->type, {idx}), IF_EV_DELETE, idx, [idx] { EraseNow(idx); });
@@ -473,6 +542,7 @@ bool VrfBind(const std::string &name, uint32_t vrf, Json &out, std::string &err)
     }
     uint16_t old = i->vrf;
     i->vrf = static_cast<uint16_t>(vrf);
+    Publish(*i);
     out = IfToJson(*i);
     Save();
     L3vpnNotify(i->ifIndex, old, i->vrf);

@@ -1,5 +1,7 @@
 /* L3VPN library: VRF bindings of interfaces, kept by chassisd (set with
- * chassisctl vrf bind / unbind), and their events.
+ * chassisctl vrf bind / unbind), and their events. An interface's VRF is
+ * read from chassisd's shared interface table, or asked of chassisd when
+ * that cannot be read.
  *
  * A registration is a channel to chassisd opened with the client's name and
  * event mask. Binds and unbinds (events 4 and 8) are pushed on it as they
@@ -18,6 +20,7 @@
 
 #include "chassis_link.h"
 #include "emulated_call.h"
+#include "ifmap.h"
 
 using namespace tbdl::plat;
 namespace rpc = tbdl::rpc;
@@ -72,6 +75,18 @@ u32 DrainEvents(i32 iFd, u32 &uiEvents)
     }
 }
 
+/* 0 with the interface's VRF, or 1 for an unknown interface. */
+u32 VrfOf(u32 uiIfIndex, rpc::VrfValue &stVrf)
+{
+    IfMapSlot stSlot;
+    switch (IfMapLocalIndex(uiIfIndex, stSlot)) {
+    case IfMapRead::FOUND: stVrf.usVrfIndex = stSlot.usVrf; return 0;
+    case IfMapRead::ABSENT: return 1;
+    case IfMapRead::UNKNOWN: break;
+    }
+    return link::CallOp<rpc::OP_L3VPN_GET_VRF>(0, {uiIfIndex}, &stVrf) != 0 ? 1 : 0;
+}
+
 } // namespace
 
 extern "C" u32 L3VPN_GetVrfIndexByIfIndex(u32 uiIfIndex, u16 *pusVrfIndex)
@@ -80,7 +95,7 @@ extern "C" u32 L3VPN_GetVrfIndexByIfIndex(u32 uiIfIndex, u16 *pusVrfIndex)
     return Emulated(
         "L3VPN_GetVrfIndexByIfIndex", u32{1},
         [&]() -> u32 {
-            if (pusVrfIndex == nullptr || link::CallOp<tbdl::rpc::OP_L3VPN_GET_VRF>(0, {uiIfIndex}, &stVrf) != 0) {
+            if (pusVrfIndex == nullptr || VrfOf(uiIfIndex, stVrf) != 0) {
                 return 1;
             }
             *pusVrfIndex = stVrf.usVrfIndex;

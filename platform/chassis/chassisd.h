@@ -96,7 +96,8 @@ bool PeerMaySpeakFor(pid_t pid, uid_t uid, int board);
 bool PeerMaySpeakFor(Conn &c, int board);
 
 /* Platform calls served to each board's library, in total and by
- * operation: the round trips the daemon pays (chassisctl status). */
+ * operation (chassisctl status): "calls" are the round trips the daemon
+ * pays, "sends" the one-way messages it sent on its channels. */
 Json LibCallCounts();
 
 bool LoopInit(const Options &opt, std::string &err);
@@ -303,6 +304,9 @@ void HaBoardUp(int board);
 bool HaSwitchover(int ctlFd, std::string &err);
 /* Cuts (true) or restores (false) the HA link between the boards. */
 bool HaCut(bool cut, std::string &err);
+/* A response or backup message that came on the board's HA channel: it is
+ * one-way (no reply), and counted as a send, not a round trip. */
+bool HaOneWay(const Conn &c, uint16_t op);
 
 /* ---- chassisctl (ctl.cpp) ---- */
 /* Handles one request; returns true when the reply was given (in reply),

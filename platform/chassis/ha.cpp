@@ -14,6 +14,12 @@
  * A board's channel is its one subscriber on the HA list; a newer channel
  * of the same board takes the place of the older one.
  *
+ * A board's daemon sends its responses and backup messages one-way on its
+ * HA channel (the shared connection's request/reply form is served too):
+ * one stream per board, read in the order the daemon issued them, so a
+ * master's last backups are relayed before the response that lets a
+ * switchover go on. Nothing is answered on the channel but pushes.
+ *
  * The role lives in g_master alone. The pair's procedures change it:
  *  - switchover (on request): event 0 to the master, its response, the
  *    roles change, event 2 to the new master, its response, the old master
@@ -334,17 +340,31 @@ uint32_t Send(int board, uint32_t flag, const uint8_t *msg, size_t len)
     return 0;
 }
 
+/* A request on the shared connection is answered; the same message on the
+ * HA channel is one-way. */
+void Answer(Conn &c, const tbdl::rpc::Hdr &h, uint32_t result)
+{
+    if (!HaOneWay(c, h.usOp)) {
+        Reply(c, h, result);
+    }
+}
+
 void OnResponse(Conn &c, const tbdl::rpc::Hdr &h, const uint8_t *p, size_t len)
 {
-    Reply(c, h, Response(h.usBoard, h.uiArg, p, len));
+    Answer(c, h, Response(h.usBoard, h.uiArg, p, len));
 }
 
 void OnSend(Conn &c, const tbdl::rpc::Hdr &h, const uint8_t *p, size_t len)
 {
-    Reply(c, h, Send(h.usBoard, h.uiArg, p, len));
+    Answer(c, h, Send(h.usBoard, h.uiArg, p, len));
 }
 
 } // namespace
+
+bool HaOneWay(const Conn &c, uint16_t op)
+{
+    return c.channel == Channel::HA && (op == tbdl::rpc::OP_HA_SEND || op == tbdl::rpc::OP_HA_RESPONSE);
+}
 
 bool HaInjectEvent(int board, uint32_t event, std::string &err)
 {

@@ -146,8 +146,13 @@ void Accept()
     }
 }
 
-/* Requests from each board's library, by operation. */
-std::map<int, std::map<uint16_t, uint64_t>> g_libCalls;
+/* Messages from each board's library, by operation: round trips and
+ * one-way sends apart. */
+struct OpCount {
+    uint64_t calls = 0;
+    uint64_t sends = 0;
+};
+std::map<int, std::map<uint16_t, OpCount>> g_libCalls;
 
 /* One request from a board's platform library, to the service that serves
  * its operation. */
@@ -158,7 +163,8 @@ void HandleLibRequest(Conn &c, const Hdr &h, const uint8_t *p, size_t len)
         Reply(c, h, tbdl::rpc::kResultBadRequest);
         return;
     }
-    ++g_libCalls[h.usBoard][h.usOp];
+    OpCount &count = g_libCalls[h.usBoard][h.usOp];
+    ++(HaOneWay(c, h.usOp) ? count.sends : count.calls);
     if (!PeerMaySpeakFor(c, h.usBoard)) {
         Log("refused a platform call (op " + std::to_string(h.usOp) + ") of board " + std::to_string(h.usBoard) +
             " from pid " + std::to_string(c.pid) + ", uid " + std::to_string(c.uid) +
@@ -380,13 +386,24 @@ Json LibCallCounts()
 {
     Json out = Json::array();
     for (const auto &[board, byOp] : g_libCalls) {
-        uint64_t total = 0;
-        Json ops = Json::object();
+        OpCount total;
+        Json calls = Json::object();
+        Json sends = Json::object();
         for (const auto &[op, n] : byOp) {
-            total += n;
-            ops[std::to_string(op)] = n;
+            total.calls += n.calls;
+            total.sends += n.sends;
+            if (n.calls > 0) {
+                calls[std::to_string(op)] = n.calls;
+            }
+            if (n.sends > 0) {
+                sends[std::to_string(op)] = n.sends;
+            }
         }
-        out.push_back({{"board", board}, {"calls", total}, {"by_op", ops}});
+        out.push_back({{"board", board},
+                       {"calls", total.calls},
+                       {"by_op", calls},
+                       {"sends", total.sends},
+                       {"sends_by_op", sends}});
     }
     return out;
 }

@@ -65,8 +65,8 @@ enum Op : uint16_t {
     OP_TUNNEL_GET_MODE = 5,    /* payload u32 ifindex; reply u32 mode */
     OP_L3VPN_GET_VRF = 6,      /* payload u32 ifindex; reply u16 VRF */
     OP_CIOCTL = 7,             /* payload CioctlReq + command bytes */
-    OP_HA_RESPONSE = 8,        /* arg event; payload optional u32 data */
-    OP_HA_SEND = 9,            /* arg flag; payload the HA message */
+    OP_HA_RESPONSE = 8,        /* arg event; payload optional u32 data; one-way on the HA channel */
+    OP_HA_SEND = 9,            /* arg flag; payload the HA message; one-way on the HA channel */
 
     /* channel openers: the first request on a new connection */
     OP_HA_REGISTER = 20,       /* reply HaState; then pushes OP_HA_PUSH */

@@ -6,13 +6,18 @@
  * the board's current role and standby presence. HA_IsMaster and
  * HA_IsExistSlaveService answer from that cache, without a round trip; the
  * cache changes when HA_Dispatch reads the push that goes with a change.
- * HA_Response and HA_SendMsgSync are calls on the shared connection, so
- * they never mix with the pushes. Message buffers are malloc'ed. */
+ * HA_Response and HA_SendMsgSync are one-way messages on the same
+ * channel: a backup costs a send and no round trip, and chassisd reads the
+ * daemon's sends and responses in the order they were issued. Nothing
+ * comes back for them, so they never mix with the pushes. Message buffers
+ * are malloc'ed. */
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -84,6 +89,33 @@ u32 Deliver(Channel &stChannel, const rpc::Hdr &h, const uint8_t *pucBody, size_
         return stCallbacks.pfnRecv(pvMsg, static_cast<u16>(dataLen), push.uiValue);
     }
     return 0;
+}
+
+/* How long a one-way message waits for room on a full channel (a batch
+ * backup outruns chassisd's reading) before it is given up. */
+constexpr std::chrono::milliseconds kSendWait{10000};
+
+/* Sends one message of operation Op on the channel. A full socket is waited
+ * on, not dropped; 1 when the handle is no channel, the channel is gone or
+ * the wait ran out. */
+template <uint16_t Op> u32 SendOnChannel(i32 iHandle, u32 uiArg, const void *pvTail, size_t len)
+{
+    if (Lookup(iHandle) == nullptr) {
+        return 1;
+    }
+    const std::vector<uint8_t> body = rpc::Encode(typename rpc::OpSpec<Op>::Request{}, pvTail, len);
+    const auto deadline = std::chrono::steady_clock::now() + kSendWait;
+    for (;;) {
+        int rc = link::SendOneWay(iHandle, Op, uiArg, body);
+        if (rc != EAGAIN && rc != EWOULDBLOCK) {
+            return rc == 0 ? 0 : 1;
+        }
+        auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd stPoll{iHandle, POLLOUT, 0};
+        if (left.count() <= 0 || (poll(&stPoll, 1, static_cast<int>(left.count())) < 0 && errno != EINTR)) {
+            return 1;
+        }
+    }
 }
 
 } // namespace
@@ -213,10 +245,8 @@ extern "C" u32 HA_Response(i32 iHandle, u32 uiEvent, void *pvData)
             if (pvData != nullptr) {
                 std::memcpy(&stData, pvData, sizeof(stData));
             }
-            return link::CallOp<rpc::OP_HA_RESPONSE>(uiEvent, {}, nullptr, pvData != nullptr ? &stData : nullptr,
-                                                     pvData != nullptr ? sizeof(stData) : 0) == 0
-                       ? 0
-                       : 1;
+            return SendOnChannel<rpc::OP_HA_RESPONSE>(iHandle, uiEvent, pvData != nullptr ? &stData : nullptr,
+                                                      pvData != nullptr ? sizeof(stData) : 0);
         },
         [&] {
             return Json{{"handle", iHandle}, {"event", uiEvent},
@@ -232,7 +262,7 @@ extern "C" u32 HA_SendMsgSync(i32 iHandle, void *pvBuf, u16 usLen, u32 uiFlag)
             if (pvBuf == nullptr || usLen == 0) {
                 return 1;
             }
-            return link::CallOp<rpc::OP_HA_SEND>(uiFlag, {}, nullptr, pvBuf, usLen) == 0 ? 0 : 1;
+            return SendOnChannel<rpc::OP_HA_SEND>(iHandle, uiFlag, pvBuf, usLen);
         },
         [&] {
             return Json{{"handle", iHandle}, {"len", usLen}, {"flag", uiFlag}, {"msg", HexOf(pvBuf, usLen)}};

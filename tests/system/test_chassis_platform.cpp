@@ -2,8 +2,10 @@
  * this process as if it were a board's daemon. */
 #include <stdlib.h>
 #include <sys/epoll.h>
+#include <sys/socket.h>
 
 #include <cstring>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -246,6 +248,50 @@ TEST_F(ChassisPlatform, HaChannelOfAStandbyReachesTheMaster)
     EXPECT_TRUE(c.WaitFile("board0/fake.log", "ha message 1 from-test"));
     EXPECT_EQ(HA_Exit(fd), 0u);
     EXPECT_TRUE(WaitUntil([&] { return !c.CtlJson({"dump", "ha"})["boards"][1]["joined"].get<bool>(); }));
+}
+
+/* Sends are one-way on the channel: a burst that outruns chassisd's reading
+ * waits for room, so every message arrives, in order; once chassisd is gone
+ * a send fails without harm. */
+TEST_F(ChassisPlatform, HaSendsBeyondAFullChannelArriveInOrder)
+{
+    StartChassis({"--boards", "0,1"});
+    Enter(c.dir(), 1);
+    int fd = HA_Init("TBDL", 0, "TBDL", 1, 2, nullptr, &g_haCbs);
+    ASSERT_GE(fd, 0);
+    int room = 1; /* the smallest send buffer: a few messages fill it */
+    ASSERT_EQ(setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof(room)), 0);
+    std::string sent;
+    for (int i = 0; i < 500; ++i) {
+        std::string text = "burst-" + std::to_string(i);
+        ASSERT_EQ(HA_SendMsgSync(fd, text.data(), static_cast<u16>(text.size()), 0), 0u) << text;
+        sent += "ha message 0 " + text + "\n";
+    }
+    auto received = [&] {
+        std::istringstream log(ReadFile(c.Path("board0/fake.log")));
+        std::string lines;
+        for (std::string line; std::getline(log, line);) {
+            lines += line.rfind("ha message 0 burst-", 0) == 0 ? line + "\n" : "";
+        }
+        return lines;
+    };
+    EXPECT_TRUE(WaitUntil([&] { return received() == sent; })) << received().size() << " of " << sent.size();
+    const Json calls = c.CtlJson({"status"})["lib_calls"];
+    const Json board1 = calls.size() == 2 ? calls[1] : Json::object();
+    EXPECT_EQ(Json({board1.value("sends_by_op", Json())["9"], board1.value("by_op", Json()).contains("9")}),
+              Json({500, false}))
+        << "sends, not round trips: " << calls;
+
+    u32 failures = 0; /* nothing but pushes comes back on the channel */
+    for (int i = 0; i < 510; ++i) {
+        failures += HA_Dispatch(EPOLLIN, static_cast<u64>(fd));
+    }
+    EXPECT_EQ(failures, 0u);
+
+    ASSERT_TRUE(c.Stop());
+    char text[] = "late";
+    EXPECT_NE(HA_SendMsgSync(fd, text, 4, 1), 0u);
+    EXPECT_EQ(HA_Exit(fd), 0u);
 }
 
 TEST_F(ChassisPlatform, LsmKeepsEntriesAcrossSmoothingCyclesOfTheProtocol)

@@ -127,6 +127,8 @@ TEST_F(HaPair, SwitchoversKeepEveryBundleAndBatchOrder)
         const size_t mark = Journal(from).size();
         const std::uint64_t sends = m_chassis.CtlJson({"dump", "ha"}).value("batch_sends", 0);
         Json steps = Switchover(m_chassis);
+        EXPECT_GT(m_chassis.CtlJson({"dump", "ha"}).value("batch_sends", 0), sends + 1)
+            << "an MTU of 100: several sends, all relayed before the response that ends the switchover";
         ASSERT_EQ(steps.size(), 9u) << steps.dump(1);
         EXPECT_EQ(steps[1]["step"], "board " + std::to_string(from) + " responded to event 0");
         EXPECT_EQ(MasterOf(m_chassis), to);
@@ -134,7 +136,6 @@ TEST_F(HaPair, SwitchoversKeepEveryBundleAndBatchOrder)
         ASSERT_TRUE(m_client) << "round " << round;
         EXPECT_EQ(Shown(*m_client), before) << "round " << round;
         EXPECT_TRUE(PairAgrees(m_chassis, *m_client)) << "round " << round;
-        EXPECT_GT(m_chassis.CtlJson({"dump", "ha"}).value("batch_sends", 0), sends + 1) << "an MTU of 100: several sends";
         EXPECT_TRUE(MembersFollowTheirBundle(Journal(from), mark)) << "round " << round;
         auto old = tc::Client::Connect(m_chassis.dir(), from, 500);
         EXPECT_FALSE(old && old->GetLimits()) << "the old master still answers configuration";

@@ -154,6 +154,22 @@ struct OpCount {
 };
 std::map<int, std::map<uint16_t, OpCount>> g_libCalls;
 
+/* Messages a library sends without waiting for a reply: those of the
+ * event channels, the HA channel's responses and backups, and LSM batches. */
+bool OneWay(const Conn &c, uint16_t op)
+{
+    using namespace tbdl::rpc;
+    switch (op) {
+    case OP_IFEV_SUBSCRIBE:
+    case OP_IFEV_UNSUBSCRIBE:
+    case OP_IFEV_ACK:
+    case OP_L3VPN_BATCH:
+    case OP_L3VPN_ACK: return true;
+    case OP_LSM_BATCH: return c.channel == Channel::LSM;
+    default: return HaOneWay(c, op);
+    }
+}
+
 /* One request from a board's platform library, to the service that serves
  * its operation. */
 void HandleLibRequest(Conn &c, const Hdr &h, const uint8_t *p, size_t len)
@@ -164,7 +180,7 @@ void HandleLibRequest(Conn &c, const Hdr &h, const uint8_t *p, size_t len)
         return;
     }
     OpCount &count = g_libCalls[h.usBoard][h.usOp];
-    ++(HaOneWay(c, h.usOp) ? count.sends : count.calls);
+    ++(OneWay(c, h.usOp) ? count.sends : count.calls);
     if (!PeerMaySpeakFor(c, h.usBoard)) {
         Log("refused a platform call (op " + std::to_string(h.usOp) + ") of board " + std::to_string(h.usBoard) +
             " from pid " + std::to_string(c.pid) + ", uid " + std::to_string(c.uid) +

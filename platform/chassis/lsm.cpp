@@ -29,7 +29,7 @@ struct LspEntry {
 struct LsmTable {
     std::map<uint32_t, LspEntry> entries;
     std::map<uint32_t, bool> inCycle; /* per protocol */
-    uint64_t adds = 0, deletes = 0, flushes = 0, cycles = 0, dropped = 0;
+    uint64_t adds = 0, deletes = 0, flushes = 0, cycles = 0, dropped = 0, refused = 0;
     /* When the open cycle began, and how long the last one lasted: the time
      * a client's full resynchronisation took, as LSM saw it. */
     Clock::time_point cycleBegan;
@@ -155,9 +155,17 @@ void OnGr(Conn &c, const tbdl::rpc::Hdr &h, const uint8_t *, size_t)
     Reply(c, h, c.channel == Channel::LSM ? Gr(c, h.uiArg) : tbdl::rpc::kResultBadRequest);
 }
 
+/* A batch is one-way on the protocol's channel: LSM takes it in order and
+ * answers nothing; one it cannot read is logged and counted. */
 void OnBatch(Conn &c, const tbdl::rpc::Hdr &h, const uint8_t *p, size_t len)
 {
-    Reply(c, h, c.channel == Channel::LSM ? Batch(c, p, len) : tbdl::rpc::kResultBadRequest);
+    if (c.channel != Channel::LSM) {
+        Reply(c, h, tbdl::rpc::kResultBadRequest);
+    } else if (Batch(c, p, len) != 0) {
+        g_lsm[c.board].refused++;
+        Log("board " + std::to_string(c.board) + ": LSM refused an unreadable batch of " + std::to_string(len) +
+            " bytes from protocol " + std::to_string(c.protocol));
+    }
 }
 
 /* A protocol whose channel goes leaves its cycle open no longer; its
@@ -263,6 +271,7 @@ Json Dump(int board, const Json &req)
                 {"adds", t.adds},
                 {"deletes", t.deletes},
                 {"flushes", t.flushes},
+                {"refused", t.refused},
                 {"cycles", t.cycles},
                 {"dropped", t.dropped},
                 {"last_cycle_us", t.lastCycleUs}};

@@ -2,6 +2,7 @@
 #include "chassis_link.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -73,6 +74,23 @@ int SendOneWay(int fd, uint16_t op, uint32_t arg, const std::vector<uint8_t> &bo
 {
     return tbdl::rpc::SendMsg(fd, op, static_cast<uint16_t>(GetChassisEnv().board), arg, body.data(), body.size(),
                               MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+uint32_t SendWaiting(int fd, uint16_t op, uint32_t arg, const std::vector<uint8_t> &body,
+                     std::chrono::milliseconds wait)
+{
+    const auto deadline = std::chrono::steady_clock::now() + wait;
+    for (;;) {
+        int rc = SendOneWay(fd, op, arg, body);
+        if (rc != EAGAIN && rc != EWOULDBLOCK) {
+            return rc == 0 ? 0 : 1;
+        }
+        auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd stPoll{fd, POLLOUT, 0};
+        if (left.count() <= 0 || (poll(&stPoll, 1, static_cast<int>(left.count())) < 0 && errno != EINTR)) {
+            return 1;
+        }
+    }
 }
 
 PushRead ReadPush(int fd, std::vector<uint8_t> &buf, tbdl::rpc::Hdr &h, const uint8_t *&body, size_t &len)

@@ -5,6 +5,7 @@
 #ifndef TBDL_PLAT_CHASSIS_LINK_H
 #define TBDL_PLAT_CHASSIS_LINK_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -58,6 +59,12 @@ uint32_t SendOn(int fd, uint32_t arg, const typename rpc::OpSpec<Op>::Request &r
 {
     return SendOneWay(fd, Op, arg, rpc::Encode(request, tail, tailLen)) == 0 ? 0 : 1;
 }
+
+/* One-way message that waits up to wait for room on a full channel rather
+ * than drop it (a burst can outrun chassisd's reading): 0 when it went out,
+ * 1 when the channel is gone or the wait ran out. */
+uint32_t SendWaiting(int fd, uint16_t op, uint32_t arg, const std::vector<uint8_t> &body,
+                     std::chrono::milliseconds wait);
 
 /* What a non-blocking read of an event channel found. */
 enum class PushRead { NONE, MESSAGE, GONE };

@@ -11,7 +11,6 @@
  * daemon's sends and responses in the order they were issued. Nothing
  * comes back for them, so they never mix with the pushes. Message buffers
  * are malloc'ed. */
-#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -103,19 +102,8 @@ template <uint16_t Op> u32 SendOnChannel(i32 iHandle, u32 uiArg, const void *pvT
     if (Lookup(iHandle) == nullptr) {
         return 1;
     }
-    const std::vector<uint8_t> body = rpc::Encode(typename rpc::OpSpec<Op>::Request{}, pvTail, len);
-    const auto deadline = std::chrono::steady_clock::now() + kSendWait;
-    for (;;) {
-        int rc = link::SendOneWay(iHandle, Op, uiArg, body);
-        if (rc != EAGAIN && rc != EWOULDBLOCK) {
-            return rc == 0 ? 0 : 1;
-        }
-        auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        pollfd stPoll{iHandle, POLLOUT, 0};
-        if (left.count() <= 0 || (poll(&stPoll, 1, static_cast<int>(left.count())) < 0 && errno != EINTR)) {
-            return 1;
-        }
-    }
+    return link::SendWaiting(iHandle, Op, uiArg, rpc::Encode(typename rpc::OpSpec<Op>::Request{}, pvTail, len),
+                             kSendWait);
 }
 
 } // namespace

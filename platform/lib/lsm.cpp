@@ -1,8 +1,9 @@
 /* LSM library: a registration is a channel to the LSM service of this
  * board in chassisd. Entries added or deleted are collected in the process
- * and delivered by LSM_FlushLspEntry (in as few messages as fit); smoothing
- * events are calls on the channel. chassisd sends nothing on its own on the
- * channel: LSM_HandleMsg sees only its end. */
+ * and delivered by LSM_FlushLspEntry in as few one-way messages as fit
+ * (LSM takes them in order); smoothing events are calls on the channel.
+ * chassisd sends nothing on its own on the channel: LSM_HandleMsg sees only
+ * its end. */
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -81,8 +82,11 @@ std::vector<uint8_t> AddBody(const LSM_LSP_ENTRY_S &stEntry, uint16_t usPaths)
     return rpc::Encode(stHead, stEntry.pstPaths, usPaths * sizeof(LSM_LSP_PATH_S));
 }
 
-/* Sends the pending changes in messages cut between changes, each at most
- * one chunk; the last carries arg 1. */
+/* How long a batch waits for room on a full channel before the flush fails. */
+constexpr std::chrono::milliseconds kSendWait{10000};
+
+/* Sends the pending changes, one-way, in messages cut between changes, each
+ * at most one chunk; the last carries arg 1. */
 u32 Flush(i32 iHandle, Registration &reg, size_t &changes)
 {
     std::vector<uint8_t> pending;
@@ -98,7 +102,8 @@ u32 Flush(i32 iHandle, Registration &reg, size_t &changes)
             end += sizes[next];
             ++changes;
         }
-        uiRet = CallOn(iHandle, rpc::OP_LSM_BATCH, next == sizes.size() ? 1 : 0, pending.data() + off, end - off);
+        uiRet = link::SendWaiting(iHandle, rpc::OP_LSM_BATCH, next == sizes.size() ? 1 : 0,
+                                  std::vector<uint8_t>(pending.begin() + off, pending.begin() + end), kSendWait);
         off = end;
     }
     return uiRet;

@@ -1,7 +1,6 @@
 /* chassisd and chassisctl as the service manager, with the stand-in board
  * daemon: start-up, status, restart and reboot, orderly stop with value 3,
- * restart after a crash, start-up failures, bad settings, and HA between
- * two boards. */
+ * start-up failures, bad settings, and HA between two boards. */
 #include <signal.h>
 #include <unistd.h>
 
@@ -60,23 +59,6 @@ TEST(Chassis, RestartAndRebootStopWithValue3AndStartWithTheirCause)
     EXPECT_TRUE(Has(log, "exiting with status 0")) << log;
     ProcRun again = c.Ctl({"stop"});
     EXPECT_TRUE(again.status != 0 && Has(again.err, "not running")) << again.err;
-}
-
-TEST(Chassis, DaemonThatDiesIsRestartedWithCauseRestart)
-{
-    for (bool viaCtl : {false, true}) {
-        SCOPED_TRACE(viaCtl ? "chassisctl board kill" : "kill -9");
-        Chassis c;
-        ASSERT_EQ(c.Start({"--boards", "0"}).status, 0);
-        pid_t first = c.BoardPid(0);
-        ASSERT_GT(first, 0);
-        ASSERT_EQ(viaCtl ? c.Ctl({"board", "kill", "0"}).status : kill(first, SIGKILL), 0);
-        ASSERT_TRUE(c.WaitBoard(0, [&](const Json &b) { return b["pid"] != first && b["state"] == "up"; }));
-        Json b = c.Board(0);
-        EXPECT_EQ(Json({b["start_cause"], b["start_cause_name"], b["restarts"]}), Json({1, "process restart", 1}));
-        EXPECT_TRUE(Has(b["last_exit"].get<std::string>(), "signal 9"));
-        EXPECT_TRUE(c.WaitFile("board0/fake.log", "start cause 1"));
-    }
 }
 
 TEST(Chassis, StartupFailureIsRetriedWithBackoffThenGivenUp)

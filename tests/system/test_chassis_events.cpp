@@ -118,11 +118,6 @@ TEST_F(ChassisEvents, InterfaceChangesReachTheSubscribersOfTheirTypeAndMask)
     for (int fd : {all, ups, bundles}) {
         EXPECT_FALSE(Ready(fd, 0)) << "nothing else was sent";
     }
-    Json b0 = c.CtlJson({"dump", "if"})["events"][0];
-    EXPECT_EQ(Json({b0["subscriptions"].size(), b0["packets_sent"], b0["entries_sent"], b0["acks"],
-                    b0["entries_acked"]}),
-              Json({3, 4, 6, 4, 6}));
-
     Ctl({"if", "hangup", "--board", "0"});
     for (int fd : {all, ups, bundles}) {
         ASSERT_TRUE(Ready(fd));

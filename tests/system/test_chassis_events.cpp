@@ -1,6 +1,6 @@
-/* The chassis's event services seen through the emulated platform library,
- * called from this process as board 0's daemon: interface events, L3VPN
- * registrations and batches, the service port's state. */
+/* The chassis's interface events seen through the emulated platform
+ * library, called from this process as board 0's daemon. (L3VPN and the
+ * service port are seen through the real daemon by the watch tests.) */
 #include <poll.h>
 #include <stdlib.h>
 
@@ -15,8 +15,7 @@ namespace {
 
 using namespace tbdl::systest;
 
-/* One event as a callback saw it: code, then interface indexes (interface
- * events) or VRF and interface index (L3VPN, none for batch marks). */
+/* One event as a callback saw it: code, then interface indexes. */
 using Seen = std::vector<u32>;
 std::vector<Seen> g_seen;
 u32 g_number = 0; /* interface number read inside the deletion event */
@@ -119,11 +118,6 @@ TEST_F(ChassisEvents, InterfaceChangesReachTheSubscribersOfTheirTypeAndMask)
     for (int fd : {all, ups, bundles}) {
         EXPECT_FALSE(Ready(fd, 0)) << "nothing else was sent";
     }
-    Json b0 = c.CtlJson({"dump", "if"})["events"][0];
-    EXPECT_EQ(Json({b0["subscriptions"].size(), b0["packets_sent"], b0["entries_sent"], b0["acks"],
-                    b0["entries_acked"]}),
-              Json({3, 4, 6, 4, 6}));
-
     Ctl({"if", "hangup", "--board", "0"});
     for (int fd : {all, ups, bundles}) {
         ASSERT_TRUE(Ready(fd));
@@ -132,97 +126,6 @@ TEST_F(ChassisEvents, InterfaceChangesReachTheSubscribersOfTheirTypeAndMask)
     }
     Ctl({"if", "del", "Tunnel2"});
     EXPECT_EQ(IF_GetIfIndexByFullName("Tunnel2"), 0u) << "with no subscriber a deletion is at once";
-}
-
-u32 L3Cb(u32 event, const void *data)
-{
-    const auto *e = static_cast<const L3VPN_EVT_S *>(data);
-    g_seen.push_back(e != nullptr ? Seen{event, e->usVrfIndex, e->uiIfIndex} : Seen{event});
-    return 0;
-}
-
-/* Reads a registration's events until it has seen count of them, and
- * acknowledges them; nothing more may be pending. */
-std::vector<Seen> L3Events(i32 fd, size_t count)
-{
-    g_seen.clear();
-    while (g_seen.size() < count && Ready(fd)) {
-        EXPECT_EQ(L3VPN_ProcEvt(fd), 0u);
-    }
-    EXPECT_FALSE(Ready(fd, 0)) << "more events than expected";
-    for (const Seen &s : g_seen) {
-        L3VPN_FinalStatusNotify(fd, s.size() > 1 ? static_cast<u16>(s[1]) : 0xFFFF, s[0]);
-    }
-    return g_seen;
-}
-
-TEST_F(ChassisEvents, L3vpnBatchesBindingsAndStopsOnRequest)
-{
-    Ctl({"if", "add", "Tunnel1", "--vrf", "7"});
-    Ctl({"if", "add", "Tunnel2"});
-    Ctl({"vrf", "bind", "Tunnel2", "9"});
-    u32 t1 = IF_GetIfIndexByFullName("Tunnel1"), t2 = IF_GetIfIndexByFullName("Tunnel2");
-    i32 tbdl = L3VPN_RegEvt("TBDL", 12, 0, L3Cb, 0), binds = L3VPN_RegEvt("BINDS", L3VPN_EV_VRF_BIND, 0, L3Cb, 0);
-    ASSERT_GE(binds, 0);
-    EXPECT_EQ(L3VPN_RequestBatch(tbdl, 0xFFFFFFFF), 0u);
-    EXPECT_EQ(L3Events(tbdl, 4), std::vector<Seen>({{L3VPN_EV_BATCH_BEGIN}, {4, 7, t1}, {4, 9, t2},
-                                                      {L3VPN_EV_BATCH_END}}));
-    Ctl({"vrf", "unbind", "Tunnel1"});
-    Ctl({"if", "set", "Tunnel2", "--vrf", "3"});
-    EXPECT_EQ(L3Events(tbdl, 2), std::vector<Seen>({{8, 7, t1}, {4, 3, t2}}));
-    EXPECT_EQ(L3Events(binds, 1), std::vector<Seen>({{4, 3, t2}})) << "its mask selects binds only";
-
-    Json vrf = c.CtlJson({"dump", "vrf"});
-    EXPECT_EQ(vrf["bindings"].size(), 1u);
-    Json reg = vrf["registrations"][0];
-    EXPECT_EQ(Json({reg["name"], reg["events_sent"], reg["acks"], reg["acks_by_event"]["4"]}),
-              Json({"TBDL", 6, 6, 3}));
-
-    Ctl({"l3vpn", "stop"});
-    for (i32 fd : {tbdl, binds}) {
-        ASSERT_TRUE(Ready(fd));
-        EXPECT_NE(L3VPN_ProcEvt(fd), 0u) << "a stop hangs up every registration";
-        EXPECT_EQ(L3VPN_DeregEvent(fd), 0u);
-    }
-    EXPECT_EQ(L3VPN_RegEvt("TBDL", 12, 0, L3Cb, 0), -1) << "and refuses new ones";
-    Ctl({"l3vpn", "start"});
-    i32 again = L3VPN_RegEvt("TBDL", 12, 0, L3Cb, 0);
-    EXPECT_GE(again, 0);
-    Ctl({"fail", "L3VPN_RegEvt"});
-    EXPECT_EQ(L3VPN_RegEvt("TBDL", 12, 0, L3Cb, 0), -1) << "a planned failure";
-    EXPECT_EQ(L3VPN_DeregEvent(again), 0u);
-}
-
-/* The next service-port event: {state, port}, or {} when none could be read. */
-Seen PortEvent(i32 fd)
-{
-    SVCPORT_EVT_S e{};
-    if (!Ready(fd) || RecvServicePortEvent(fd, &e) != 0) {
-        return {};
-    }
-    return {e.uiState, e.usPort};
-}
-
-TEST_F(ChassisEvents, ServicePortStateIsToldAtOnceAndOnEveryChange)
-{
-    SVCPORT_SUB_S sub{SVCPORT_SUB_KIND, 0, 2168, SVCPORT_SUB_FLAG}, other{SVCPORT_SUB_KIND, 0, 2169, SVCPORT_SUB_FLAG};
-    EXPECT_EQ(SubscribeServicePortEvent(1, &other, 2169, SVCPORT_SUB_FLAG), -1) << "no such port";
-    i32 fd = SubscribeServicePortEvent(1, &sub, 2168, SVCPORT_SUB_FLAG);
-    EXPECT_EQ(PortEvent(fd), Seen({1, 2168})) << "the current state, at once";
-    Ctl({"svcport", "down"});
-    EXPECT_EQ(PortEvent(fd), Seen({2, 2168}));
-    Ctl({"svcport", "up"});
-    EXPECT_EQ(PortEvent(fd), Seen({1, 2168}));
-    Ctl({"svcport", "absent"});
-    EXPECT_EQ(PortEvent(fd), Seen{}) << "an absent port hangs up its subscriptions";
-    EXPECT_EQ(SubscribeServicePortEvent(1, &sub, 2168, SVCPORT_SUB_FLAG), -1) << "and refuses new ones";
-    Ctl({"svcport", "down"});
-    i32 again = SubscribeServicePortEvent(1, &sub, 2168, SVCPORT_SUB_FLAG);
-    EXPECT_EQ(PortEvent(again), Seen({2, 2168}));
-    Json d = c.CtlJson({"dump", "svcport"});
-    EXPECT_EQ(Json({d["state"], d["boards"][0]["subscriptions"], d["boards"][0]["refused"]}), Json({"down", 1, 2}));
-    close(fd);
-    close(again);
 }
 
 } // namespace

@@ -88,27 +88,6 @@ TEST_F(ConfigBundles, LoadBalancingMembersWeightsAndRelease)
     EXPECT_TRUE(Consistent(m_chassis, *m_client));
 }
 
-TEST_F(ConfigBundles, ProtectionMembersTakeTwoDifferentRoles)
-{
-    for (std::uint16_t mode : {TBDL_MODE_ONETOONE, TBDL_MODE_ONEPLUSONE}) {
-        const std::uint32_t bnd = 40 + mode;
-        const std::string t0 = std::to_string(bnd * 10), t1 = std::to_string(bnd * 10 + 1);
-        ASSERT_TRUE(Answers(m_client->CreateBundle(bnd, mode, 0), TBDL_OK));
-        ASSERT_TRUE(AddTunnel(m_chassis, bnd * 10));
-        ASSERT_TRUE(AddTunnel(m_chassis, bnd * 10 + 1));
-        const std::string b = std::to_string(bnd);
-        EXPECT_TRUE(Tbdl({"member", "add", b, "--tunnel", t0, "--role", "1"}));
-        EXPECT_TRUE(Tbdl({"member", "add", b, "--tunnel", t1, "--role", "1"}, TBDL_E_MEMB_ROLE));
-        EXPECT_TRUE(Tbdl({"member", "add", b, "--tunnel", t1, "--role", "0"}));
-        std::optional<tc::BndDetail> d = Show(bnd);
-        ASSERT_TRUE(d);
-        ASSERT_EQ(d->members.size(), 2u);
-        EXPECT_EQ(d->members[0].ucRole, 0u);
-        EXPECT_EQ(d->members[1].ucRole, 1u);
-        EXPECT_TRUE(Consistent(m_chassis, *m_client)) << "mode " << mode;
-    }
-}
-
 TEST_F(ConfigBundles, AFailedDatabaseWriteKeepsTheBundle)
 {
     ASSERT_TRUE(Answers(m_client->SetDebug(true, tc::kDebugError), TBDL_OK));

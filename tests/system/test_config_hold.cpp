@@ -1,6 +1,6 @@
-/* The creation hold after the last bundle is deleted, and work modes that
- * the chassis settings switch off, through the real daemon. The hold lasts
- * 30 seconds in the daemon; these tests never wait for its end. */
+/* The creation hold after the last bundle is deleted, through the real
+ * daemon. The hold lasts 30 seconds in the daemon; the test never waits for
+ * its end. */
 #include <gtest/gtest.h>
 
 #include "cfg_checks.h"
@@ -47,35 +47,6 @@ TEST(ConfigHold, DeletingTheLastBundleHoldsCreationUntilTheDaemonRestarts)
     EXPECT_TRUE(Exited(run, 1));
     j = Json::parse(run.out);
     EXPECT_EQ(Json({j["name"], j["ok"]}), Json({"TBDL_E_BND_HOLD", false}));
-}
-
-TEST(ConfigModes, ModesSwitchedOffInTheSettings)
-{
-    Chassis chassis("cfgmodes");
-    ASSERT_TRUE(StartWithDaemon(chassis, {"--mode", "LoadBalancing=off", "--mode", "ProtectionOneplusone=off"}));
-    tc::Outcome<tc::Client> c = tc::Client::Connect(chassis.dir(), std::nullopt);
-    ASSERT_TRUE(c) << c.error();
-    for (const char *mode : {"loadbalancing", "1+1"}) {
-        ProcRun run = chassis.Tbdlctl({"bundle", "create", "1", "--mode", mode});
-        EXPECT_TRUE(Exited(run, 1)) << mode;
-        EXPECT_EQ(run.err, "0x65140006 TBDL_E_MODE_NOTSUPPORT: The work mode is not enabled on this device.\n") << mode;
-    }
-    EXPECT_TRUE(Exited(chassis.Tbdlctl({"bundle", "create", "4", "--mode", "1:1"}), 0));
-    /* A mode value sharing a bit with an enabled mode passes and is kept as
-     * given. */
-    EXPECT_TRUE(Exited(chassis.Tbdlctl({"bundle", "create", "8", "--mode", "3"}), 0));
-    tc::Outcome<tc::Shown<tc::BndDetail>> shown = c->ShowBundle(8);
-    ASSERT_TRUE(shown && shown->value);
-    EXPECT_EQ(shown->value->ucMode, 3u);
-
-    ProcRun run = chassis.Tbdlctl({"--json", "show", "limits"});
-    EXPECT_EQ(Json::parse(run.out, nullptr, false), Json::parse(R"({"bundle_slots":1024,"member_limit":8,
-        "modes":{"LoadBalancing":false,"ProtectionOnetoone":true,"ProtectionOneplusone":false}})"));
-    tc::Outcome<tc::BndWalk> walk = c->WalkBundles();
-    ASSERT_TRUE(walk) << walk.error();
-    ASSERT_EQ(walk->bundles.size(), 2u);
-    EXPECT_EQ(walk->bundles[0].uiBndNum, 4u);
-    EXPECT_TRUE(Consistent(chassis, *c));
 }
 
 }  // namespace

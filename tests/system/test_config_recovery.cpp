@@ -1,6 +1,5 @@
 /* Recovery of the stored configuration by the real daemon: a process
- * restart compares stored VRFs with L3VPN's, a reboot takes them as stored,
- * and bundles of a mode switched off are discarded. The daemon's L3VPN
+ * restart compares stored VRFs with L3VPN's. The daemon's L3VPN
  * registration is made to fail, so only recovery can notice a VRF move. */
 #include <gtest/gtest.h>
 
@@ -21,12 +20,11 @@ protected:
         ASSERT_TRUE(Restart());
     }
 
-    /* chassisctl board restart 0 (or reboot), then a fresh client on the new process. */
-    testing::AssertionResult Restart(const char *how = "board")
+    /* chassisctl board restart 0, then a fresh client on the new process. */
+    testing::AssertionResult Restart()
     {
         const pid_t before = m_chassis.BoardPid(0);
-        ProcRun run = m_chassis.Ctl(std::string(how) == "board" ? std::vector<std::string>{"board", "restart", "0"}
-                                                                : std::vector<std::string>{how});
+        ProcRun run = m_chassis.Ctl({"board", "restart", "0"});
         if (run.status != 0 || m_chassis.BoardPid(0) == before || !WaitCfgAnswers(m_chassis)) {
             return testing::AssertionFailure() << "no new daemon answers";
         }
@@ -93,49 +91,6 @@ TEST_F(ConfigRecovery, ProcessRestartComparesVrf)
     EXPECT_TRUE(Answers(m_client->AddMember(1, {31, 1, 0}), TBDL_OK));
     EXPECT_TRUE(Answers(m_client->CreateBundle(3, TBDL_MODE_LOADBALANCING, 0), TBDL_OK));
     EXPECT_TRUE(StoreMatches(m_chassis, *m_client));
-}
-
-TEST_F(ConfigRecovery, RebootTakesTheStoredVrf)
-{
-    Bundle(2, TBDL_MODE_ONETOONE, {{21, 1, 0}, {22, 1, 1}});
-    Bundle(6, TBDL_MODE_LOADBALANCING, {});
-    std::map<std::uint32_t, std::string> before = Summary();
-    for (const char *name : {"Tunnel-Bundle2", "Tunnel-Bundle6", "Tunnel22"}) {
-        ASSERT_TRUE(Exited(m_chassis.Ctl({"vrf", "bind", name, "9"}), 0)) << name;
-    }
-    ASSERT_TRUE(Restart("reboot"));
-    EXPECT_EQ(StartCause(), 0);
-
-    EXPECT_EQ(Summary(), before) << "nothing was discarded";
-    EXPECT_TRUE(Consistent(m_chassis, *m_client));
-    /* The kernel, emptied by the reboot, was told the stored VRF. */
-    const std::map<std::string, std::uint32_t> ifs = IfIndexes(m_chassis);
-    std::map<std::uint32_t, int> vrfs; /* interface index -> VRF in the kernel */
-    const Json kernel = m_chassis.CtlJson({"dump", "ktbdl", "--board", "0"});
-    for (const Json &e : kernel["bundles"]) {
-        vrfs[e["ifindex"]] = e.value("vrf", -1);
-    }
-    EXPECT_EQ(vrfs, (std::map<std::uint32_t, int>{{ifs.at("Tunnel-Bundle2"), 0}, {ifs.at("Tunnel-Bundle6"), 0}}));
-}
-
-TEST_F(ConfigRecovery, ModeSwitchedOffDiscardsStoredBundles)
-{
-    Bundle(1, TBDL_MODE_LOADBALANCING, {{11, 1, 0}});
-    Bundle(2, TBDL_MODE_ONETOONE, {{21, 1, 0}, {22, 1, 1}});
-    Bundle(3, TBDL_MODE_ONEPLUSONE, {{31, 1, 0}});
-    std::map<std::uint32_t, std::string> before = Summary();
-    m_client.reset();
-    ASSERT_TRUE(m_chassis.Stop());
-    ASSERT_TRUE(StartWithDaemon(m_chassis, {"--mode", "ProtectionOnetoone=off"}));
-    ASSERT_TRUE(Reconnect());
-
-    std::map<std::uint32_t, std::string> after = Summary();
-    EXPECT_EQ(after.count(2), 0u);
-    EXPECT_EQ(after[1], before[1]);
-    EXPECT_EQ(after[3], before[3]);
-    EXPECT_EQ(IfIndexes(m_chassis).count("Tunnel-Bundle2"), 0u);
-    EXPECT_TRUE(Consistent(m_chassis, *m_client)) << "the discarded bundle and its members are not stored";
-    EXPECT_TRUE(Answers(m_client->AddMember(1, {21, 1, 0}), TBDL_OK)) << "its tunnels are free";
 }
 
 }  // namespace

@@ -420,6 +420,7 @@ struct Figures {
     double tripsCreate = 0, tripsDelete = 0, tripsBind = 0, tripsUnbind = 0, tripsPerMember = 0;
     double startToAnswerMs = 0;
     long rssEmpty = 0, rssLoaded = 0;
+    long anonEmpty = 0, anonLoaded = 0; /* the daemon's own memory, without the chassis's shared files */
     Idle idle;
     int idleSeconds = 0;
 };
@@ -454,6 +455,9 @@ void PrintTable(const Figures &f, const Options &opt)
     row("RSS growth, empty -> " + std::to_string(opt.bundles) + " x " + std::to_string(opt.members),
         num("%.0f kB", static_cast<double>(f.rssLoaded - f.rssEmpty)),
         num("goal <= 1024 kB; total %.0f kB", static_cast<double>(f.rssLoaded)));
+    row("  of it the daemon's own memory (RssAnon)", num("%.0f kB", static_cast<double>(f.anonLoaded - f.anonEmpty)),
+        num("the rest: pages read from the shared interface and kernel tables; total %.0f kB",
+            static_cast<double>(f.anonLoaded)));
     row("idle daemon wake-ups per second over " + std::to_string(f.idleSeconds) + " s",
         num("%.1f", static_cast<double>(f.idle.switches) * perSecond),
         num("goal 0; %.1f runs/s on a CPU", static_cast<double>(f.idle.runs) * perSecond));
@@ -517,6 +521,7 @@ int main(int argc, char **argv)
     tc::Client client = bench.Connect();
     const pid_t pid0 = bench.DaemonPid();
     fig.rssEmpty = StatusKb(pid0, "VmRSS:");
+    fig.anonEmpty = StatusKb(pid0, "RssAnon:");
 
     /* Bundle 0 stays, so that deleting bundle 1 never starts the hold. */
     Expect(client.CreateBundle(0, TBDL_MODE_LOADBALANCING, 0), "create keeper bundle");
@@ -630,9 +635,13 @@ int main(int argc, char **argv)
                     : "  <- NOT the seeded table: the figures above are not comparable");
     fig.startToAnswerMs = startToAnswerMs;
     fig.rssLoaded = StatusKb(newPid, "VmRSS:");
-    std::printf("daemon VmRSS, empty table                        : %8ld kB\n", fig.rssEmpty);
-    std::printf("daemon VmRSS, table loaded                       : %8ld kB (+%ld kB, VmHWM %ld kB)\n",
-                fig.rssLoaded, fig.rssLoaded - fig.rssEmpty, StatusKb(newPid, "VmHWM:"));
+    fig.anonLoaded = StatusKb(newPid, "RssAnon:");
+    std::printf("daemon VmRSS, empty table                        : %8ld kB (RssAnon %ld kB)\n", fig.rssEmpty,
+                fig.anonEmpty);
+    std::printf("daemon VmRSS, table loaded                       : %8ld kB (+%ld kB, VmHWM %ld kB; RssAnon %ld kB, "
+                "RssFile %ld kB)\n",
+                fig.rssLoaded, fig.rssLoaded - fig.rssEmpty, StatusKb(newPid, "VmHWM:"), fig.anonLoaded,
+                StatusKb(newPid, "RssFile:"));
 
     /* Recovery's round trips: the daemon is killed (it makes no call on its
      * way out) and the service manager starts a new one, which recovers

@@ -176,7 +176,9 @@ int SetUpConnection(sqlite3 *db, const std::string &name, const std::string &own
         return SQLITE_ERROR;
     }
     std::string check;
-    rc = Exec(db, "PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON;", err);
+    /* A small page cache: the store is read whole once, at recovery, and
+     * then written record by record; the system's file cache holds the rest. */
+    rc = Exec(db, "PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON; PRAGMA cache_size=-256;", err);
     if (rc == SQLITE_OK) {
         rc = QueryText(db, "PRAGMA quick_check", check, err);
     }

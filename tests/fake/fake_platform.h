@@ -143,9 +143,12 @@ std::string HostPath(uint16_t port);
  * delete (8 bytes); any other command or length is recorded and answered 1. */
 
 /* L3VPN event service. L3VPN_RegEvt returns a real descriptor (an eventfd)
- * and keeps the handler; L3VPN_RequestBatch queues a batch begin and a
- * batch end (no data) and makes it readable, and L3VPN_ProcEvt hands every
- * queued one to the handler. L3VPN_DeregEvent closes the descriptor. */
+ * and keeps the handler; pushed events make it readable, and L3VPN_ProcEvt
+ * hands every queued one to the handler (data NULL when none is given).
+ * L3VPN_RequestBatch queues a batch begin and a batch end. L3VPN_DeregEvent
+ * closes the descriptor. */
+void L3vPush(uint32_t event, const L3VPN_EVT_S *data = nullptr);
+size_t L3vPending(); /* events queued and not yet handed to the handler */
 
 /* Service-port events. SubscribeServicePortEvent returns a real descriptor
  * (an eventfd) that the daemon then owns; each pushed (state, port) is read

@@ -1,7 +1,7 @@
 /* Fake L3VPN event service and service-port events: a real eventfd stands
- * for each descriptor. L3VPN_ProcEvt hands the queued batch marks to the
- * registered handler; RecvServicePortEvent reads the service-port events
- * tests push one at a time. */
+ * for each descriptor. Tests push events; L3VPN_ProcEvt hands the queued
+ * ones to the registered handler, RecvServicePortEvent reads them one at a
+ * time. */
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -15,10 +15,16 @@ using namespace fake::detail;
 namespace fake {
 namespace {
 
+struct L3vEvent {
+    uint32_t uiEvent;
+    bool bHasData;
+    L3VPN_EVT_S stData;
+};
+
 struct L3vState {
     int iFd = -1; /* the registration's descriptor, closed by L3VPN_DeregEvent or Reset */
     L3VPN_EVT_CB_PF pfnHandler = nullptr;
-    std::deque<uint32_t> dqEvents;
+    std::deque<L3vEvent> dqEvents;
 } g_stL3v;
 
 /* The subscription's descriptor belongs to the daemon once handed over (it
@@ -62,11 +68,11 @@ uint64_t L3vDeliver(int iFd)
         return 1;
     }
     /* The handler may deregister; take the queue as it stands. */
-    std::deque<uint32_t> dq;
+    std::deque<L3vEvent> dq;
     dq.swap(g_stL3v.dqEvents);
     Settle(iFd, false);
-    for (uint32_t uiEvent : dq) {
-        (void)g_stL3v.pfnHandler(uiEvent, nullptr);
+    for (const L3vEvent &e : dq) {
+        (void)g_stL3v.pfnHandler(e.uiEvent, e.bHasData ? &e.stData : nullptr);
     }
     return 0;
 }
@@ -93,6 +99,15 @@ void detail::ResetWatch()
     g_stL3v = L3vState{};
     g_stSvc = SvcState{};
 }
+
+void L3vPush(uint32_t event, const L3VPN_EVT_S *data)
+{
+    L3vEvent e{event, data != nullptr, data != nullptr ? *data : L3VPN_EVT_S{}};
+    g_stL3v.dqEvents.push_back(e);
+    Wake(g_stL3v.iFd);
+}
+
+size_t L3vPending() { return g_stL3v.dqEvents.size(); }
 
 void SvcPortPush(uint32_t state, uint16_t port)
 {
@@ -124,8 +139,8 @@ u32 L3VPN_RequestBatch(i32 iFd, u32 uiVrfIndex)
         if (iFd < 0 || iFd != g_stL3v.iFd) {
             return 1;
         }
-        g_stL3v.dqEvents.insert(g_stL3v.dqEvents.end(), {L3VPN_EV_BATCH_BEGIN, L3VPN_EV_BATCH_END});
-        Wake(iFd);
+        L3vPush(L3VPN_EV_BATCH_BEGIN, nullptr);
+        L3vPush(L3VPN_EV_BATCH_END, nullptr);
         return 0;
     });
 }

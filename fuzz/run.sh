@@ -3,10 +3,10 @@
 # inputs and the seed corpus of each, then fuzzes each for a bounded time.
 # Exits non-zero when any input makes a target fail.
 #
-#   fuzz/run.sh [SECONDS]        (default 60 for the configuration request
+#   fuzz/run.sh [SECONDS]        (default 30 for the configuration request
 #                                 path, a third of it for the PS receiver,
-#                                 20 s for the interface-event callback and
-#                                 the watches, 10 s for the HA receiver,
+#                                 10 s for the interface-event callback and
+#                                 the watches, the HA receiver,
 #                                 the recovery and chassisd's requests;
 #                                 build dir: build-fuzz)
 #   fuzz/run.sh --long [RUNS [TARGET...]]
@@ -30,7 +30,7 @@ if [[ "${1:-}" == "--long" ]]; then
   ONLY=("${@:3}")
   SECONDS_MAX=60
 else
-  SECONDS_MAX="${1:-60}"
+  SECONDS_MAX="${1:-30}"
 fi
 TARGETS=(fuzz_cfg_request fuzz_ps_send fuzz_if_event fuzz_watch_event fuzz_ha_msg fuzz_dbm_recover
   fuzz_chassis_rpc)
@@ -86,8 +86,8 @@ fuzz() {
 fuzz fuzz_cfg_request "$ROOT/fuzz/corpus/cfg_request" "$SECONDS_MAX" 2100 "$ROOT/fuzz/regressions"
 fuzz fuzz_ps_send "$ROOT/fuzz/corpus/ps_send" $((SECONDS_MAX / 3 > 0 ? SECONDS_MAX / 3 : 1)) 2048
 # Interface events: a code and up to 64 entries.
-fuzz fuzz_if_event "$ROOT/fuzz/corpus/if_event" 20 516
-fuzz fuzz_watch_event "$ROOT/fuzz/corpus/watch_event" 20 1200
+fuzz fuzz_if_event "$ROOT/fuzz/corpus/if_event" 10 516
+fuzz fuzz_watch_event "$ROOT/fuzz/corpus/watch_event" 10 1200
 fuzz fuzz_ha_msg "$ROOT/fuzz/corpus/ha_msg" 10 4096
 fuzz fuzz_dbm_recover "$ROOT/fuzz/corpus/dbm_recover" 10 2048 "$ROOT/fuzz/regress/dbm_recover"
 fuzz fuzz_chassis_rpc "$ROOT/fuzz/corpus/chassis_rpc" 10 4096

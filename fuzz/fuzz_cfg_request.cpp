@@ -32,7 +32,6 @@ namespace {
 using fuzzd::Check;
 using fuzzd::Configure;
 
-int g_iEpfd = -1;
 bool g_bVerbose = false; /* TBDL_FUZZ_VERBOSE set: print each reply header */
 
 /* Bundle 1 (load balancing, address, two members), bundle 2 (1:1, one
@@ -72,8 +71,8 @@ void Populate()
 
 void SetUp()
 {
-    fuzzd::StartCore(fuzzd::kDefaultSpec, g_iEpfd);
-    (void)TBDL_CFG_Init(static_cast<u32>(g_iEpfd));
+    fuzzd::StartCore(fuzzd::kDefaultSpec, fuzzd::EventLoop());
+    (void)TBDL_CFG_Init(static_cast<u32>(fuzzd::EventLoop()));
     if (TBDL_CFG_Activate() != TBDL_OK) {
         fprintf(stderr, "configuration socket could not be opened\n");
         abort();
@@ -142,10 +141,6 @@ void CheckReply(const u8 *pucReq, size_t ulReqLen, const u8 *pucRep, ssize_t lRe
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     g_bVerbose = getenv("TBDL_FUZZ_VERBOSE") != nullptr;
-    g_iEpfd = epoll_create1(0);
-    if (g_iEpfd < 0) {
-        abort();
-    }
     return 0;
 }
 

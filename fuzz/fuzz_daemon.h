@@ -3,6 +3,8 @@
  * calls them, and the core modules started against the recording fake. */
 #pragma once
 
+#include <sys/epoll.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +17,17 @@
 #include "tbdl_intf.h"
 
 namespace fuzzd {
+
+/* The event loop the modules register with: one per process, made on first
+ * use (nothing ever waits on it). */
+inline int EventLoop()
+{
+    static const int iEpfd = epoll_create1(EPOLL_CLOEXEC);
+    if (iEpfd < 0) {
+        abort();
+    }
+    return iEpfd;
+}
 
 inline void Check(bool bOk, const char *pcWhat)
 {

@@ -20,7 +20,6 @@
  * every stored bundle must be in the table (a bundle that cannot be
  * restored is deleted). */
 #include <arpa/inet.h>
-#include <sys/epoll.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -65,7 +64,6 @@ constexpr Failure kFailures[] = {
     {nullptr, 0},
 };
 
-int g_iEpfd = -1;
 
 Bytes MembKey(u32 uiBnd)
 {
@@ -121,8 +119,8 @@ void SetUp(u8 ucHead)
     TBDL_SPEC_S stSpec = {kMaxBnd, kMaxMemb, 1, 1, 0};
     (void)TBDL_DBG_Init();
     (void)TBDL_DBM_Init();
-    (void)TBDL_BND_Init(&stSpec, nullptr, g_iEpfd);
-    (void)TBDL_INTF_Init(g_iEpfd);
+    (void)TBDL_BND_Init(&stSpec, nullptr, fuzzd::EventLoop());
+    (void)TBDL_INTF_Init(fuzzd::EventLoop());
     (void)TBDL_INTF_Activate();
 }
 
@@ -207,15 +205,6 @@ std::set<u32> CheckTable()
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    g_iEpfd = epoll_create1(0);
-    if (g_iEpfd < 0) {
-        abort();
-    }
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pucData, size_t ulSize)
 {

@@ -12,7 +12,6 @@
  * order; the message buffer returned once; and the bundle table, the
  * database, the downloads and the HA sends left alone. */
 #include <arpa/inet.h>
-#include <sys/epoll.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -38,11 +37,10 @@ using fuzzd::Configure;
 
 using Bytes = std::vector<uint8_t>;
 
-int g_iEpfd = -1;
 
 void SetUp()
 {
-    fuzzd::StartCore(fuzzd::kDefaultSpec, g_iEpfd);
+    fuzzd::StartCore(fuzzd::kDefaultSpec, fuzzd::EventLoop());
     const u16 ausMode[2] = {1, 0};
     Configure(TBDL_BND_Configure, 1, TBDL_TLV_OP_BND, ausMode, sizeof(ausMode));
     Configure(TBDL_BND_Configure, 2, TBDL_TLV_OP_BND, ausMode, sizeof(ausMode));
@@ -57,7 +55,7 @@ void SetUp()
      * module itself. */
     fake::Config().master = false;
     TBDL_BAS_DeregHAFunc();
-    if (TBDL_HA_Init(g_iEpfd) != 0) {
+    if (TBDL_HA_Init(fuzzd::EventLoop()) != 0) {
         fprintf(stderr, "the HA channel could not be joined\n");
         abort();
     }
@@ -178,15 +176,6 @@ void CheckNothingElse()
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    g_iEpfd = epoll_create1(0);
-    if (g_iEpfd < 0) {
-        abort();
-    }
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pucData, size_t ulSize)
 {

@@ -10,7 +10,6 @@
  * sanitizers, the outcome is checked: one log line per entry, one
  * acknowledgement of the whole event, and every interface with private data
  * listed as a member of the bundle it names, and no other member. */
-#include <sys/epoll.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -32,7 +31,6 @@ namespace {
 using fuzzd::Check;
 using fuzzd::Configure;
 
-int g_iEpfd = -1;
 
 void Populate()
 {
@@ -54,7 +52,7 @@ void Populate()
 
 void SetUp()
 {
-    fuzzd::StartCore(fuzzd::kDefaultSpec, g_iEpfd);
+    fuzzd::StartCore(fuzzd::kDefaultSpec, fuzzd::EventLoop());
     if (TBDL_INTF_Activate() != TBDL_OK) {
         fprintf(stderr, "interface events could not be subscribed\n");
         abort();
@@ -105,15 +103,6 @@ size_t EventLines()
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    g_iEpfd = epoll_create1(0);
-    if (g_iEpfd < 0) {
-        abort();
-    }
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pucData, size_t ulSize)
 {

@@ -35,7 +35,6 @@ constexpr size_t kStepHead = 2;
 constexpr u32 kEvents[] = {TBDL_L3V_EV_VRF_BIND, TBDL_L3V_EV_VRF_UNBIND, TBDL_L3V_EV_BATCH_BEGIN,
                            TBDL_L3V_EV_BATCH_END};
 
-int g_iEpfd = -1;
 
 /* Masks as the loop reports them: EPOLLIN, EPOLLERR and EPOLLHUP. */
 u32 Mask(u8 ucSel)
@@ -45,9 +44,9 @@ u32 Mask(u8 ucSel)
 
 void SetUp()
 {
-    fuzzd::StartCore(fuzzd::kDefaultSpec, g_iEpfd);
-    TBDL_L3V_Init(g_iEpfd);
-    (void)TBDL_SERVICEWATCH_Init(g_iEpfd);
+    fuzzd::StartCore(fuzzd::kDefaultSpec, fuzzd::EventLoop());
+    TBDL_L3V_Init(fuzzd::EventLoop());
+    (void)TBDL_SERVICEWATCH_Init(fuzzd::EventLoop());
     const u16 ausMode[2] = {1, 0};
     Configure(TBDL_BND_Configure, 1, TBDL_TLV_OP_BND, ausMode, sizeof(ausMode));
     Configure(TBDL_BND_Configure, 2, TBDL_TLV_OP_BND, ausMode, sizeof(ausMode));
@@ -101,15 +100,6 @@ void L3vStep(u32 uiMask, const u8 *puc)
 }
 
 } // namespace
-
-extern "C" int LLVMFuzzerInitialize(int *, char ***)
-{
-    g_iEpfd = epoll_create1(0);
-    if (g_iEpfd < 0) {
-        abort();
-    }
-    return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pucData, size_t ulSize)
 {

@@ -90,7 +90,7 @@ fuzz fuzz_if_event "$ROOT/fuzz/corpus/if_event" 10 516
 fuzz fuzz_watch_event "$ROOT/fuzz/corpus/watch_event" 10 1200
 fuzz fuzz_ha_msg "$ROOT/fuzz/corpus/ha_msg" 10 4096
 fuzz fuzz_dbm_recover "$ROOT/fuzz/corpus/dbm_recover" 10 2048 "$ROOT/fuzz/regress/dbm_recover"
-fuzz fuzz_chassis_rpc "$ROOT/fuzz/corpus/chassis_rpc" 10 4096
+fuzz fuzz_chassis_rpc "$ROOT/fuzz/corpus/chassis_rpc" 10 4096 "$ROOT/fuzz/regress/chassis_rpc"
 
 if [[ -n "$LONG_RUNS" ]]; then
   echo "== per target"

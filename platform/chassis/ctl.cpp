@@ -362,8 +362,33 @@ bool StopStart(const Service &s, bool stop, const Json &req, Json &reply)
 
 } // namespace
 
+namespace {
+
+/* Every number chassisctl sends is an integer; a fraction, or one too large
+ * to be read as an integer at all, arrives as a floating-point value. */
+bool HasFraction(const Json &j)
+{
+    if (j.is_number_float()) {
+        return true;
+    }
+    if (j.is_structured()) {
+        for (const Json &v : j) {
+            if (HasFraction(v)) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+} // namespace
+
 bool CtlHandle(int fd, const Json &req, Json &reply)
 {
+    if (HasFraction(req)) {
+        reply = Error("numbers must be integers");
+        return true;
+    }
     const std::string cmd = req["cmd"].get<std::string>();
     for (const CtlCommand &c : kCommands) {
         if (cmd == c.name) {

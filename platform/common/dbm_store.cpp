@@ -64,6 +64,7 @@ constexpr const char *kSql[] = {
     " ORDER BY sortword LIMIT ?4",
     /* kReadAll */ "SELECT sortword, rec FROM dbm_records WHERE db=?1 AND key=?2 ORDER BY sortword",
     /* kBegin */ "BEGIN IMMEDIATE",
+    /* kBeginRead */ "BEGIN DEFERRED",
     /* kCommit */ "COMMIT",
     /* kRollback */ "ROLLBACK",
 };
@@ -283,8 +284,20 @@ bool DbmStore::Prepare(std::string &err)
     return true;
 }
 
+bool DbmStore::IsWrite(Stmt which)
+{
+    static constexpr Stmt kWrites[] = {kListInsert, kListUpdate, kInsert, kRemove, kDeleteRecords, kDeleteList};
+    return std::find(std::begin(kWrites), std::end(kWrites), which) != std::end(kWrites);
+}
+
 sqlite3_stmt *DbmStore::Use(Stmt which)
 {
+    if (IsWrite(which)) {
+        EndSharedRead();
+    } else if (readBatch_ && !sharedRead_ && sqlite3_get_autocommit(db_) != 0) {
+        /* A failed BEGIN leaves the read to its own transaction. */
+        sharedRead_ = Step(kBeginRead) == DbmStatus::Ok;
+    }
     sqlite3_stmt *stmt = stmts_[which];
     sqlite3_reset(stmt);
     sqlite3_clear_bindings(stmt);
@@ -348,6 +361,7 @@ DbmStatus DbmStore::SetSortWord(std::string_view key, uint32_t offset, uint32_t 
  * new sort word, all in one transaction. */
 DbmStatus DbmStore::Rekey(std::string_view key, uint32_t offset, uint32_t length)
 {
+    EndSharedRead();
     if (Step(kBegin) != DbmStatus::Ok) {
         return DbmStatus::StoreError;
     }
@@ -483,6 +497,25 @@ DbmStatus DbmStore::KeysByFirstByte(uint8_t first, std::vector<std::string> &key
     }
     sqlite3_reset(stmt);
     return rc == SQLITE_DONE ? DbmStatus::Ok : Fail("key walk");
+}
+
+void DbmStore::BeginReadBatch()
+{
+    readBatch_ = true;
+}
+
+void DbmStore::EndReadBatch()
+{
+    EndSharedRead();
+    readBatch_ = false;
+}
+
+void DbmStore::EndSharedRead()
+{
+    if (sharedRead_) {
+        sharedRead_ = false;
+        (void)Step(kCommit); /* nothing written: ends the read */
+    }
 }
 
 DbmStatus DbmStore::ReadAfter(std::string_view key, std::string_view after, uint32_t limit,

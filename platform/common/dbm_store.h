@@ -79,6 +79,15 @@ public:
      * ("" = from the first), ascending. A missing list reads as empty. */
     DbmStatus ReadAfter(std::string_view key, std::string_view after, uint32_t limit, std::vector<DbmRecord> &out);
 
+    /* A walk over many lists (recovery reads every list and the daemon
+     * stores each recovered record again, which finds it already there):
+     * between these two calls reads share one read transaction instead of
+     * taking the file locks once each. A write ends the shared transaction
+     * first, so every write is still committed on its own before it
+     * returns; the next read opens a new one. */
+    void BeginReadBatch();
+    void EndReadBatch();
+
 private:
     enum Stmt {
         kKeyExists,
@@ -95,6 +104,7 @@ private:
         kReadAfter,
         kReadAll,
         kBegin,
+        kBeginRead,
         kCommit,
         kRollback,
         kStmtCount
@@ -102,14 +112,20 @@ private:
 
     DbmStore(sqlite3 *db, std::string name);
     bool Prepare(std::string &err);
-    sqlite3_stmt *Use(Stmt which); /* reset and cleared bindings */
+    static bool IsWrite(Stmt which);
+    /* Reset and cleared bindings; a write first ends a batch's shared read,
+     * a read in a batch opens it. */
+    sqlite3_stmt *Use(Stmt which);
     void BindKey(sqlite3_stmt *stmt, std::string_view key);
     DbmStatus Fail(const char *what);
     DbmStatus Step(Stmt which); /* for statements without rows */
     DbmStatus Rekey(std::string_view key, uint32_t offset, uint32_t length);
     DbmStatus IsStored(std::string_view key, std::string_view rec, bool &stored);
+    void EndSharedRead();
 
     sqlite3 *db_ = nullptr;
+    bool readBatch_ = false; /* between BeginReadBatch and EndReadBatch */
+    bool sharedRead_ = false; /* the batch's read transaction is open */
     std::string name_;
     std::string lastError_;
     sqlite3_stmt *stmts_[kStmtCount] = {};

@@ -169,6 +169,42 @@ i32 ReadBlock(u64 ulHandle, const void *pvKey, u32 uiKeyLen, void **ppvIter, u32
     return static_cast<i32>(recs.size());
 }
 
+/* Walks the rows of DBM_Batch_Proc: each row's keys in order, its callback
+ * called on each. The reads of the whole walk share one read transaction
+ * (the callbacks read every list and store each record again). */
+u32 WalkRows(u64 ulHandle, const DBM_BATCH_ROW_S *pstRows, u32 uiRowCount, Json &walked)
+{
+    (void)WithStore(ulHandle, [](DbmStore &s) {
+        s.BeginReadBatch();
+        return u32{0};
+    });
+    u32 uiRet = 0;
+    for (u32 i = 0; uiRet == 0 && i < uiRowCount; ++i) {
+        const DBM_BATCH_ROW_S &stRow = pstRows[i];
+        if (stRow.pfnCallback == nullptr || stRow.ulId > 0xFE) {
+            continue; /* row N matches keys starting with byte N + 1 */
+        }
+        /* Take the row's keys first: the callback reads the store itself. */
+        std::vector<std::string> keys;
+        uiRet = WithStore(ulHandle, [&](DbmStore &s) {
+            return CodeOf(s, s.KeysByFirstByte(static_cast<u8>(stRow.ulId + 1), keys));
+        });
+        for (size_t k = 0; uiRet == 0 && k < keys.size(); ++k) {
+            u32 uiCbRet = stRow.pfnCallback(ulHandle, keys[k].data(), static_cast<u32>(keys[k].size()));
+            if (JournalEnabled()) {
+                walked.push_back(
+                    {{"row", i}, {"key", HexOf(keys[k].data(), keys[k].size())}, {"cb_result", uiCbRet}});
+            }
+        }
+    }
+    /* By handle again: a callback may have closed it. */
+    (void)WithStore(ulHandle, [](DbmStore &s) {
+        s.EndReadBatch();
+        return u32{0};
+    });
+    return uiRet;
+}
+
 } // namespace
 
 extern "C" u32 DBM_Open(const char *pcName, const char *pcOwner, u32 uiType, const u32 *pauiParam, u64 *pulHandle,
@@ -307,26 +343,7 @@ extern "C" u32 DBM_Batch_Proc(u64 ulHandle, i32 iScope, const DBM_BATCH_ROW_S *p
             if (iScope != -1 || (pstRows == nullptr && uiRowCount != 0)) {
                 return kDbmErrParam;
             }
-            u32 uiRet = 0;
-            for (u32 i = 0; uiRet == 0 && i < uiRowCount; ++i) {
-                const DBM_BATCH_ROW_S &stRow = pstRows[i];
-                if (stRow.pfnCallback == nullptr || stRow.ulId > 0xFE) {
-                    continue; /* row N matches keys starting with byte N + 1 */
-                }
-                /* Take the row's keys first: the callback reads the store itself. */
-                std::vector<std::string> keys;
-                uiRet = WithStore(ulHandle, [&](DbmStore &s) {
-                    return CodeOf(s, s.KeysByFirstByte(static_cast<u8>(stRow.ulId + 1), keys));
-                });
-                for (size_t k = 0; uiRet == 0 && k < keys.size(); ++k) {
-                    u32 uiCbRet = stRow.pfnCallback(ulHandle, keys[k].data(), static_cast<u32>(keys[k].size()));
-                    if (JournalEnabled()) {
-                        walked.push_back(
-                            {{"row", i}, {"key", HexOf(keys[k].data(), keys[k].size())}, {"cb_result", uiCbRet}});
-                    }
-                }
-            }
-            return uiRet;
+            return WalkRows(ulHandle, pstRows, uiRowCount, walked);
         },
         [&] { return Json{{"handle", ulHandle}, {"scope", iScope}, {"rows", uiRowsWalked}, {"lists", walked}}; });
 }

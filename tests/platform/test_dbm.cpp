@@ -241,6 +241,34 @@ TEST_F(DbmTest, BatchWalkServesRowsInTableOrderAndKeysAscending)
     EXPECT_NE(DBM_Batch_Proc(DBM_HANDLE_NONE, -1, rows, 2), 0u);
 }
 
+/* A walk's reads share one read transaction; a record stored from inside
+ * the walk must still be committed when the call returns: another
+ * connection (the other board) sees it before the walk ends. */
+u64 g_peer = DBM_HANDLE_NONE;
+std::vector<u32> g_seenByPeer;
+u32 StoreDuringWalk(u64 handle, const void *key, u32 keyLen)
+{
+    Bytes k(static_cast<const u8 *>(key), static_cast<const u8 *>(key) + keyLen);
+    const u32 tnl = 100 + static_cast<u32>(ReadList(handle, k, 12).size());
+    EXPECT_EQ(DBM_InsertSortList(handle, key, keyLen, 12, MembRec(tnl).data(), 1), 0u);
+    g_seenByPeer.push_back(DBM_Len(g_peer, key, keyLen));
+    return 0;
+}
+
+TEST_F(DbmTest, AStoreInsideABatchWalkIsCommittedBeforeItReturns)
+{
+    ASSERT_EQ(Store(h_, MembKey(1), MembRec(1), 0), 0u);
+    ASSERT_EQ(Store(h_, MembKey(2), MembRec(1), 0), 0u);
+    ASSERT_EQ(Store(h_, MembKey(2), MembRec(2), 0), 0u);
+    ASSERT_EQ(OpenDb(g_peer), 0u);
+    const DBM_BATCH_ROW_S rows[] = {{1, StoreDuringWalk, 0}};
+    g_seenByPeer.clear();
+    ASSERT_EQ(DBM_Batch_Proc(h_, -1, rows, 1), 0u);
+    EXPECT_EQ(g_seenByPeer, (std::vector<u32>{2, 3}));
+    EXPECT_EQ(ReadList(h_, MembKey(2), 12).back(), MembRec(102)) << "the walk read its own key after its store";
+    EXPECT_EQ(DBM_Close(g_peer), 0u);
+}
+
 TEST_F(DbmTest, DatabasesOfDifferentNamesAreSeparateAndHandlesShareOneStore)
 {
     u64 other = DBM_HANDLE_NONE, same = DBM_HANDLE_NONE;

@@ -99,19 +99,4 @@ TEST_F(ConfigBundles, LoadBalancingMembersWeightsAndRelease)
     EXPECT_TRUE(Consistent(m_chassis, *m_client));
 }
 
-TEST_F(ConfigBundles, AFailedDatabaseWriteKeepsTheBundle)
-{
-    ASSERT_TRUE(Answers(m_client->SetDebug(true, tc::kDebugError), TBDL_OK));
-    ASSERT_TRUE(Exited(m_chassis.Ctl({"fail", "DBM_InsertSortList", "--board", "0"}), 0));
-    EXPECT_TRUE(Tbdl({"bundle", "create", "5", "--mode", "loadbalancing"})) << "the change does not fail";
-    EXPECT_TRUE(m_chassis.WaitFile("board0/tbdld.log", "Failed to save tunnel bundle interface (5) to DBM."));
-    EXPECT_TRUE(Tbdl({"bundle", "create", "6", "--mode", "1:1"}));
-    EXPECT_TRUE(Show(5)) << "bundle 5 stays in the table";
-    EXPECT_TRUE(KtbdlMatches(m_chassis, *m_client)) << "and reached the kernel";
-    std::optional<Sigs> stored = ReadStored(m_chassis);
-    ASSERT_TRUE(stored);
-    EXPECT_EQ(stored->count("Tunnel-Bundle5"), 0u) << "its write failed";
-    EXPECT_EQ(stored->count("Tunnel-Bundle6"), 1u) << "the next write went through";
-}
-
 }  // namespace

@@ -53,9 +53,20 @@ TEST_F(ConfigBundles, CreateInEachModeSetTheAddressAndDelete)
     EXPECT_EQ(tc::FormatAddr(Show(11)->stAddr), "");
     EXPECT_TRUE(Tbdl({"bundle", "address", "11", "--remove"}, TBDL_E_NOCHANGE));
     EXPECT_TRUE(Consistent(m_chassis, *m_client));
-    for (std::uint32_t n = 10; n <= 12; n++) {
-        EXPECT_TRUE(Tbdl({"bundle", "delete", std::to_string(n)})) << n;
+    for (std::uint32_t n = 10; n <= 11; n++) {
+        ProcRun run = m_chassis.Tbdlctl({"bundle", "delete", std::to_string(n)});
+        EXPECT_TRUE(Exited(run, 0)) << n;
+        EXPECT_EQ(run.out, BndName(n) + " deleted.\n");
     }
+    /* The last bundle's deletion succeeds with a note; creation is then held. */
+    ProcRun run = m_chassis.Tbdlctl({"--json", "bundle", "delete", "12"});
+    EXPECT_TRUE(Exited(run, 0));
+    Json j = Json::parse(run.out, nullptr, false);
+    EXPECT_EQ(Json({j["result"], j["ok"]}), Json({TBDL_E_LAST_BND_DELETED, true})) << run.out;
+    run = m_chassis.Tbdlctl({"--json", "bundle", "create", "9", "--mode", "1+1"});
+    EXPECT_TRUE(Exited(run, 1));
+    j = Json::parse(run.out, nullptr, false);
+    EXPECT_EQ(Json({j["name"], j["ok"]}), Json({"TBDL_E_BND_HOLD", false})) << run.out;
     EXPECT_FALSE(Show(10));
     EXPECT_TRUE(Consistent(m_chassis, *m_client));
 }
@@ -86,21 +97,6 @@ TEST_F(ConfigBundles, LoadBalancingMembersWeightsAndRelease)
     EXPECT_TRUE(Tbdl({"bundle", "delete", "30"}));
     EXPECT_TRUE(Answers(m_client->AddMember(31, {300, 1, 0}), TBDL_OK));
     EXPECT_TRUE(Consistent(m_chassis, *m_client));
-}
-
-TEST_F(ConfigBundles, AFailedDatabaseWriteKeepsTheBundle)
-{
-    ASSERT_TRUE(Answers(m_client->SetDebug(true, tc::kDebugError), TBDL_OK));
-    ASSERT_TRUE(Exited(m_chassis.Ctl({"fail", "DBM_InsertSortList", "--board", "0"}), 0));
-    EXPECT_TRUE(Tbdl({"bundle", "create", "5", "--mode", "loadbalancing"})) << "the change does not fail";
-    EXPECT_TRUE(m_chassis.WaitFile("board0/tbdld.log", "Failed to save tunnel bundle interface (5) to DBM."));
-    EXPECT_TRUE(Tbdl({"bundle", "create", "6", "--mode", "1:1"}));
-    EXPECT_TRUE(Show(5)) << "bundle 5 stays in the table";
-    EXPECT_TRUE(KtbdlMatches(m_chassis, *m_client)) << "and reached the kernel";
-    std::optional<Sigs> stored = ReadStored(m_chassis);
-    ASSERT_TRUE(stored);
-    EXPECT_EQ(stored->count("Tunnel-Bundle5"), 0u) << "its write failed";
-    EXPECT_EQ(stored->count("Tunnel-Bundle6"), 1u) << "the next write went through";
 }
 
 }  // namespace

@@ -40,6 +40,7 @@ TEST_F(Crash, BeforeLosesTheCallAfterKeepsItAndTheRestartIsReported)
         const Json board = m_chassis.Board(0);
         EXPECT_EQ(board.value("restarts", -1), restarts + 1);
         EXPECT_EQ(board.value("last_exit", ""), "killed by signal 9 (Killed)");
+        EXPECT_EQ(board.value("start_cause", -1), 1) << "a daemon that died comes back as a process restart";
         Json fail = m_chassis.CtlJson({"dump", "fail"});
         EXPECT_EQ(fail["boards"][0]["calls"][0].value("hits", 0), 1) << fail.dump();
         const std::string journal = ReadFile(m_chassis.Path("board0/journal.jsonl"));

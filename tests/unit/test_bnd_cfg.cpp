@@ -64,6 +64,10 @@ TEST_F(BndCfg, CreateAnnouncesPushesAndSaves)
                        " to KTBDL.\r\n"));
     auto rec = fake::CallsOf("DBM_InsertSortList").at(0).rec; /* mode and tunnel mode stored */
     EXPECT_EQ(Bytes(rec.begin() + 24, rec.begin() + 26), (Bytes{2, 5}));
+    fake::FailOnce("DBM_InsertSortList", 1);
+    EXPECT_EQ(Create(7, 1), TBDL_OK) << "a failed write keeps the bundle";
+    EXPECT_NE(g_stTbdlGlobalVar.ppstBnd[7], nullptr);
+    EXPECT_EQ(Delete(7), TBDL_OK);
 
     Mark();
     fake::FailOnce("IF_GetIfIndexByFullName", 0);

@@ -127,30 +127,6 @@ TEST_F(DbmTest, SortWordIsSetOnlyForANewKeyWhichGoesWithItsLastRecord)
     EXPECT_EQ(2u, fake::CountOf("DBM_SetSortWord"));
 }
 
-TEST_F(DbmTest, MemberRemovalOneByOneAndAllAtOnce)
-{
-    for (u32 uiBnd : {1u, 2u}) {
-        for (u32 uiTnl : {300u, 4u}) {
-            ASSERT_EQ(0u, SetMemb(0, uiBnd, uiTnl));
-        }
-    }
-    ASSERT_EQ(2u, fake::Db().at(MembKey(1)).size());
-    EXPECT_EQ(4, fake::Db().at(MembKey(1))[0][3]); /* tunnel 4 before tunnel 300 */
-    EXPECT_EQ(0u, SetMemb(1, 1, 4));
-    EXPECT_EQ(1u, fake::Db().at(MembKey(1)).size());
-    EXPECT_EQ(0u, SetMemb(1, 1, 300));
-    EXPECT_EQ(0u, fake::Db().count(MembKey(1)));
-
-    /* All of bundle 2: its key goes, nothing else is touched. */
-    ASSERT_EQ(0u, SetBnd(0, 2));
-    fake::ClearJournal();
-    EXPECT_EQ(0u, TBDL_DBM_SetMemb(1, 2, nullptr));
-    EXPECT_EQ((std::vector<std::string>{"DBM_DeleteKey"}), fake::Names());
-    EXPECT_EQ(std::make_tuple(MembKey(2), size_t(0), size_t(1)),
-              std::make_tuple(fake::CallsOf("DBM_DeleteKey").at(0).data, fake::Db().count(MembKey(2)),
-                              fake::Db().count(kBndKey)));
-}
-
 TEST_F(DbmTest, FailuresAreLoggedAsTheOperationSays)
 {
     /* The call that fails, for a member or a bundle, a removal or not, and the line logged. */

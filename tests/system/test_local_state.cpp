@@ -99,4 +99,13 @@ TEST_F(LocalState, EachChangeDecidesTheNextBindWithoutAskingChassisd)
     EXPECT_EQ(IfRoundTrips(1), 0u);
 }
 
+TEST_F(LocalState, ADeletedTunnelIsGoneForTheNextBind)
+{
+    ASSERT_TRUE(AddTunnel(m_chassis, 11));
+    ASSERT_TRUE(Exited(m_chassis.Ctl({"if", "del", "Tunnel11"}), 0));
+    ASSERT_TRUE(tbdl::systest::WaitUntil([&] { return IfIndexes(m_chassis).count("Tunnel11") == 0; }));
+    EXPECT_TRUE(Answers(m_client->AddMember(1, {11, 1, 0}), TBDL_E_FAILED));
+    EXPECT_EQ(IF_GetIfIndexByFullName("Tunnel11"), 0u);
+}
+
 } // namespace

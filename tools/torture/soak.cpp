@@ -4,7 +4,8 @@
  * memory of chassisd and of each board's daemon sampled every 10 s. At the
  * end every board and service is brought back and the master's tables are
  * checked as after a failover. Crashes (daemon restarts), memory that grows
- * more than 5% after warm-up and failed checks fail the run. */
+ * more than 5% after warm-up (chassisd, and the level each board's daemons
+ * hold) and failed checks fail the run. */
 #include <algorithm>
 #include <chrono>
 #include <fstream>
@@ -24,9 +25,9 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kSampleEvery = std::chrono::seconds(10);
 constexpr auto kHaEventGap = std::chrono::seconds(4); /* switchovers and board events at most this often */
 constexpr double kRssGrowthLimit = 0.05;
-/* Below this length the memory is printed but not judged: a daemon started
- * by a board recovery late in a short run has not reached its steady level
- * (allocator caches, the sanitizer's quarantine) by the last sample. */
+/* Below this length the memory is printed but not judged: in a short run
+ * the daemons have not reached their steady level (allocator caches, the
+ * sanitizer's quarantine) by the middle third. */
 constexpr int kMemoryJudgedFromS = 600;
 
 /* VmRSS of a process in kB, 0 when it is gone. */
@@ -70,6 +71,7 @@ private:
     int Restarts();
     void Restore();
     bool MemoryFlat();
+    long Level(const std::string &prefix, double fromS, double toS) const;
 
     std::string Tunnel() { return "Tunnel" + std::to_string(Pick(1, m_opt.tunnels)); }
     uint32_t Pick(uint32_t lo, uint32_t hi) { return std::uniform_int_distribution<uint32_t>(lo, hi)(m_rng); }
@@ -213,28 +215,65 @@ void Soak::Restore()
     }
 }
 
-/* Per process: the first sample after warm-up (a third of the run, at
- * least 20 s) against the last; a process must span two samples after it.
- * A daemon's memory reaches its level once it has held a table as master
- * (a demoted daemon keeps what its allocator got), so a daemon that has
- * been master is judged from its first sample as master on. */
-bool Soak::MemoryFlat()
+/* The highest sample in [fromS, toS) of the processes whose key starts
+ * with prefix, counting only samples taken once the process had served;
+ * 0 when there is none. */
+long Soak::Level(const std::string &prefix, double fromS, double toS) const
 {
-    const double warmUp = std::max(20.0, m_opt.soakSeconds / 3.0);
-    bool flat = true;
-    std::cout << "RSS (kB, first after warm-up -> last)\n";
+    long level = 0;
     for (const auto &[who, samples] : m_rss) {
-        const bool served = samples.back().hasServed;
-        auto first = std::find_if(samples.begin(), samples.end(),
-                                  [&](const Sample &s) { return s.atS >= warmUp && (s.hasServed || !served); });
-        if (first == samples.end() || first == samples.end() - 1 || first->kb == 0 || samples.back().kb == 0) {
+        if (who.rfind(prefix, 0) != 0) {
             continue;
         }
-        const double growth = double(samples.back().kb - first->kb) / double(first->kb);
+        for (const Sample &s : samples) {
+            if (s.hasServed && s.atS >= fromS && s.atS < toS) {
+                level = std::max(level, s.kb);
+            }
+        }
+    }
+    return level;
+}
+
+/* chassisd lives the whole run: its first sample after warm-up (a third of
+ * the run, at least 20 s) against its last. A daemon's memory rises until
+ * it has held a table as master for a while (allocator caches, the
+ * sanitizer's quarantine), and board failures start new daemons all
+ * through the run, so a daemon is not judged from its own first sample:
+ * per board, the level its daemons reach in the middle third of the run is
+ * the base, and the level of the last third must stay within 5% of it. A
+ * leak in a daemon that lives on shows as a last-third level above every
+ * daemon before it. */
+bool Soak::MemoryFlat()
+{
+    const double runS = m_opt.soakSeconds;
+    const double warmUp = std::max(20.0, runS / 3.0);
+    const double lastThird = runS * 2.0 / 3.0;
+    bool flat = true;
+    auto judge = [&](const std::string &who, long from, long to, const std::string &what) {
+        if (from == 0 || to == 0) {
+            std::cout << "  " << std::left << std::setw(22) << who << "not enough samples\n";
+            return;
+        }
+        const double growth = double(to - from) / double(from);
         const bool ok = growth <= kRssGrowthLimit;
         flat = flat && ok;
-        std::cout << "  " << std::left << std::setw(22) << who << first->kb << " -> " << samples.back().kb << " ("
-                  << std::fixed << std::setprecision(1) << growth * 100 << "%)" << (ok ? "" : " GROWS") << "\n";
+        std::cout << "  " << std::left << std::setw(22) << who << from << " -> " << to << " (" << std::fixed
+                  << std::setprecision(1) << growth * 100 << "%)" << what << (ok ? "" : " GROWS") << "\n";
+    };
+    std::cout << "RSS (kB)\n";
+    for (const auto &[who, samples] : m_rss) {
+        if (who.rfind("chassisd", 0) != 0) {
+            continue;
+        }
+        auto first = std::find_if(samples.begin(), samples.end(), [&](const Sample &s) { return s.atS >= warmUp; });
+        judge(who, first == samples.end() ? 0 : first->kb, samples.back().kb, ", first after warm-up -> last");
+    }
+    for (int b = 0; b < 2; b++) {
+        const std::string prefix = "board " + std::to_string(b) + " ";
+        const long daemons = std::count_if(m_rss.begin(), m_rss.end(),
+                                           [&](const auto &e) { return e.first.rfind(prefix, 0) == 0; });
+        judge("board " + std::to_string(b) + " daemons", Level(prefix, warmUp, lastThird), Level(prefix, lastThird, runS + 1),
+              ", highest of the middle third -> of the last third, " + std::to_string(daemons) + " daemons");
     }
     return flat;
 }

@@ -337,7 +337,9 @@ bool Dump(const Service &s, const Json &req, Json &reply)
         reply = Error(err);
         return true;
     }
-    reply = Ok(s.dumpWith != nullptr ? s.dumpWith(b, req) : s.dump(b));
+    Json dump = s.dumpWith != nullptr ? s.dumpWith(b, req) : s.dump(b);
+    /* A dump that could not be taken says why instead of showing nothing. */
+    reply = dump.contains("error") ? Error(dump.value("error", "")) : Ok(dump);
     return true;
 }
 

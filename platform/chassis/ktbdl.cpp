@@ -120,8 +120,9 @@ std::string NameOf(uint32_t ifIndex)
 Json Dump(int board)
 {
     tbdl::plat::KtSnapshot t;
-    if (g_ktbdl.tables[board] != nullptr) {
-        tbdl::plat::KtRead(g_ktbdl.tables[board], t);
+    if (g_ktbdl.tables[board] != nullptr && !tbdl::plat::KtRead(g_ktbdl.tables[board], t)) {
+        return {{"error", "board " + std::to_string(board) + ": the kernel table stayed locked for " +
+                              std::to_string(tbdl::plat::kKtLockWaitS) + " s (is its daemon stopped?)"}};
     }
     Json bundles = Json::array();
     for (const tbdl::plat::KtBundle &kb : t.bundles) {

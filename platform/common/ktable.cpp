@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "chassis_env.h"
 #include "rpc.h"
@@ -211,7 +212,13 @@ void KtClose(KtTable *t) { ShmUnmap(t, sizeof(KtTable)); }
 
 bool KtLockTable(KtTable *t)
 {
-    int rc = pthread_mutex_lock(&t->unLock.stMutex);
+    /* A holder keeps the lock for microseconds: only a stopped one (or a
+     * debugger) makes a caller wait this long, and chassisd, which serves
+     * every board, must not wait for it forever. */
+    timespec stUntil{};
+    clock_gettime(CLOCK_REALTIME, &stUntil);
+    stUntil.tv_sec += kKtLockWaitS;
+    int rc = pthread_mutex_timedlock(&t->unLock.stMutex, &stUntil);
     if (rc == EOWNERDEAD) {
         KtApply(t); /* the dead holder's change, made whole if it was complete */
         rc = pthread_mutex_consistent(&t->unLock.stMutex);

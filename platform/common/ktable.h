@@ -41,6 +41,7 @@ inline constexpr uint32_t kKtInvalid = 22;
 inline constexpr uint32_t kKtNoSpace = 28; /* table or member list full */
 
 inline constexpr uint32_t kKtBroken = 5;  /* the lock cannot be had */
+inline constexpr int kKtLockWaitS = 2;     /* longest wait for the lock */
 
 enum KtCounter : uint32_t { KT_CNT_UPDATE, KT_CNT_ADD, KT_CNT_DEL, KT_CNT_REFUSED, KT_CNT_NUM };
 
@@ -126,7 +127,7 @@ bool KtRead(KtTable *t, KtSnapshot &out);
 
 /* The lock and the two halves of a change, for those who must see them
  * apart. KtLockTable makes the table consistent when the previous holder died
- * with it; KtStage writes a command's change to the redo record and marks
+ * with it, and gives up (false) after kKtLockWaitS seconds; KtStage writes a command's change to the redo record and marks
  * it pending without making it; KtApply makes a pending change. */
 bool KtLockTable(KtTable *t);
 void KtUnlockTable(KtTable *t);

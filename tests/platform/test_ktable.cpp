@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "ktable.h"
 #include "plat_cioctl.h"
 #include "plat_test_env.h"
@@ -47,6 +49,26 @@ protected:
     plattest::TempChassis env;
     KtTable *t = nullptr;
 };
+
+/* A holder that never lets go (a stopped daemon): a command and a read
+ * give up after the wait instead of hanging chassisd, and commands work
+ * again once it lets go. */
+TEST_F(Ktable, AHolderThatNeverLetsGoMakesCallersGiveUp)
+{
+    ASSERT_TRUE(KtLockTable(t));
+    uint32_t rc = 0;
+    bool read = true;
+    std::thread other([&] {
+        rc = Update(5);
+        KtSnapshot s;
+        read = KtRead(t, s);
+    });
+    other.join();
+    EXPECT_EQ(rc, kKtBroken);
+    EXPECT_FALSE(read);
+    KtUnlockTable(t);
+    EXPECT_EQ(Update(5), 0u);
+}
 
 TEST_F(Ktable, FullMemberListAndFullTableRefuseAndCount)
 {
